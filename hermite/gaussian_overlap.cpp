@@ -17,8 +17,8 @@ double GaussianOverlap(const QVGaussian& a, const QVGaussian& b) {
     const double dz = static_cast<double>(a.GetZ()) - b.GetZ();
     const double distanceSquared = dx * dx + dy * dy + dz * dz;
     const double piOverP = 3.141592653589793 / p;
-    return static_cast<double>(a.GetPrefactor()) * b.GetPrefactor() * piOverP *
-           std::sqrt(piOverP) * std::exp(-(ea * eb / p) * distanceSquared);
+    return static_cast<double>(a.GetPrefactor()) * b.GetPrefactor() * piOverP * std::sqrt(piOverP) *
+           std::exp(-(ea * eb / p) * distanceSquared);
 }
 
 double GaussianOverlap(const std::vector<QVGaussian>& a, const std::vector<QVGaussian>& b) {

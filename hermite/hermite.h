@@ -30,7 +30,10 @@
 #include <map>
 #include <vector>
 
+#include "qv/chem.h"
 #include "qv/gaussian.h"
+#include "qv/grid.h"
+#include "qv/opt.h"
 #include "qv/options.h"
 
 namespace QVHermiteMath {
@@ -96,6 +99,33 @@ private:
 };
 
 // =============================================================================================
+// Molecule to Gaussians
+
+/// Gaussians prefactors[i] * exp(-exponents[i] |r - (coords[3i], coords[3i+1], coords[3i+2])|^2)
+/// for i < prefactors.size(), all narrowed to float, tag 0. `exponents` and `coords` must hold
+/// at least as many entries (n and 3n).
+std::vector<QVGaussian> makeGaussians(std::vector<double> prefactors, std::vector<double> exponents,
+                                      std::vector<double> coords);
+
+/// The shape density of points: one Gaussian 2.7 exp(-0.811151803 |r - p|^2) per point (a
+/// carbon-sized Gaussian for every atom, whatever its element). Trailing coordinates that do
+/// not make a whole point are ignored.
+std::vector<QVGaussian> makeShapeGaussians(const std::vector<double>& coords);
+
+/// The electrostatic density of point charges: q / (sqrt(2 pi) w) exp(-|r - p|^2 / (2 w^2))
+/// per point, w = `width` (length units). Zero charges give zero-height Gaussians (kept).
+std::vector<QVGaussian> makeElectrostaticGaussians(const std::vector<double>& coords,
+                                                   const std::vector<double>& charges,
+                                                   double width);
+
+/// The shape density of a molecule: one carbon-sized Gaussian per atom, in atom order.
+std::vector<QVGaussian> QVMolToGaussians(QVChem::QVMol mol);
+
+/// The electrostatic density of a molecule from its partial charges, in atom order (centres
+/// read from the molecule in single precision).
+std::vector<QVGaussian> QVMolToElectroStaticGaussians(QVChem::QVMol mol, double width);
+
+// =============================================================================================
 // Basis indexing
 
 /// Position of (l, m, n) in the lmn order: s(s+1)(s+2)/6 + l(2s + 3 - l)/2 + m with
@@ -148,9 +178,11 @@ double Hermite3DMoment(unsigned int a, unsigned int b, unsigned int c, unsigned 
 /// - SecondArgSecondDeriv: D_k = (v_(k+2) / 4 + k(k-1) v_(k-2) - (k + 1/2) v_k) / s^2.
 /// - FirstArgSecondDeriv: D_k = ((1/4 - k(k+1)/2) v_k - v_(k+2) / 2 + v_(k+4) / 16
 ///   + 2 k(k-1) v_(k-2) + k(k-1)(k-2)(k-3) v_(k-4)) / s^2; v holds n + 5 values.
-/// Applied to the one-axis coefficient table of a Gaussian (`GaussianToHermiteCoefficientsAndDerivs`)
-/// with s = sqrt(2a) / lambda, the first-argument forms give derivatives with respect to s and
-/// the second-argument forms derivatives with respect to the scaled centre sqrt(2a) * x0.
+/// Applied to the one-axis coefficient table of a Gaussian
+/// (`GaussianToHermiteCoefficientsAndDerivs`) with s = sqrt(2a) / lambda, the first-argument forms
+/// give derivatives with respect to s, and the second-argument forms the first and second
+/// derivatives with respect to -y, y = sqrt(2a) * x0 the scaled centre (so that the factor
+/// -sqrt(2a) per order turns them into derivatives with respect to the centre x0).
 std::vector<double> FirstArgDeriv(unsigned int n, double s, const std::vector<double>& v);
 std::vector<double> SecondArgDeriv(unsigned int n, double s, const std::vector<double>& v);
 std::vector<double> SecondArgSecondDeriv(unsigned int n, double s, const std::vector<double>& v);
@@ -175,9 +207,9 @@ double GaussianOverlap(const std::vector<QVGaussian>& a, const std::vector<QVGau
 enum QVTransformFlag : unsigned int {
     NoDerivatives = 0,
     LambdaFirstDerivatives = 1,
-    LambdaSecondDerivatives = 2,        ///< first and second lambda derivatives
+    LambdaSecondDerivatives = 2,  ///< first and second lambda derivatives
     TranslationFirstDerivatives = 3,
-    TranslationSecondDerivatives = 4,   ///< first and second translational derivatives
+    TranslationSecondDerivatives = 4,  ///< first and second translational derivatives
 };
 
 /// The one-axis coefficient tables of one Gaussian for one lambda: 15 vectors, five per axis in
@@ -215,8 +247,8 @@ public:
     /// In lmn order: sum over Gaussians g of f_g X_g[l] Y_g[m] Z_g[n] / (K_l K_m K_n), with
     /// f_g = w_g for p = 0 and w_g (-sqrt(2 a_g))^p otherwise. Serves the coefficients and all
     /// their derivatives.
-    std::vector<double> GetCoefficientsConvolution(unsigned int p, const Tables& X,
-                                                   const Tables& Y, const Tables& Z) const;
+    std::vector<double> GetCoefficientsConvolution(unsigned int p, const Tables& X, const Tables& Y,
+                                                   const Tables& Z) const;
 
     /// dc/dlx, dc/dly, dc/dlz per coefficient, interleaved (three values per coefficient).
     std::vector<double> HermiteCoefficientsLambdaDerivs() const;
@@ -293,5 +325,364 @@ private:
     std::vector<std::vector<double>> translationalSecondDerivs_;
     std::vector<double> kCoeffs_;
 };
+
+// =============================================================================================
+// Euler angles and the coefficient-space rotation and translation matrices
+
+/// Rotation matrices are 9 doubles, row-major (entry 3r + c is row r, column c), acting on
+/// column vectors. Euler angles (a, b, c) are in radians about x, y and z with
+/// R = Rx(a) Ry(b) Rz(c).
+std::vector<double> RotFromEulerXYZ(double a, double b, double c);
+
+/// The Euler angles (a, b, c) of a rotation matrix: a = atan2(-R5, R8),
+/// b = atan2(R2, sqrt(1 - R2^2)) in [-pi/2, pi/2], c = atan2(-R1, R0). Inverse of
+/// RotFromEulerXYZ for -pi/2 < b < pi/2 and a, c in (-pi, pi]. No clamping: |R2| > 1 gives a
+/// NaN b. At gimbal lock (cos b = 0) only a combination of a and c is recoverable.
+std::vector<double> EulerXYZ(const std::vector<double>& R);
+
+/// One square matrix per total degree d = 0..N, each a vector of rows: S[d][i][j].
+using SMatrixSet = std::vector<std::vector<std::vector<double>>>;
+/// A table of rows of possibly different lengths: F[r][c].
+using FMatrix = std::vector<std::vector<double>>;
+
+/// The rotation matrices of one coordinate plane for angle theta: S[d] ((d+1) x (d+1),
+/// orthogonal) expresses the rotated orthonormal 2-D Hermite functions of total degree d in the
+/// unrotated ones (rows: rotated, columns: unrotated); S[0] = [1],
+/// S[1] = [cos, sin; -sin, cos]. Replaces the content of S. Returns true.
+bool BuildSMatrix(unsigned int N, double theta, SMatrixSet& S);
+
+/// dS/dtheta of a set built by BuildSMatrix (same shapes). Returns true.
+bool BuildSMatrixDerivative(unsigned int N, const SMatrixSet& S, SMatrixSet& dS);
+
+/// The one-axis translation table for a shift x in scaled units: R rows r = 0..R-1 with
+/// columns 0..R+Q-2-r. F[0][0] = sqrt(pi) exp(-x^2/4), F[0][c] = x F[0][c-1],
+/// F[r][0] = -x F[r-1][0] and F[r][c] = 2c F[r-1][c-1] - F[r-1][c+1] + 2(r-1) F[r-2][c].
+/// Replaces the content of F. Returns true.
+bool BuildFMatrix(unsigned int R, unsigned int Q, double x, FMatrix& F);
+
+/// dF/dx for rows 0..R-1 and columns 0..Q-1: dF[r][c] = c F[r][c-1] - F[r][c+1] / 2. F must
+/// hold column Q in each of those rows. dF is resized to R rows (existing rows kept, at least
+/// Q entries each). Returns true.
+bool BuildFMatrixDerivative(unsigned int R, unsigned int Q, const FMatrix& F, FMatrix& dF);
+
+// =============================================================================================
+// Lambda self-overlap objective
+
+/// The negated self-overlap -S of the expansion of a fixed density, as a function of the
+/// natural logarithms of the lambdas, for the minimisers: one variable (a common lambda) when
+/// "-UseSingleLambda" is true, else three (x, y, z). Working in log lambda keeps every lambda
+/// positive.
+///
+/// Every evaluation writes the lambdas exp(x) into the object's own options and expands the
+/// density afresh; nothing is cached. Not safe to evaluate from two threads at once.
+class QVHermiteSelfOverlap : public QVOpt::QVFunc2 {
+public:
+    using QVFunc2::operator();
+
+    QVHermiteSelfOverlap(const QVHermiteOptions& options, const std::vector<QVGaussian>& gaussians);
+    ~QVHermiteSelfOverlap() override;
+
+    /// 1 with "-UseSingleLambda" true, else 3.
+    unsigned int NumVar() const override;
+    /// -S at lambdas exp(x).
+    double operator()(const double* x) override;
+    /// Not available: warns "This method has not been implemented yet." and returns false.
+    bool GetFComponents(const double* x) override;
+    /// -S and its gradient in the log lambdas: gradient[i] = -lambda_i dS/dlambda_i.
+    double operator()(const double* x, double* gradient) override;
+    /// Gradient, and with three variables the packed Hessian in the log lambdas (entries
+    /// (x,x), (y,x), (y,y), (z,x), (z,y), (z,z)); with one variable the Hessian is not
+    /// written. Does not compute the value: returns true (1.0).
+    double operator()(const double* x, double* hessian, double* gradient) override;
+
+private:
+    /// Writes exp(x) into the lambda slots and returns the three lambdas.
+    std::vector<double> SetLambdas(const double* x);
+
+    QVHermiteOptions options_;
+    std::vector<QVGaussian> gaussians_;
+};
+
+// =============================================================================================
+// Expansion object
+
+/// The Hermite expansion of one density: coefficients (lmn order), their derivative with
+/// respect to a common lambda, the K table, the self-overlap and its lambda derivative, and the
+/// options actually used. Filled by `Setup`, optionally after choosing the lambdas that
+/// maximise the self-overlap.
+class QVHermite {
+public:
+    /// Expands `gaussians` with `options`. When "-UseOptimalLambdas" is true the lambdas are
+    /// first optimised (one common lambda by BFGS when "-UseSingleLambda" is true, three by
+    /// Newton otherwise, both in log lambda from the current lambdas). The lambdas used, with
+    /// "-UseOptimalLambdas" false, are written back into `options`, so a second `Setup` with
+    /// the same options does not optimise again.
+    void Setup(const std::vector<QVGaussian>& gaussians, QVHermiteOptions& options);
+
+    const std::vector<double>& GetCoefficients() const { return coefficients_; }
+    /// The coefficient at `index` (lmn order); unchecked: index < NumCoefficients().
+    double GetCoefficient(unsigned long index) const { return coefficients_[index]; }
+    /// (N+1)(N+2)(N+3)/6 for the order N of the options in use (unsigned 32-bit arithmetic).
+    unsigned int NumCoefficients() const;
+    /// dc/dlambda for a common lambda, with one extra final entry (0).
+    const std::vector<double>& GetLambdaDerivativeCoefficients() const {
+        return lambdaDerivativeCoefficients_;
+    }
+    const std::vector<double>& GetKCoeffs() const { return kCoeffs_; }
+    double GetSelfOverlap() const { return selfOverlap_; }
+    /// dS/dlambda for a common lambda.
+    double GetLambdaDerivative() const { return selfOverlapLambdaDerivative_; }
+    /// Twice the largest absolute centre coordinate of the last Setup (the smallest positive
+    /// normal double when there were no Gaussians or all sat at the origin).
+    double GetExtent() const { return extent_; }
+    /// The options of the last Setup, with the lambdas used.
+    const QVHermiteOptions& GetOptions() const { return options_; }
+
+    /// Rotates the coefficients in place by the 3 x 3 row-major rotation matrix R: the expanded
+    /// density is turned by R about the origin. The rotation is split into Euler angles
+    /// (EulerXYZ) and applied as rotations about z, y and x, each mixing the coefficients of one
+    /// coordinate plane with the S matrices. Exact for equal lambdas; with unequal lambdas the
+    /// same matrices are applied without correction. Returns true.
+    bool RotateHermites(const std::vector<double>& rotation);
+    /// The same with the nine entries row by row.
+    bool RotateHermites(double r00, double r01, double r02, double r10, double r11, double r12,
+                        double r20, double r21, double r22);
+
+    /// Renders the expansion onto `grid` (see the free CreateGrid) with the order and lambdas
+    /// in use. Returns false, leaving the grid untouched, only for an inconsistent expansion.
+    bool CreateGrid(QVSystem::QVScalarGrid& grid, double spacing, double extent) const;
+    /// The same, then moves the rendered density by `trans` (see the free CreateGrid).
+    bool CreateGrid(QVSystem::QVScalarGrid& grid, double spacing, double extent,
+                    QVChem::QVTrans trans) const;
+
+private:
+    void OptimiseLambdas(const std::vector<QVGaussian>& gaussians);
+
+    double extent_ = 2.2250738585072014e-308;
+    QVHermiteOptions options_;
+    std::vector<double> coefficients_;
+    std::vector<double> lambdaDerivativeCoefficients_;
+    std::vector<double> kCoeffs_;
+    double selfOverlap_ = 0.0;
+    double selfOverlapLambdaDerivative_ = 0.0;
+};
+
+// =============================================================================================
+// Overlap objective
+
+/// The negated overlap of a reference and a fit density, for superposition by a minimiser.
+/// Six variables: x[0..2] = Euler angles (a, b, c) rotating the reference about the origin,
+/// x[3..5] = translation of the fit along x, y, z. Value:
+///
+///     -(sum over l+m+n <= N_ref of A_lmn B_lmn K_l K_m K_n) / (lx ly lz)_ref
+///
+/// with A the rotated reference coefficients and B the translated fit coefficients projected
+/// on the reference basis. For equal lambdas of reference and fit this is minus the overlap
+/// integral of the two expansions. Everything is computed in coefficient space; the analytic
+/// gradient comes with the value in one pass.
+///
+/// Evaluations keep no state; one object is evaluated by one thread at a time.
+class QVHermiteOverlap : public virtual QVOpt::QVFunc1 {
+public:
+    using QVFunc1::operator();
+
+    ~QVHermiteOverlap() override;
+
+    /// Expands the reference (QVHermite::Setup, which may optimise the lambdas and writes the
+    /// options used back into `options`). Must precede the first evaluation. Returns true.
+    bool SetupRef(const std::vector<QVGaussian>& gaussians, QVHermiteOptions& options);
+    /// Expands the fit likewise. Returns true.
+    bool Setup(const std::vector<QVGaussian>& gaussians, QVHermiteOptions& options);
+
+    double GetRefSelfOverlap() const { return reference_.GetSelfOverlap(); }
+    double GetFitSelfOverlap() const { return fit_.GetSelfOverlap(); }
+
+    /// 6.
+    unsigned int NumVar() const override;
+    /// The value at x.
+    double operator()(const double* x) override;
+    /// Not available: warns "This method has not been implemented yet." and returns false.
+    bool GetFComponents(const double* x) override;
+    /// The value at x, with the six gradient entries written to `grad`.
+    double operator()(const double* x, double* grad) override;
+
+    /// The reference coefficients rotated by the three given S-matrix sets (passes z, y, x).
+    void RotateHermiteRef(const SMatrixSet& Sx, const SMatrixSet& Sy, const SMatrixSet& Sz,
+                          std::vector<double>& out) const;
+    /// The same, with the derivatives of the result with respect to the angles a, b, c.
+    void RotateHermiteRefWithDerivatives(const SMatrixSet& Sx, const SMatrixSet& Sy,
+                                         const SMatrixSet& Sz, std::vector<double>& out,
+                                         std::vector<double>& outA, std::vector<double>& outB,
+                                         std::vector<double>& outC) const;
+    /// The fit coefficients translated by the F tables of the three axes and projected on the
+    /// reference basis (lmn order of the reference).
+    void TranslateHermiteFit(const FMatrix& Fx, const FMatrix& Fy, const FMatrix& Fz,
+                             std::vector<double>& out) const;
+    /// The same, with the derivatives with respect to the translations x[3], x[4], x[5].
+    void TranslateHermiteFitWithDerivatives(const FMatrix& Fx, const FMatrix& Fy, const FMatrix& Fz,
+                                            std::vector<double>& out, std::vector<double>& outX,
+                                            std::vector<double>& outY,
+                                            std::vector<double>& outZ) const;
+
+private:
+    /// The F table of axis i for the shift of x[3 + i] (in the fit's scaled units).
+    FMatrix TranslationTable(unsigned int axis, const double* x) const;
+    /// -lambda_fit,i dF/dx of a table: the derivative with respect to the translation.
+    FMatrix TranslationTableDerivative(unsigned int axis, const FMatrix& F) const;
+    /// The separable three-stage product of the fit coefficients with the three tables.
+    void Translate(const FMatrix& Fx, const FMatrix& Fy, const FMatrix& Fz,
+                   std::vector<double>& out) const;
+    /// The product of the three reference lambdas.
+    double ReferenceVolume() const;
+
+    QVHermiteOptions referenceOptions_;
+    QVHermiteOptions fitOptions_;
+    QVHermite reference_;
+    QVHermite fit_;
+    std::vector<double> referenceCoefficients_;
+    std::vector<double> fitCoefficients_;
+    std::vector<double> kTable_;
+};
+
+// =============================================================================================
+// Centre of mass
+
+/// The Hermite centre of mass (m_100 / m_000, m_010 / m_000, m_001 / m_000) of the order-N
+/// expansion of `gaussians` with the given lambdas (used as they are). Does not modify the
+/// Gaussians. No check for a zero zeroth moment.
+std::vector<double> QVHermiteCM(std::vector<QVGaussian>& gaussians, unsigned int order,
+                                double lambdaX, double lambdaY, double lambdaZ, bool singleLambda);
+
+/// Adds t[0], t[1], t[2] to every centre (single-precision additions). Returns true.
+bool QVTranslateGaussians(std::vector<QVGaussian>& gaussians, float* t);
+
+/// The largest absolute value of the elements of a non-empty vector.
+double max_abs(const std::vector<double>& v);
+
+/// Measures the Hermite centre of mass and moves the Gaussians by minus it (rounded to float),
+/// repeatedly, until its largest component is at most `tolerance` or `maxIterations` moves
+/// were made. Returns the sum of all measured centres (the last one included, although the
+/// Gaussians are not moved by it): an estimate of the centre of mass of the Gaussians as they
+/// were passed in. The truncated expansion's centre of mass does not move rigidly with the
+/// density, so the iteration need not converge.
+std::vector<double> QVIterativeSearchOfHermiteCOM(std::vector<QVGaussian>& gaussians,
+                                                  unsigned int order, double lambdaX,
+                                                  double lambdaY, double lambdaZ, double tolerance,
+                                                  unsigned int maxIterations);
+
+/// The Hermite centre of mass found by minimising |c(t)|^2 over a translation t with the Newton
+/// minimiser (tolerance 1e-4, at most 100 iterations) from t = 0: returns -t*. Does not move
+/// the Gaussians.
+std::vector<double> QVOptimizationSearchOfHermiteCOM(std::vector<QVGaussian>& gaussians,
+                                                     unsigned int order, double lambda);
+
+/// The squared length of the Hermite centre of mass of the Gaussians moved by t (rounded to
+/// float), as a function of t = (tx, ty, tz), with its gradient and Hessian. The gradient and
+/// Hessian weight every axis with "-LambdaX" (exact when the three lambdas are equal, as the
+/// searches set them). Evaluations only read the object: concurrent evaluations are safe.
+class QVHermiteCOMFunc : public QVOpt::QVFunc2 {
+public:
+    using QVFunc2::operator();
+
+    QVHermiteCOMFunc(const QVHermiteOptions& options, const std::vector<QVGaussian>& gaussians);
+    ~QVHermiteCOMFunc() override;
+
+    /// 3.
+    unsigned int NumVar() const override;
+    /// f(t) = |c(t)|^2.
+    double operator()(const double* x) override;
+    /// Not available: warns "This method has not been implemented yet." and returns false.
+    bool GetFComponents(const double* x) override;
+    /// f and its gradient.
+    double operator()(const double* x, double* gradient) override;
+    /// f, its gradient and its packed Hessian ((0,0), (1,0), (1,1), (2,0), (2,1), (2,2)). The
+    /// Hessian pointer comes first.
+    double operator()(const double* x, double* hessian, double* gradient) override;
+
+private:
+    /// Row and column of each packed Hessian entry.
+    static constexpr unsigned int kPackedRow[6] = {0, 1, 1, 2, 2, 2};
+    static constexpr unsigned int kPackedColumn[6] = {0, 0, 1, 0, 1, 2};
+
+    /// dc_a/dt (first[a], 3 values), d2c_a/dt dt (second[a], 6 packed values) and the weight
+    /// vector dc_a/dcoef (weights[a]) of the three components of the centre of mass.
+    struct Derivatives {
+        std::vector<double> first[3];
+        std::vector<double> second[3];
+        std::vector<double> weights[3];
+    };
+
+    std::vector<QVGaussian> Moved(const double* x) const;
+    std::vector<double> Centre(std::vector<QVGaussian>& moved) const;
+    Derivatives Differentiate(const std::vector<QVGaussian>& moved, const std::vector<double>& c,
+                              unsigned int flag) const;
+    static void WriteGradient(const std::vector<double>& c, const Derivatives& d, double* gradient);
+
+    QVHermiteOptions options_;
+    std::vector<QVGaussian> gaussians_;
+};
+
+// =============================================================================================
+// Inertial orientation
+
+/// Turns `gaussians` into the frame of their Hermite moments of inertia. Computes the
+/// translation that carries their Hermite centre of mass to the origin
+/// (-QVOptimizationSearchOfHermiteCOM with the mean lambda) without applying it; the second
+/// moment tensor M of the order-N expansion with the given lambdas (raw moments (2,0,0),
+/// (0,2,0), (0,0,2), (1,1,0), (1,0,1), (0,1,1), returned in `inertia` as three rows); its
+/// eigenvalues, largest first (`eigenvalues`); and the rotation whose rows are the matching
+/// eigenvectors, made right-handed by negating all three when their determinant is negative
+/// (`rotation`, 9 doubles row-major). The centres are rotated by it in place. The return value
+/// is a status that is false on every normal completion.
+bool QVOrientByHermiteMomentsOfInertia(std::vector<QVGaussian>& gaussians, unsigned int order,
+                                       double lambdaX, double lambdaY, double lambdaZ,
+                                       std::vector<double>& translation,
+                                       std::vector<double>& rotation,
+                                       std::vector<std::vector<double>>& inertia,
+                                       std::vector<double>& eigenvalues);
+
+/// The same with one lambda for all three axes.
+bool QVOrientByHermiteMomentsOfInertia(std::vector<QVGaussian>& gaussians, unsigned int order,
+                                       double lambda, std::vector<double>& translation,
+                                       std::vector<double>& rotation,
+                                       std::vector<std::vector<double>>& inertia,
+                                       std::vector<double>& eigenvalues);
+
+/// Sorts three eigenvalues high to low (ties keep their order) and turns the eigenvectors from
+/// column layout (eigenvectors[r][c] = component r of vector c) into row layout
+/// (eigenvectors[k] = the k-th vector). With a NaN eigenvalue it warns "Unexpected conditional
+/// logical error." and keeps the solver's order.
+void OrderEigenvaluesHighToLow(std::vector<double>& eigenvalues,
+                               std::vector<std::vector<double>>& eigenvectors);
+
+/// Appends the three row-layout eigenvectors, one after the other, to `rotation` (which the
+/// caller passes empty): a row-major rotation matrix whose rows are the axes.
+void ComputeRotationMatrix(const std::vector<std::vector<double>>& eigenvectors,
+                           std::vector<double>& rotation);
+
+/// Rotates every centre by the row-major 3 x 3 matrix (computed in double, stored as float).
+void QVRotateGaussians(std::vector<QVGaussian>& gaussians, const std::vector<double>& rotation);
+
+// =============================================================================================
+// Grid rendering
+
+/// Renders an order-N expansion, coefficients in lexicographic order (`reorder`), onto a cubic
+/// grid: n = trunc((extent + 6) / spacing + 1) + 1 points per axis, at least 5 and at most 300
+/// (a finer spacing is clamped with a warning), spaced `spacing`, about the grid's centre;
+/// every point gets sum of c_lmn H_l(lx x) H_m(ly y) H_n(lz z) exp(-(lx^2 x^2 + ...)/2). A
+/// spacing whose point count cannot be represented (zero, infinite, NaN) is a fatal error.
+/// Returns false, leaving the grid untouched, when `coeffs` does not have
+/// (N+1)(N+2)(N+3)/6 entries.
+bool CreateGrid(unsigned int N, const std::vector<double>& coeffs, double extent,
+                QVSystem::QVScalarGrid& grid, double spacing, double lambdaX, double lambdaY,
+                double lambdaZ);
+
+/// Renders as above, then moves the rendered density by the rigid transform (rotation about
+/// the origin, then translation) and resamples it onto the same grid by trilinear
+/// interpolation. Always returns true, also when the rendering itself refused the coefficients
+/// (the grid is then transformed as it was).
+bool CreateGrid(unsigned int N, const std::vector<double>& coeffs, double extent,
+                QVSystem::QVScalarGrid& grid, double spacing, double lambdaX, double lambdaY,
+                double lambdaZ, QVChem::QVTrans trans);
 
 }  // namespace QVHermiteMath

@@ -27,12 +27,12 @@ QVHermiteOptions::QVHermiteOptions() : QVOptions("Hermite Options", 6, 0) {
     order->AddLegalRange("100", "0");
     SetParameter(NPolyMaxSlot, std::move(order));
 
-    SetParameter(LambdaXSlot, MakeParameter<QVDoubleParameter>(
-                                  "-LambdaX", 1.0, "Exponential X Width Coefficient."));
-    SetParameter(LambdaYSlot, MakeParameter<QVDoubleParameter>(
-                                  "-LambdaY", 1.0, "Exponential Y Width Coefficient."));
-    SetParameter(LambdaZSlot, MakeParameter<QVDoubleParameter>(
-                                  "-LambdaZ", 1.0, "Exponential Z Width Coefficient."));
+    SetParameter(LambdaXSlot, MakeParameter<QVDoubleParameter>("-LambdaX", 1.0,
+                                                               "Exponential X Width Coefficient."));
+    SetParameter(LambdaYSlot, MakeParameter<QVDoubleParameter>("-LambdaY", 1.0,
+                                                               "Exponential Y Width Coefficient."));
+    SetParameter(LambdaZSlot, MakeParameter<QVDoubleParameter>("-LambdaZ", 1.0,
+                                                               "Exponential Z Width Coefficient."));
 
     // Booleans take no range; registering one is a no-op kept so that every parameter is
     // built the same way.
@@ -50,7 +50,9 @@ QVHermiteOptions::QVHermiteOptions() : QVOptions("Hermite Options", 6, 0) {
 
 QVHermiteOptions::~QVHermiteOptions() = default;
 
-QVHermiteOptions* QVHermiteOptions::CreateCopy() const { return new QVHermiteOptions(*this); }
+QVHermiteOptions* QVHermiteOptions::CreateCopy() const {
+    return new QVHermiteOptions(*this);
+}
 
 // The slots are filled by the constructor; a caller who puts a parameter of another type into
 // one has broken the object, which is reported as a fatal error rather than misread.
@@ -66,7 +68,8 @@ const Parameter& QVHermiteOptions::Typed(Slot slot) const {
 
 template <class Parameter>
 Parameter& QVHermiteOptions::Typed(Slot slot) {
-    return const_cast<Parameter&>(static_cast<const QVHermiteOptions*>(this)->Typed<Parameter>(slot));
+    return const_cast<Parameter&>(
+        static_cast<const QVHermiteOptions*>(this)->Typed<Parameter>(slot));
 }
 
 namespace {

@@ -16,6 +16,7 @@
 #include <cmath>
 
 #include "hermite/hermite.h"
+#include "hermite/internal.h"
 
 namespace QVHermiteMath {
 
@@ -29,12 +30,6 @@ enum TablePosition : unsigned int {
     kTranslationSecond = 3,
     kLambdaSecond = 4,
 };
-
-/// Number of coefficients of an order-N expansion.
-std::size_t CoefficientCount(unsigned int N) {
-    const std::size_t n = N;
-    return (n + 1) * (n + 2) * (n + 3) / 6;
-}
 
 /// K_l K_m K_n for every coefficient, in lmn order.
 std::vector<double> KProducts(unsigned int N, const std::vector<double>& k) {
@@ -146,8 +141,7 @@ QVGaussianToHermite::Tables QVGaussianToHermite::Gather(unsigned int axis,
     return gathered;
 }
 
-std::vector<double> QVGaussianToHermite::GetCoefficientsConvolution(unsigned int p,
-                                                                    const Tables& X,
+std::vector<double> QVGaussianToHermite::GetCoefficientsConvolution(unsigned int p, const Tables& X,
                                                                     const Tables& Y,
                                                                     const Tables& Z) const {
     const unsigned int N = Order();
@@ -158,9 +152,10 @@ std::vector<double> QVGaussianToHermite::GetCoefficientsConvolution(unsigned int
     for (std::size_t g = 0; g < gaussians_.size(); ++g) {
         const double w = gaussians_[g].GetPrefactor();
         const double f =
-            p == 0 ? w
-                   : w * std::pow(-std::sqrt(2.0 * static_cast<double>(gaussians_[g].GetExponent())),
-                                  static_cast<double>(p));
+            p == 0
+                ? w
+                : w * std::pow(-std::sqrt(2.0 * static_cast<double>(gaussians_[g].GetExponent())),
+                               static_cast<double>(p));
         const double* x = X[g].data();
         const double* y = Y[g].data();
         const double* z = Z[g].data();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <sstream>
@@ -58,7 +59,8 @@ bool QVTypedParameter<double>::Parse(const std::string& text, double& value) {
     errno = 0;
     char* end = nullptr;
     const double parsed = std::strtod(t.c_str(), &end);
-    if (errno == ERANGE || *end != '\0') {
+    // Settings are finite numbers: "nan", "inf" and overflowing text are refused.
+    if (errno == ERANGE || *end != '\0' || !std::isfinite(parsed)) {
         return false;
     }
     value = parsed;
@@ -97,7 +99,13 @@ std::string QVTypedParameter<bool>::ToText(const bool& value) {
 
 template <class T>
 bool QVTypedParameter<T>::SetValue(const T& value, unsigned int index) {
-    if (hasRange_ && (value < minimum_ || value > maximum_)) {
+    if (index >= kMaxIndex) {
+        QVThrow.Warning("Index %u of option %s is not below %u.", index, GetName().c_str(),
+                        kMaxIndex);
+        return false;
+    }
+    // Written so that a NaN, which compares false with everything, is out of range too.
+    if (hasRange_ && !(value >= minimum_ && value <= maximum_)) {
         QVThrow.Warning("Value %s of option %s is outside its legal range %s to %s.",
                         ToText(value).c_str(), GetName().c_str(), ToText(minimum_).c_str(),
                         ToText(maximum_).c_str());
@@ -151,7 +159,9 @@ std::unique_ptr<QVParameter> QVBoolParameter::Clone() const {
     return std::make_unique<QVBoolParameter>(*this);
 }
 
-bool QVBoolParameter::AddLegalRange(const std::string&, const std::string&) { return false; }
+bool QVBoolParameter::AddLegalRange(const std::string&, const std::string&) {
+    return false;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Options.
@@ -181,7 +191,9 @@ QVOptions& QVOptions::operator=(const QVOptions& other) {
 
 QVOptions::~QVOptions() = default;
 
-QVOptions* QVOptions::CreateCopy() const { return new QVOptions(*this); }
+QVOptions* QVOptions::CreateCopy() const {
+    return new QVOptions(*this);
+}
 
 const std::unique_ptr<QVParameter>& QVOptions::CheckedSlot(unsigned int slot) const {
     if (slot >= slots_.size()) {
@@ -196,7 +208,9 @@ void QVOptions::SetParameter(unsigned int slot, std::unique_ptr<QVParameter> par
     slots_[slot] = std::move(parameter);
 }
 
-QVParameter* QVOptions::GetParameter(unsigned int slot) { return CheckedSlot(slot).get(); }
+QVParameter* QVOptions::GetParameter(unsigned int slot) {
+    return CheckedSlot(slot).get();
+}
 
 const QVParameter* QVOptions::GetParameter(unsigned int slot) const {
     return CheckedSlot(slot).get();
@@ -234,9 +248,13 @@ bool QVOptions::Get(const std::string& name, unsigned int& value) const {
     return GetTyped(name, value);
 }
 
-bool QVOptions::Get(const std::string& name, double& value) const { return GetTyped(name, value); }
+bool QVOptions::Get(const std::string& name, double& value) const {
+    return GetTyped(name, value);
+}
 
-bool QVOptions::Get(const std::string& name, bool& value) const { return GetTyped(name, value); }
+bool QVOptions::Get(const std::string& name, bool& value) const {
+    return GetTyped(name, value);
+}
 
 std::string QVOptions::Describe() const {
     std::ostringstream out;
@@ -245,8 +263,8 @@ std::string QVOptions::Describe() const {
         if (!parameter) {
             continue;
         }
-        out << "  " << parameter->GetName() << " (default " << parameter->GetDefaultText()
-            << ") " << parameter->GetBrief() << '\n';
+        out << "  " << parameter->GetName() << " (default " << parameter->GetDefaultText() << ") "
+            << parameter->GetBrief() << '\n';
     }
     return out.str();
 }

@@ -22,6 +22,9 @@ namespace QVSystem {
 /// The type-independent part of a parameter: name, brief text and the per-index has-value state.
 class QVParameter {
 public:
+    /// Values are stored per index 0 .. kMaxIndex - 1.
+    static constexpr unsigned int kMaxIndex = 1024;
+
     explicit QVParameter(std::string name) : name_(std::move(name)) {}
     virtual ~QVParameter() = default;
 
@@ -97,7 +100,8 @@ public:
     }
 
     /// Sets the value at `index` after checking the legal range. Returns false with a warning
-    /// through `QVThrow` when the value is outside the range.
+    /// through `QVThrow` when the value is outside the range (NaN always is, when there is a
+    /// range) or the index is not below `kMaxIndex`.
     virtual bool SetValue(const T& value, unsigned int index = 0);
 
     bool SetValueFromText(const std::string& text, unsigned int index = 0) override;

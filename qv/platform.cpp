@@ -2,6 +2,8 @@
 
 namespace QVPlatform {
 
-std::size_t QVGetAllocaThreshold() { return std::size_t{64} * 1024; }
+std::size_t QVGetAllocaThreshold() {
+    return std::size_t{64} * 1024;
+}
 
 }  // namespace QVPlatform
