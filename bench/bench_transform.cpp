@@ -4,9 +4,9 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
-#include <random>
 #include <vector>
 
+#include "bench_data.h"
 #include "hermite/hermite.h"
 
 namespace {
@@ -14,44 +14,14 @@ namespace {
 using QVHermiteMath::QVGaussianToHermite;
 using QVHermiteMath::QVHermiteOptions;
 using QVSystem::QVGaussian;
-
-constexpr unsigned int kGaussianCount = 25;
-constexpr float kPrefactor = 2.7f;
-constexpr float kExponent = 0.811151803f;
-constexpr float kBoxEdge = 6.0f;  // angstrom
-constexpr double kLambda = 0.56;
-
-/// A fixed drug-like arrangement: centres spread over a box of edge kBoxEdge centred on the
-/// origin. The raw engine output is scaled by hand (the standard distributions are not the same
-/// on every standard library), so every run and every platform times the same density.
-std::vector<QVGaussian> DrugLikeGaussians() {
-    std::mt19937 engine(20240611u);
-    const auto coordinate = [&engine] {
-        const double unit = static_cast<double>(engine()) / 4294967296.0;  // [0, 1)
-        return static_cast<float>(kBoxEdge * (unit - 0.5));
-    };
-    std::vector<QVGaussian> gaussians;
-    gaussians.reserve(kGaussianCount);
-    for (unsigned int i = 0; i < kGaussianCount; ++i) {
-        const float x = coordinate();
-        const float y = coordinate();
-        const float z = coordinate();
-        const float centre[3] = {x, y, z};
-        gaussians.emplace_back(kPrefactor, kExponent, centre, i);
-    }
-    return gaussians;
-}
+using namespace hermite_bench;
 
 /// Arguments: the order N and the derivative flag (QVTransformFlag, 0 to 4).
 void BM_GaussianToHermite(benchmark::State& state) {
     const auto order = static_cast<unsigned int>(state.range(0));
     const auto flag = static_cast<unsigned int>(state.range(1));
 
-    QVHermiteOptions options;
-    options.SetNPolyMax(order);
-    for (unsigned int axis = 0; axis < 3; ++axis) {
-        options.SetLambda(axis, kLambda);
-    }
+    const QVHermiteOptions options = FixedLambdaOptions(order);
     const std::vector<QVGaussian> gaussians = DrugLikeGaussians();
 
     for (auto _ : state) {
