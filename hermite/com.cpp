@@ -15,19 +15,6 @@ namespace QVHermiteMath {
 
 namespace {
 
-/// Options for an expansion with the given order and lambdas, used as they are.
-QVHermiteOptions FixedLambdaOptions(unsigned int order, double lambdaX, double lambdaY,
-                                    double lambdaZ, bool singleLambda) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(order);
-    options.SetLambda(0, lambdaX);
-    options.SetLambda(1, lambdaY);
-    options.SetLambda(2, lambdaZ);
-    options.SetUseOptimalLambdas(false);
-    options.SetUseSingleLambda(singleLambda);
-    return options;
-}
-
 /// The coefficients of the expansion of `gaussians` with `options` (a copy: Setup writes the
 /// options used back).
 std::vector<double> ExpansionCoefficients(const std::vector<QVGaussian>& gaussians,
@@ -103,13 +90,7 @@ std::vector<double> QVOptimizationSearchOfHermiteCOM(std::vector<QVGaussian>& ga
     QVOpt::QVNewtonOpt minimiser;
     minimiser.SetTolerance(0.0001);
     minimiser.SetIterLimit(100);
-    QVHermiteOptions options;
-    options.SetLambda(0, lambda);
-    options.SetLambda(1, lambda);
-    options.SetLambda(2, lambda);
-    options.SetUseOptimalLambdas(false);
-    options.SetNPolyMax(order);
-    QVHermiteCOMFunc objective(options, gaussians);
+    QVHermiteCOMFunc objective(FixedLambdaOptions(order, lambda, lambda, lambda, true), gaussians);
     const double start[3] = {0.0, 0.0, 0.0};
     double solution[3] = {0.0, 0.0, 0.0};
     minimiser(objective, nullptr, start, solution);

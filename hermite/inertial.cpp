@@ -5,6 +5,7 @@
 #include <Eigen/Dense>
 
 #include "hermite/hermite.h"
+#include "hermite/internal.h"
 #include "qv/error.h"
 
 namespace QVHermiteMath {
@@ -62,12 +63,8 @@ bool QVOrientByHermiteMomentsOfInertia(std::vector<QVGaussian>& gaussians, unsig
         translation.push_back(-c);
     }
 
-    QVHermiteOptions options;
-    options.SetNPolyMax(order);
-    options.SetLambda(0, lambdaX);
-    options.SetLambda(1, lambdaY);
-    options.SetLambda(2, lambdaZ);
-    options.SetUseOptimalLambdas(false);
+    // "-UseSingleLambda" keeps its default; it has no effect with fixed lambdas.
+    QVHermiteOptions options = FixedLambdaOptions(order, lambdaX, lambdaY, lambdaZ, true);
     QVHermite expansion;
     expansion.Setup(gaussians, options);
     const std::vector<double> coef = expansion.GetCoefficients();

@@ -27,6 +27,12 @@ inline std::size_t CoefficientCount(unsigned int N) {
 void RotatePass(unsigned int N, const std::vector<double>& K, const SMatrixSet& S,
                 const std::vector<double>& in, std::vector<double>& out);
 
+/// Options of order `order` with the given lambdas, used as they are ("-UseOptimalLambdas"
+/// false), and "-UseSingleLambda" set to `singleLambda`. The values are set in slot order 0, 1,
+/// 2, 3, 5, 4.
+QVHermiteOptions FixedLambdaOptions(unsigned int order, double lambdaX, double lambdaY,
+                                    double lambdaZ, bool singleLambda);
+
 /// Reports that an objective has no per-component evaluation.
 bool WarnNotImplemented();
 

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "hermite/hermite.h"
+#include "hermite/internal.h"
 #include "qv/error.h"
 
 namespace QVHermiteMath {
@@ -118,6 +119,18 @@ bool QVHermiteOptions::SetUseSingleLambda(bool value) {
 
 bool QVHermiteOptions::SetUseOptimalLambdas(bool value) {
     return Typed<QVBoolParameter>(UseOptimalLambdasSlot).SetValue(value, 0);
+}
+
+QVHermiteOptions FixedLambdaOptions(unsigned int order, double lambdaX, double lambdaY,
+                                    double lambdaZ, bool singleLambda) {
+    QVHermiteOptions options;
+    options.SetNPolyMax(order);
+    options.SetLambda(0, lambdaX);
+    options.SetLambda(1, lambdaY);
+    options.SetLambda(2, lambdaZ);
+    options.SetUseOptimalLambdas(false);
+    options.SetUseSingleLambda(singleLambda);
+    return options;
 }
 
 }  // namespace QVHermiteMath

@@ -1,5 +1,5 @@
-// A consumer of the library built from its source tree: expands one Gaussian and compares the
-// self-overlap of the order-0 expansion with its closed form. Exits with 1 on a mismatch.
+// A consumer of the library, shared by the packaging tests: expands one Gaussian and compares
+// the self-overlap of the order-0 expansion with its closed form. Exits with 1 on a mismatch.
 
 #include <cmath>
 #include <cstdio>
