@@ -1,5 +1,6 @@
 // Densities of molecules: shape Gaussians (one carbon-sized Gaussian per atom) and
-// electrostatic Gaussians (one normalised Gaussian per atom, weighted by its partial charge).
+// electrostatic Gaussians (one Gaussian per atom of width w and height q / (sqrt(2 pi) w), the
+// one-dimensional normal density scaled by the partial charge q; its integral is 2 pi w^2 q).
 
 #include "hermite/hermite.h"
 
