@@ -1,0 +1,137 @@
+#include "overlay/exact_overlap.h"
+
+#include <cmath>
+
+namespace hermite::overlay {
+
+namespace {
+
+constexpr double kPi = 3.141592653589793;
+
+/// The 3 x 3 row-major product a b.
+void Multiply(const double* a, const double* b, double* out) {
+    for (int i = 0; i < 3; ++i) {
+        for (int j = 0; j < 3; ++j) {
+            out[3 * i + j] = a[3 * i] * b[j] + a[3 * i + 1] * b[3 + j] + a[3 * i + 2] * b[6 + j];
+        }
+    }
+}
+
+/// Rx(a) Ry(b) Rz(c) and its derivatives with respect to a, b and c.
+void RotationAndDerivatives(const double* angles, double* R, double (*dR)[9]) {
+    double s[3], c[3];
+    for (int k = 0; k < 3; ++k) {
+        ::sincos(angles[k], &s[k], &c[k]);
+    }
+    const double Rx[9] = {1, 0, 0, 0, c[0], -s[0], 0, s[0], c[0]};
+    const double Ry[9] = {c[1], 0, s[1], 0, 1, 0, -s[1], 0, c[1]};
+    const double Rz[9] = {c[2], -s[2], 0, s[2], c[2], 0, 0, 0, 1};
+    const double dRx[9] = {0, 0, 0, 0, -s[0], -c[0], 0, c[0], -s[0]};
+    const double dRy[9] = {-s[1], 0, c[1], 0, 0, 0, -c[1], 0, -s[1]};
+    const double dRz[9] = {-s[2], -c[2], 0, c[2], -s[2], 0, 0, 0, 0};
+    double tmp[9];
+    Multiply(Ry, Rz, tmp);
+    Multiply(Rx, tmp, R);
+    Multiply(dRx, tmp, dR[0]);
+    Multiply(dRy, Rz, tmp);
+    Multiply(Rx, tmp, dR[1]);
+    Multiply(Ry, dRz, tmp);
+    Multiply(Rx, tmp, dR[2]);
+}
+
+void Apply(const double* R, const double* p, double* out) {
+    for (int i = 0; i < 3; ++i) {
+        out[i] = R[3 * i] * p[0] + R[3 * i + 1] * p[1] + R[3 * i + 2] * p[2];
+    }
+}
+
+}  // namespace
+
+ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGaussian>& fixed,
+                                             const std::vector<QVSystem::QVGaussian>& moving)
+    : centre_{0.0, 0.0, 0.0} {
+    for (const QVSystem::QVGaussian& g : fixed) {
+        fixed_.push_back({{g.GetX(), g.GetY(), g.GetZ()}, g.GetPrefactor(), g.GetExponent()});
+    }
+    for (const QVSystem::QVGaussian& g : moving) {
+        centre_[0] += g.GetX();
+        centre_[1] += g.GetY();
+        centre_[2] += g.GetZ();
+    }
+    const double count = moving.empty() ? 1.0 : static_cast<double>(moving.size());
+    for (double& c : centre_) {
+        c /= count;
+    }
+    for (const QVSystem::QVGaussian& g : moving) {
+        moving_.push_back({{g.GetX() - centre_[0], g.GetY() - centre_[1], g.GetZ() - centre_[2]},
+                           g.GetPrefactor(),
+                           g.GetExponent()});
+    }
+}
+
+QVChem::QVTrans ExactOverlapObjective::Motion(const double* y) const {
+    double R[9], dR[3][9];
+    RotationAndDerivatives(y, R, dR);
+    // p -> R (p - g) + g + t = R p + (g + t - R g).
+    double Rg[3];
+    Apply(R, centre_, Rg);
+    const double translation[3] = {centre_[0] + y[3] - Rg[0], centre_[1] + y[4] - Rg[1],
+                                   centre_[2] + y[5] - Rg[2]};
+    return QVChem::QVTrans(R, translation);
+}
+
+double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const {
+    double R[9], dR[3][9];
+    RotationAndDerivatives(y, R, dR);
+    double overlap = 0.0;
+    double g[6] = {0, 0, 0, 0, 0, 0};
+    for (const Point& m : moving_) {
+        double p[3];
+        Apply(R, m.x, p);
+        for (int i = 0; i < 3; ++i) {
+            p[i] += centre_[i] + y[3 + i];
+        }
+        // dO/dp of this moving centre: sum over fixed centres of 2 k C e (q - p).
+        double force[3] = {0, 0, 0};
+        for (const Point& f : fixed_) {
+            const double d[3] = {f.x[0] - p[0], f.x[1] - p[1], f.x[2] - p[2]};
+            const double distanceSquared = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
+            const double exponentSum = f.exponent + m.exponent;
+            const double k = f.exponent * m.exponent / exponentSum;
+            if (k * distanceSquared > kCutoff) {
+                continue;
+            }
+            const double piOverP = kPi / exponentSum;
+            const double term = f.prefactor * m.prefactor * piOverP * std::sqrt(piOverP) *
+                                std::exp(-k * distanceSquared);
+            overlap += term;
+            for (int i = 0; i < 3; ++i) {
+                force[i] += 2.0 * k * term * d[i];
+            }
+        }
+        if (gradient != nullptr) {
+            for (int a = 0; a < 3; ++a) {
+                double dp[3];
+                Apply(dR[a], m.x, dp);
+                g[a] += force[0] * dp[0] + force[1] * dp[1] + force[2] * dp[2];
+                g[3 + a] += force[a];
+            }
+        }
+    }
+    if (gradient != nullptr) {
+        for (int i = 0; i < 6; ++i) {
+            gradient[i] = -g[i];
+        }
+    }
+    return overlap;
+}
+
+double ExactOverlapObjective::operator()(const double* y) {
+    return -Evaluate(y, nullptr);
+}
+
+double ExactOverlapObjective::operator()(const double* y, double* gradient) {
+    return -Evaluate(y, gradient);
+}
+
+}  // namespace hermite::overlay

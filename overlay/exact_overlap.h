@@ -1,0 +1,49 @@
+/// \file
+/// The exact overlap of two Gaussian densities as a function of a rigid motion of the second,
+/// with its analytic gradient: the objective of the final refinement of an overlay.
+#pragma once
+
+#include <vector>
+
+#include "hermite/hermite.h"
+
+namespace hermite::overlay {
+
+/// -O(y), O the overlap integral of `fixed` with `moving` after the motion y = (a, b, c, tx, ty,
+/// tz): every centre p of `moving` goes to Rx(a) Ry(b) Rz(c) (p - g) + g + t, g the mean centre
+/// of `moving` (so that the angles turn the density about itself). Pair terms whose exponent
+/// factor exceeds kCutoff (contributing below e^-kCutoff of their prefactor) are skipped.
+///
+/// Thread safety: evaluation only reads the object.
+class ExactOverlapObjective : public QVOpt::QVFunc1 {
+public:
+    using QVFunc1::operator();
+
+    /// Pairs with (a_i a_j / (a_i + a_j)) |p_i - p_j|^2 above this are skipped.
+    static constexpr double kCutoff = 30.0;
+
+    ExactOverlapObjective(const std::vector<QVSystem::QVGaussian>& fixed,
+                          const std::vector<QVSystem::QVGaussian>& moving);
+
+    unsigned int NumVar() const override { return 6; }
+    double operator()(const double* y) override;
+    double operator()(const double* y, double* gradient) override;
+
+    /// The motion y as a transform p -> R (p - g) + g + t.
+    QVChem::QVTrans Motion(const double* y) const;
+
+private:
+    struct Point {
+        double x[3];
+        double prefactor;
+        double exponent;
+    };
+    /// O and, when `gradient` is not null, dO/dy.
+    double Evaluate(const double* y, double* gradient) const;
+
+    std::vector<Point> fixed_;
+    std::vector<Point> moving_;  // relative to g
+    double centre_[3];
+};
+
+}  // namespace hermite::overlay

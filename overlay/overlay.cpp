@@ -1,0 +1,321 @@
+#include "overlay/overlay.h"
+
+#include <Eigen/Dense>
+#include <algorithm>
+#include <cmath>
+#include <random>
+
+#include "overlay/exact_overlap.h"
+#include "overlay/fast_overlap.h"
+
+namespace hermite::overlay {
+
+using QVChem::QVMol;
+using QVChem::QVTrans;
+using QVSystem::QVGaussian;
+
+namespace {
+
+constexpr double kPi = 3.141592653589793;
+
+/// The rigid transform into the principal frame of a density: its exact centroid to the origin,
+/// the eigenvectors of its exact second-moment tensor, largest moment first, onto x, y, z, with
+/// a right-handed frame. For a Gaussian w exp(-a |r - p|^2) of mass W = w (pi / a)^(3/2), the
+/// density's moments are sums over Gaussians of W p (first) and W (p p' + I / (2a)) (second).
+QVTrans PrincipalFrame(const std::vector<QVGaussian>& gaussians) {
+    Eigen::Vector3d centroid = Eigen::Vector3d::Zero();
+    double mass = 0.0;
+    for (const QVGaussian& g : gaussians) {
+        const double W = g.GetPrefactor() * std::pow(kPi / g.GetExponent(), 1.5);
+        centroid += W * Eigen::Vector3d(g.GetX(), g.GetY(), g.GetZ());
+        mass += W;
+    }
+    centroid /= mass;
+    Eigen::Matrix3d tensor = Eigen::Matrix3d::Zero();
+    for (const QVGaussian& g : gaussians) {
+        const double W = g.GetPrefactor() * std::pow(kPi / g.GetExponent(), 1.5);
+        const Eigen::Vector3d d = Eigen::Vector3d(g.GetX(), g.GetY(), g.GetZ()) - centroid;
+        tensor += W * (d * d.transpose() + Eigen::Matrix3d::Identity() / (2.0 * g.GetExponent()));
+    }
+    const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> solver(tensor);
+    Eigen::Matrix3d axes;  // rows: eigenvectors, largest eigenvalue first
+    for (int k = 0; k < 3; ++k) {
+        axes.row(k) = solver.eigenvectors().col(2 - k).transpose();
+    }
+    if (axes.determinant() < 0.0) {
+        axes.row(2) = -axes.row(2);
+    }
+    const Eigen::Vector3d shift = -(axes * centroid);
+    double rotation[9];
+    for (int i = 0; i < 3; ++i) {
+        for (int j = 0; j < 3; ++j) {
+            rotation[3 * i + j] = axes(i, j);
+        }
+    }
+    const double translation[3] = {shift(0), shift(1), shift(2)};
+    return QVTrans(rotation, translation);
+}
+
+/// Gaussians moved by a rigid transform (computed in double, stored as float).
+std::vector<QVGaussian> Moved(const std::vector<QVGaussian>& gaussians, const QVTrans& motion) {
+    std::vector<QVGaussian> moved = gaussians;
+    for (QVGaussian& g : moved) {
+        double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        motion.Apply(p);
+        g.SetX(static_cast<float>(p[0]));
+        g.SetY(static_cast<float>(p[1]));
+        g.SetZ(static_cast<float>(p[2]));
+    }
+    return moved;
+}
+
+/// A 3 x 3 row-major rotation as a transform.
+QVTrans Rotation(const double* R) {
+    const double zero[3] = {0.0, 0.0, 0.0};
+    return QVTrans(R, zero);
+}
+
+/// A uniformly distributed random rotation (from a unit quaternion with normally distributed
+/// components), drawn from the engine's raw output so that every platform draws the same.
+std::vector<double> RandomRotation(std::mt19937_64& engine) {
+    const auto uniform = [&engine] {
+        return (static_cast<double>(engine() >> 11) + 0.5) / 9007199254740992.0;  // (0, 1)
+    };
+    double q[4];
+    for (int i = 0; i < 4; i += 2) {
+        // Box-Muller: two normal deviates from two uniform ones.
+        const double radius = std::sqrt(-2.0 * std::log(uniform()));
+        const double angle = 2.0 * kPi * uniform();
+        q[i] = radius * std::cos(angle);
+        q[i + 1] = radius * std::sin(angle);
+    }
+    const double norm = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+    const double w = q[0] / norm, x = q[1] / norm, y = q[2] / norm, z = q[3] / norm;
+    return {1 - 2 * (y * y + z * z), 2 * (x * y - w * z),     2 * (x * z + w * y),
+            2 * (x * y + w * z),     1 - 2 * (x * x + z * z), 2 * (y * z - w * x),
+            2 * (x * z - w * y),     2 * (y * z + w * x),     1 - 2 * (x * x + y * y)};
+}
+
+/// The starting orientations of the fit: the identity, the three half-turns about the axes,
+/// then `extra` random rotations.
+std::vector<std::vector<double>> StartRotations(unsigned int extra, std::uint64_t seed) {
+    std::vector<std::vector<double>> starts = {
+        {1, 0, 0, 0, 1, 0, 0, 0, 1},
+        {1, 0, 0, 0, -1, 0, 0, 0, -1},
+        {-1, 0, 0, 0, 1, 0, 0, 0, -1},
+        {-1, 0, 0, 0, -1, 0, 0, 0, 1},
+    };
+    std::mt19937_64 engine(seed);
+    for (unsigned int i = 0; i < extra; ++i) {
+        starts.push_back(RandomRotation(engine));
+    }
+    return starts;
+}
+
+/// The coefficients of the expansion turned by a rotation. Half-turns about the axes only
+/// change signs: diag(sx, sy, sz) multiplies c_lmn by sx^l sy^m sz^n.
+std::vector<double> RotatedCoefficients(const QVHermiteMath::QVHermite& expansion,
+                                        const std::vector<double>& R) {
+    const bool diagonal =
+        R[1] == 0 && R[2] == 0 && R[3] == 0 && R[5] == 0 && R[6] == 0 && R[7] == 0;
+    if (!diagonal) {
+        QVHermiteMath::QVHermite copy = expansion;
+        copy.RotateHermites(R);
+        return copy.GetCoefficients();
+    }
+    std::vector<double> coefficients = expansion.GetCoefficients();
+    const unsigned int N = expansion.GetOptions().GetNPolyMax();
+    std::size_t index = 0;
+    for (unsigned int s = 0; s <= N; ++s) {
+        for (unsigned int l = 0; l <= s; ++l) {
+            for (unsigned int m = 0; m <= s - l; ++m, ++index) {
+                const unsigned int n = s - l - m;
+                const double sign = (R[0] < 0 && (l & 1u) ? -1.0 : 1.0) *
+                                    (R[4] < 0 && (m & 1u) ? -1.0 : 1.0) *
+                                    (R[8] < 0 && (n & 1u) ? -1.0 : 1.0);
+                coefficients[index] *= sign;
+            }
+        }
+    }
+    return coefficients;
+}
+
+double Tanimoto(double ab, double aa, double bb) {
+    return ab / (aa + bb - ab);
+}
+
+/// A pose of the fit (fit frame to query frame) with its Hermite and exact overlaps.
+struct Candidate {
+    QVTrans pose;
+    double hermiteOverlap;
+    double exactOverlap;
+};
+
+/// The pose p -> R^T (U p + t) of a Hermite optimum x = (angles, t) reached from the start
+/// rotation U: the objective turns the query by R = Rx Ry Rz and moves the turned fit by t.
+QVTrans HermitePose(const std::vector<double>& U, const double* x) {
+    const std::vector<double> R = QVHermiteMath::RotFromEulerXYZ(x[0], x[1], x[2]);
+    const double Rt[9] = {R[0], R[3], R[6], R[1], R[4], R[7], R[2], R[5], R[8]};
+    const double t[3] = {x[3], x[4], x[5]};
+    double Rtt[3];
+    for (int i = 0; i < 3; ++i) {
+        Rtt[i] = Rt[3 * i] * t[0] + Rt[3 * i + 1] * t[1] + Rt[3 * i + 2] * t[2];
+    }
+    return Rotation(U.data()).Then(QVTrans(Rt, Rtt));
+}
+
+/// Forwards value-and-gradient evaluations to an objective and counts them.
+class CountingObjective : public QVOpt::QVFunc1 {
+public:
+    using QVFunc1::operator();
+    CountingObjective(QVOpt::QVFunc1& objective, unsigned int& count)
+        : objective_(objective), count_(count) {}
+    unsigned int NumVar() const override { return objective_.NumVar(); }
+    double operator()(const double* x) override { return objective_(x); }
+    double operator()(const double* x, double* gradient) override {
+        ++count_;
+        return objective_(x, gradient);
+    }
+
+private:
+    QVOpt::QVFunc1& objective_;
+    unsigned int& count_;
+};
+
+/// Maximises the Hermite overlap from every start; candidates best first.
+std::vector<Candidate> HermiteSearch(const QVHermiteMath::QVHermite& query,
+                                     const QVHermiteMath::QVHermite& fit, const Settings& settings,
+                                     double tolerance, unsigned int& evaluations) {
+    FastOverlap objective(Expansion::From(query), Expansion::From(fit));
+    CountingObjective counted(objective, evaluations);
+    QVOpt::QVBFGSOpt minimiser;
+    minimiser.SetTolerance(tolerance);
+    minimiser.SetIterLimit(settings.iterationLimit);
+    std::vector<Candidate> candidates;
+    for (const std::vector<double>& U : StartRotations(settings.extraStarts, settings.seed)) {
+        objective.SetFitCoefficients(RotatedCoefficients(fit, U));
+        const double start[6] = {0, 0, 0, 0, 0, 0};
+        double x[6];
+        const double value = minimiser(counted, nullptr, start, x);
+        candidates.push_back({HermitePose(U, x), -value, 0.0});
+    }
+    // Stable: equal overlaps keep the order of the starts.
+    std::stable_sort(
+        candidates.begin(), candidates.end(),
+        [](const Candidate& a, const Candidate& b) { return a.hermiteOverlap > b.hermiteOverlap; });
+    return candidates;
+}
+
+/// Maximises the exact overlap from a candidate's pose and records the refined pose.
+void Refine(const std::vector<QVGaussian>& query, const std::vector<QVGaussian>& fit,
+            const Settings& settings, double tolerance, Candidate& candidate,
+            unsigned int& evaluations) {
+    ExactOverlapObjective objective(query, Moved(fit, candidate.pose));
+    CountingObjective counted(objective, evaluations);
+    QVOpt::QVBFGSOpt minimiser;
+    minimiser.SetTolerance(tolerance);
+    minimiser.SetIterLimit(settings.refineIterationLimit);
+    const double start[6] = {0, 0, 0, 0, 0, 0};
+    double y[6];
+    minimiser(counted, nullptr, start, y);
+    candidate.pose = candidate.pose.Then(objective.Motion(y));
+}
+
+}  // namespace
+
+PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings) {
+    const std::vector<QVGaussian> shapeInput = QVHermiteMath::QVMolToGaussians(molecule);
+    toFrame = PrincipalFrame(shapeInput);
+    shape = Moved(shapeInput, toFrame);
+    shapeSelfOverlap = QVHermiteMath::GaussianOverlap(shape, shape);
+    if (settings.electrostatics) {
+        electrostatic = Moved(
+            QVHermiteMath::QVMolToElectroStaticGaussians(molecule, settings.electrostaticWidth),
+            toFrame);
+        electrostaticSelfOverlap = QVHermiteMath::GaussianOverlap(electrostatic, electrostatic);
+    }
+}
+
+Query::Query(const QVMol& molecule, const Settings& settings)
+    : settings_(settings), prepared_(molecule, settings) {
+    QVHermiteMath::QVHermiteOptions options;
+    options.SetNPolyMax(settings.order);
+    options.SetUseSingleLambda(true);
+    options.SetUseOptimalLambdas(true);
+    expansion_.Setup(prepared_.shape, options);
+    lambda_ = options.GetLambda(0);
+}
+
+Result Query::Overlay(const QVMol& molecule) const {
+    const PreparedMolecule fit(molecule, settings_);
+    QVHermiteMath::QVHermiteOptions options = expansion_.GetOptions();  // the query's lambda
+    QVHermiteMath::QVHermite fitExpansion;
+    fitExpansion.Setup(fit.shape, options);
+    const double tolerance = settings_.relativeTolerance * prepared_.shapeSelfOverlap;
+
+    Result result;
+    std::vector<Candidate> candidates =
+        HermiteSearch(expansion_, fitExpansion, settings_, tolerance, result.hermiteEvaluations);
+    const double hermiteOverlap = candidates.front().hermiteOverlap;
+    const std::size_t refined = std::max<std::size_t>(
+        1, std::min<std::size_t>(settings_.refineCandidates, candidates.size()));
+    for (std::size_t i = 0; i < refined; ++i) {
+        if (settings_.refineCandidates > 0) {
+            Refine(prepared_.shape, fit.shape, settings_, tolerance, candidates[i],
+                   result.exactEvaluations);
+        }
+        candidates[i].exactOverlap =
+            QVHermiteMath::GaussianOverlap(prepared_.shape, Moved(fit.shape, candidates[i].pose));
+    }
+    const Candidate& best = *std::max_element(
+        candidates.begin(), candidates.begin() + refined,
+        [](const Candidate& a, const Candidate& b) { return a.exactOverlap < b.exactOverlap; });
+    result.transform = fit.toFrame.Then(best.pose).Then(prepared_.toFrame.Inverse());
+
+    Scores& scores = result.scores;
+    scores.overlap = best.exactOverlap;
+    scores.querySelfOverlap = prepared_.shapeSelfOverlap;
+    scores.fitSelfOverlap = fit.shapeSelfOverlap;
+    scores.shapeTanimoto =
+        Tanimoto(best.exactOverlap, prepared_.shapeSelfOverlap, fit.shapeSelfOverlap);
+    scores.shapeTverskyQuery =
+        best.exactOverlap / (0.95 * prepared_.shapeSelfOverlap + 0.05 * fit.shapeSelfOverlap);
+    scores.shapeTverskyFit =
+        best.exactOverlap / (0.05 * prepared_.shapeSelfOverlap + 0.95 * fit.shapeSelfOverlap);
+    scores.hermiteTanimoto =
+        Tanimoto(hermiteOverlap, expansion_.GetSelfOverlap(), fitExpansion.GetSelfOverlap());
+    if (settings_.electrostatics) {
+        const double overlap = QVHermiteMath::GaussianOverlap(prepared_.electrostatic,
+                                                              Moved(fit.electrostatic, best.pose));
+        const double qq = prepared_.electrostaticSelfOverlap;
+        const double ff = fit.electrostaticSelfOverlap;
+        scores.electrostaticTanimoto = qq + ff - overlap > 0.0 ? Tanimoto(overlap, qq, ff) : 0.0;
+        scores.electrostaticCarbo = qq * ff > 0.0 ? overlap / std::sqrt(qq * ff) : 0.0;
+    }
+    scores.combo = scores.shapeTanimoto + scores.electrostaticTanimoto;
+    return result;
+}
+
+void TransformMolecule(QVMol& molecule, const QVTrans& transform) {
+    for (unsigned int i = 0; i < molecule.NumAtoms(); ++i) {
+        QVChem::QVAtom& atom = molecule.GetAtom(i);
+        double p[3];
+        atom.GetCoords(p);
+        transform.Apply(p);
+        atom.SetCoords(p[0], p[1], p[2]);
+    }
+}
+
+double Rmsd(const QVMol& a, const QVMol& b) {
+    double sum = 0.0;
+    for (unsigned int i = 0; i < a.NumAtoms(); ++i) {
+        double p[3], q[3];
+        a.GetAtom(i).GetCoords(p);
+        b.GetAtom(i).GetCoords(q);
+        sum += (p[0] - q[0]) * (p[0] - q[0]) + (p[1] - q[1]) * (p[1] - q[1]) +
+               (p[2] - q[2]) * (p[2] - q[2]);
+    }
+    return a.NumAtoms() == 0 ? 0.0 : std::sqrt(sum / a.NumAtoms());
+}
+
+}  // namespace hermite::overlay

@@ -1,0 +1,126 @@
+/// \file
+/// The overlay driver: superposes a fit molecule onto a query molecule by shape and scores the
+/// result.
+///
+/// Procedure for one pair:
+/// 1. Each molecule is put into its principal frame: the exact centroid of its shape density
+///    at the origin and the axes of its exact second-moment tensor (largest moment first,
+///    right-handed) along x, y, z. Both are properties of the Gaussian density itself, so the
+///    result does not depend on the input poses.
+/// 2. The query is expanded in Hermite functions with its optimal single lambda; the fit is
+///    expanded with the query's lambda, so that rotations are exact and the overlap consistent.
+/// 3. Starts: the fit's frame with each of the four proper 180-degree flips (identity and the
+///    half-turns about x, y and z), plus `extraStarts` random rotations (seeded). From each,
+///    the six-variable Hermite overlap (three angles, three translations) is maximised with
+///    BFGS.
+/// 4. The best `refineCandidates` poses by Hermite overlap are refined by BFGS on the exact
+///    analytic overlap of the atom Gaussians; the best exact overlap wins.
+///
+/// Scores (all at the final pose, from exact analytic overlap integrals unless named Hermite):
+/// - shape Tanimoto O_qf / (O_qq + O_ff - O_qf), in [0, 1];
+/// - shape Tversky, query-weighted O_qf / (0.95 O_qq + 0.05 O_ff) and fit-weighted
+///   O_qf / (0.05 O_qq + 0.95 O_ff);
+/// - Hermite shape Tanimoto: the same formula with the overlaps of the truncated expansions at
+///   the best Hermite pose (before refinement);
+/// - electrostatic Tanimoto E_qf / (E_qq + E_ff - E_qf) and Carbo E_qf / sqrt(E_qq E_ff) of the
+///   electrostatic densities (one Gaussian per atom of height proportional to its partial
+///   charge), in [-1/3, 1] and [-1, 1];
+/// - combo = shape Tanimoto + electrostatic Tanimoto (0 to 2 for similar charge patterns).
+///
+/// Thread safety: a `Query` is immutable after construction and may be shared by threads; each
+/// call of `Overlay` works on its own data.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "hermite/hermite.h"
+
+namespace hermite::overlay {
+
+/// Settings of the overlay.
+struct Settings {
+    /// Order of the Hermite expansions (0 to 100).
+    unsigned int order = 5;
+    /// Random rotations tried in addition to the four flips.
+    unsigned int extraStarts = 0;
+    /// Seed of the extra starts.
+    std::uint64_t seed = 42;
+    /// BFGS gradient tolerance of the Hermite search, relative to the query's self-overlap.
+    double relativeTolerance = 1e-4;
+    /// BFGS iteration limit per start.
+    unsigned int iterationLimit = 100;
+    /// Poses refined on the exact overlap (0: no refinement).
+    unsigned int refineCandidates = 2;
+    /// BFGS iteration limit of the exact refinement.
+    unsigned int refineIterationLimit = 50;
+    /// Compute electrostatic scores (needs partial charges).
+    bool electrostatics = false;
+    /// Width w of the electrostatic Gaussians q / (sqrt(2 pi) w) exp(-r^2 / (2 w^2)), angstrom.
+    double electrostaticWidth = 1.0;
+};
+
+/// Scores of one overlay; see the file comment for their definitions.
+struct Scores {
+    double shapeTanimoto = 0.0;
+    double shapeTverskyQuery = 0.0;
+    double shapeTverskyFit = 0.0;
+    double hermiteTanimoto = 0.0;
+    double electrostaticTanimoto = 0.0;
+    double electrostaticCarbo = 0.0;
+    double combo = 0.0;
+    double overlap = 0.0;           ///< exact shape overlap O_qf, angstrom^3
+    double querySelfOverlap = 0.0;  ///< O_qq
+    double fitSelfOverlap = 0.0;    ///< O_ff
+};
+
+/// The result of overlaying one fit molecule.
+struct Result {
+    /// The rigid motion of the fit molecule onto the query, in the input coordinates.
+    QVChem::QVTrans transform;
+    Scores scores;
+    /// Value-and-gradient evaluations of the Hermite objective and of the exact overlap.
+    unsigned int hermiteEvaluations = 0;
+    unsigned int exactEvaluations = 0;
+};
+
+/// The densities of a molecule in its principal frame.
+struct PreparedMolecule {
+    /// Input coordinates to principal frame.
+    QVChem::QVTrans toFrame;
+    std::vector<QVSystem::QVGaussian> shape;          ///< in the principal frame
+    std::vector<QVSystem::QVGaussian> electrostatic;  ///< in the principal frame (optional)
+    double shapeSelfOverlap = 0.0;
+    double electrostaticSelfOverlap = 0.0;
+
+    PreparedMolecule(const QVChem::QVMol& molecule, const Settings& settings);
+};
+
+/// A query prepared for overlays: frame, densities and expansion.
+class Query {
+public:
+    /// Prepares `molecule` (at least one atom) with `settings`.
+    Query(const QVChem::QVMol& molecule, const Settings& settings);
+
+    /// Overlays `fit` (at least one atom) onto the query.
+    Result Overlay(const QVChem::QVMol& fit) const;
+
+    const Settings& GetSettings() const { return settings_; }
+    /// The optimal single lambda of the query's expansion (1/angstrom).
+    double GetLambda() const { return lambda_; }
+    const QVHermiteMath::QVHermite& GetExpansion() const { return expansion_; }
+
+private:
+    Settings settings_;
+    PreparedMolecule prepared_;
+    QVHermiteMath::QVHermite expansion_;
+    double lambda_ = 1.0;
+};
+
+/// Applies a rigid transform to every atom of a molecule.
+void TransformMolecule(QVChem::QVMol& molecule, const QVChem::QVTrans& transform);
+
+/// Root-mean-square distance between the atoms of two molecules with the same atom order.
+double Rmsd(const QVChem::QVMol& a, const QVChem::QVMol& b);
+
+}  // namespace hermite::overlay

@@ -1,0 +1,172 @@
+// The fused evaluation of the overlap objective against the objective object of the library,
+// and the exact-overlap refinement objective against finite differences and the library's
+// analytic overlap.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "hermite/hermite.h"
+#include "overlay/exact_overlap.h"
+#include "overlay/fast_overlap.h"
+
+namespace {
+
+using hermite::overlay::ExactOverlapObjective;
+using hermite::overlay::Expansion;
+using hermite::overlay::FastOverlap;
+using QVHermiteMath::QVHermite;
+using QVHermiteMath::QVHermiteOptions;
+using QVHermiteMath::QVHermiteOverlap;
+using QVSystem::QVGaussian;
+
+/// Carbon-sized Gaussians at fixed pseudo-random centres in a box of edge 6 angstrom.
+std::vector<QVGaussian> Molecule(std::uint32_t seed, unsigned int count) {
+    std::mt19937 engine(seed);
+    const auto coordinate = [&engine] {
+        return static_cast<float>(6.0 * (static_cast<double>(engine()) / 4294967296.0 - 0.5));
+    };
+    std::vector<QVGaussian> gaussians;
+    for (unsigned int i = 0; i < count; ++i) {
+        const float x = coordinate(), y = coordinate(), z = coordinate();
+        const float centre[3] = {x, y, z};
+        gaussians.emplace_back(2.7f, 0.811151803f, centre, 0u);
+    }
+    return gaussians;
+}
+
+QVHermiteOptions Fixed(unsigned int order, double lambdaX, double lambdaY, double lambdaZ) {
+    QVHermiteOptions options;
+    options.SetNPolyMax(order);
+    options.SetLambda(0, lambdaX);
+    options.SetLambda(1, lambdaY);
+    options.SetLambda(2, lambdaZ);
+    options.SetUseOptimalLambdas(false);
+    return options;
+}
+
+struct Case {
+    unsigned int referenceOrder, fitOrder;
+    double referenceLambda[3], fitLambda[3];
+};
+
+/// Values and gradients agree with the objective object to the last bit or to a few ulps: the
+/// fused path performs the same operations in the same order.
+TEST(FastOverlapTest, EqualsTheObjectiveObjectToRounding) {
+    const std::vector<Case> cases = {
+        {5, 5, {0.6, 0.6, 0.6}, {0.6, 0.6, 0.6}},
+        {4, 6, {0.55, 0.55, 0.55}, {0.55, 0.55, 0.55}},
+        {6, 3, {0.7, 0.8, 0.9}, {0.65, 0.75, 0.85}},
+        {0, 2, {1.0, 1.0, 1.0}, {1.0, 1.0, 1.0}},
+    };
+    const std::vector<std::vector<double>> poses = {
+        {0, 0, 0, 0, 0, 0},
+        {0.3, -0.2, 1.2, 0.5, -0.4, 0.2},
+        {-2.5, 1.4, 3.0, -1.5, 2.0, 0.75},
+    };
+    for (const Case& c : cases) {
+        QVHermiteOptions referenceOptions = Fixed(c.referenceOrder, c.referenceLambda[0],
+                                                  c.referenceLambda[1], c.referenceLambda[2]);
+        QVHermiteOptions fitOptions =
+            Fixed(c.fitOrder, c.fitLambda[0], c.fitLambda[1], c.fitLambda[2]);
+        const std::vector<QVGaussian> reference = Molecule(11u, 12), fit = Molecule(12u, 9);
+        QVHermiteOverlap objective;
+        QVHermiteOptions o1 = referenceOptions, o2 = fitOptions;
+        objective.SetupRef(reference, o1);
+        objective.Setup(fit, o2);
+        QVHermite referenceExpansion, fitExpansion;
+        referenceExpansion.Setup(reference, referenceOptions);
+        fitExpansion.Setup(fit, fitOptions);
+        FastOverlap fast(Expansion::From(referenceExpansion), Expansion::From(fitExpansion));
+
+        for (const std::vector<double>& x : poses) {
+            double expectedGradient[6], gradient[6];
+            const double expected = objective(x.data(), expectedGradient);
+            const double value = fast(x.data(), gradient);
+            const double scale = std::fabs(expected) + 1e-300;
+            EXPECT_NEAR(value, expected, 1e-14 * scale);
+            EXPECT_NEAR(fast(x.data()), objective(x.data()), 1e-14 * scale);
+            for (int i = 0; i < 6; ++i) {
+                EXPECT_NEAR(gradient[i], expectedGradient[i], 1e-13 * scale) << i;
+            }
+        }
+    }
+}
+
+/// Replacing the fit coefficients is the same as building the evaluation for the new fit.
+TEST(FastOverlapTest, SetFitCoefficientsEqualsANewEvaluation) {
+    QVHermiteOptions options = Fixed(5, 0.6, 0.6, 0.6);
+    QVHermite reference, first, second;
+    QVHermiteOptions o1 = options, o2 = options, o3 = options;
+    reference.Setup(Molecule(1u, 10), o1);
+    first.Setup(Molecule(2u, 10), o2);
+    second.Setup(Molecule(3u, 10), o3);
+    FastOverlap reused(Expansion::From(reference), Expansion::From(first));
+    reused.SetFitCoefficients(second.GetCoefficients());
+    FastOverlap fresh(Expansion::From(reference), Expansion::From(second));
+    const double x[6] = {0.4, 0.1, -0.3, 0.2, 0.3, -0.1};
+    EXPECT_EQ(reused(x), fresh(x));
+}
+
+/// The exact objective's value is minus the library's analytic overlap of the moved density,
+/// and its gradient equals central differences (error O(h^2)).
+TEST(ExactOverlapObjectiveTest, ValueAndGradientAreExact) {
+    const std::vector<QVGaussian> fixed = Molecule(21u, 10), moving = Molecule(22u, 8);
+    ExactOverlapObjective objective(fixed, moving);
+    const double y[6] = {0.3, -0.4, 0.8, 0.25, -0.5, 0.1};
+    double gradient[6];
+    const double value = objective(y, gradient);
+
+    std::vector<QVGaussian> moved = moving;
+    const QVChem::QVTrans motion = objective.Motion(y);
+    for (QVGaussian& g : moved) {
+        double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        motion.Apply(p);
+        g.SetX(static_cast<float>(p[0]));
+        g.SetY(static_cast<float>(p[1]));
+        g.SetZ(static_cast<float>(p[2]));
+    }
+    // Moved centres are stored as floats: relative error about 1e-7 per coordinate.
+    EXPECT_NEAR(-value, QVHermiteMath::GaussianOverlap(fixed, moved), 1e-5 * std::fabs(value));
+
+    const double h = 1e-5;
+    for (int i = 0; i < 6; ++i) {
+        double plus[6], minus[6];
+        for (int j = 0; j < 6; ++j) {
+            plus[j] = minus[j] = y[j];
+        }
+        plus[i] += h;
+        minus[i] -= h;
+        const double difference = (objective(plus) - objective(minus)) / (2 * h);
+        EXPECT_NEAR(gradient[i], difference, 1e-6 * std::fabs(value)) << i;
+    }
+}
+
+/// The motion turns the moving density about its mean centre: a pure rotation keeps the mean
+/// centre in place, and a pure translation moves every centre by t.
+TEST(ExactOverlapObjectiveTest, MotionTurnsAboutTheMeanCentre) {
+    const std::vector<QVGaussian> moving = Molecule(5u, 6);
+    ExactOverlapObjective objective(Molecule(6u, 6), moving);
+    double mean[3] = {0, 0, 0};
+    for (const QVGaussian& g : moving) {
+        mean[0] += g.GetX() / 6.0;
+        mean[1] += g.GetY() / 6.0;
+        mean[2] += g.GetZ() / 6.0;
+    }
+    const double turn[6] = {0.7, -0.2, 1.9, 0, 0, 0};
+    double p[3] = {mean[0], mean[1], mean[2]};
+    objective.Motion(turn).Apply(p);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_NEAR(p[i], mean[i], 1e-12);
+    }
+    const double shift[6] = {0, 0, 0, 1.5, -2.0, 0.25};
+    double q[3] = {1.0, 2.0, 3.0};
+    objective.Motion(shift).Apply(q);
+    EXPECT_NEAR(q[0], 2.5, 1e-12);
+    EXPECT_NEAR(q[1], 0.0, 1e-12);
+    EXPECT_NEAR(q[2], 3.25, 1e-12);
+}
+
+}  // namespace
