@@ -271,29 +271,52 @@ Result Query::Overlay(const QVMol& molecule) const {
         candidates.begin(), candidates.begin() + refined,
         [](const Candidate& a, const Candidate& b) { return a.exactOverlap < b.exactOverlap; });
     result.transform = fit.toFrame.Then(best.pose).Then(prepared_.toFrame.Inverse());
+    result.scores =
+        ScorePose(fit, best.pose, best.exactOverlap, hermiteOverlap, fitExpansion.GetSelfOverlap());
+    return result;
+}
 
-    Scores& scores = result.scores;
-    scores.overlap = best.exactOverlap;
+Result Query::Score(const QVMol& molecule) const {
+    const PreparedMolecule fit(molecule, settings_);
+    // The fit as it lies, seen from the query's frame.
+    const QVTrans pose = fit.toFrame.Inverse().Then(prepared_.toFrame);
+    QVHermiteMath::QVHermiteOptions options = expansion_.GetOptions();
+    QVHermiteMath::QVHermite fitExpansion;
+    fitExpansion.Setup(Moved(fit.shape, pose), options);
+    FastOverlap objective(Expansion::From(expansion_), Expansion::From(fitExpansion));
+    const double zero[6] = {0, 0, 0, 0, 0, 0};
+    const double hermiteOverlap = -objective(zero);
+    const double overlap = QVHermiteMath::GaussianOverlap(prepared_.shape, Moved(fit.shape, pose));
+    Result result;
+    result.scores = ScorePose(fit, pose, overlap, hermiteOverlap, fitExpansion.GetSelfOverlap());
+    return result;
+}
+
+Scores Query::ScorePose(const PreparedMolecule& fit, const QVTrans& pose, double overlap,
+                        double hermiteOverlap, double fitHermiteSelfOverlap) const {
+    Scores scores;
+    scores.overlap = overlap;
     scores.querySelfOverlap = prepared_.shapeSelfOverlap;
     scores.fitSelfOverlap = fit.shapeSelfOverlap;
-    scores.shapeTanimoto =
-        Tanimoto(best.exactOverlap, prepared_.shapeSelfOverlap, fit.shapeSelfOverlap);
+    scores.shapeTanimoto = Tanimoto(overlap, prepared_.shapeSelfOverlap, fit.shapeSelfOverlap);
     scores.shapeTverskyQuery =
-        best.exactOverlap / (0.95 * prepared_.shapeSelfOverlap + 0.05 * fit.shapeSelfOverlap);
+        overlap / (0.95 * prepared_.shapeSelfOverlap + 0.05 * fit.shapeSelfOverlap);
     scores.shapeTverskyFit =
-        best.exactOverlap / (0.05 * prepared_.shapeSelfOverlap + 0.95 * fit.shapeSelfOverlap);
+        overlap / (0.05 * prepared_.shapeSelfOverlap + 0.95 * fit.shapeSelfOverlap);
     scores.hermiteTanimoto =
-        Tanimoto(hermiteOverlap, expansion_.GetSelfOverlap(), fitExpansion.GetSelfOverlap());
+        Tanimoto(hermiteOverlap, expansion_.GetSelfOverlap(), fitHermiteSelfOverlap);
     if (settings_.electrostatics) {
-        const double overlap = QVHermiteMath::GaussianOverlap(prepared_.electrostatic,
-                                                              Moved(fit.electrostatic, best.pose));
+        const double electrostatic =
+            QVHermiteMath::GaussianOverlap(prepared_.electrostatic, Moved(fit.electrostatic, pose));
         const double qq = prepared_.electrostaticSelfOverlap;
         const double ff = fit.electrostaticSelfOverlap;
-        scores.electrostaticTanimoto = qq + ff - overlap > 0.0 ? Tanimoto(overlap, qq, ff) : 0.0;
-        scores.electrostaticCarbo = qq * ff > 0.0 ? overlap / std::sqrt(qq * ff) : 0.0;
+        // Molecules without charges have no electrostatic density: their similarity is 0.
+        scores.electrostaticTanimoto =
+            qq + ff - electrostatic > 0.0 ? Tanimoto(electrostatic, qq, ff) : 0.0;
+        scores.electrostaticCarbo = qq * ff > 0.0 ? electrostatic / std::sqrt(qq * ff) : 0.0;
     }
     scores.combo = scores.shapeTanimoto + scores.electrostaticTanimoto;
-    return result;
+    return scores;
 }
 
 void TransformMolecule(QVMol& molecule, const QVTrans& transform) {

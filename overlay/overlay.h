@@ -105,12 +105,22 @@ public:
     /// Overlays `fit` (at least one atom) onto the query.
     Result Overlay(const QVChem::QVMol& fit) const;
 
+    /// Scores `fit` (at least one atom) in its input pose, without moving it; the transform of
+    /// the result is the identity.
+    Result Score(const QVChem::QVMol& fit) const;
+
     const Settings& GetSettings() const { return settings_; }
     /// The optimal single lambda of the query's expansion (1/angstrom).
     double GetLambda() const { return lambda_; }
     const QVHermiteMath::QVHermite& GetExpansion() const { return expansion_; }
 
 private:
+    /// The scores of a fit pose (fit frame to query frame) with exact overlap `overlap` and
+    /// Hermite overlap `hermiteOverlap` of the expansions with self-overlaps
+    /// `fitHermiteSelfOverlap` (query) and the query's own.
+    Scores ScorePose(const PreparedMolecule& fit, const QVChem::QVTrans& pose, double overlap,
+                     double hermiteOverlap, double fitHermiteSelfOverlap) const;
+
     Settings settings_;
     PreparedMolecule prepared_;
     QVHermiteMath::QVHermite expansion_;
