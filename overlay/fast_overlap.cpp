@@ -31,6 +31,81 @@ Expansion Expansion::From(const QVHermiteMath::QVHermite& expansion) {
     return result;
 }
 
+namespace {
+
+/// F_0..F_N of one axis of one Gaussian: the recurrence of the library's one-Gaussian tables
+/// (F_1 = B F_0, F_k = (k - 1) A F_(k-2) + B F_(k-1)) with the same operations.
+void OneAxisTable(unsigned int N, double q, double A, double t, double y, double* F) {
+    const double B = 2.0 * t * q * y;
+    F[0] = std::sqrt(6.283185307179586 * q) * std::exp(-0.5 * q * y * y);
+    if (N >= 1) {
+        F[1] = B * F[0];
+    }
+    for (unsigned int k = 2; k <= N; ++k) {
+        F[k] = static_cast<double>(k - 1) * A * F[k - 2] + B * F[k - 1];
+    }
+}
+
+}  // namespace
+
+Expansion Expansion::Of(const std::vector<QVSystem::QVGaussian>& gaussians, unsigned int order,
+                        const double* lambda) {
+    Expansion result;
+    result.order = order;
+    for (unsigned int axis = 0; axis < 3; ++axis) {
+        result.lambda[axis] = lambda[axis];
+    }
+    const std::vector<double> K = QVHermiteMath::computeKs(order);
+    std::vector<double> kProduct;
+    for (unsigned int s = 0; s <= order; ++s) {
+        for (unsigned int l = 0; l <= s; ++l) {
+            for (unsigned int m = 0; m <= s - l; ++m) {
+                kProduct.push_back(K[l] * K[m] * K[s - l - m]);
+            }
+        }
+    }
+    result.coefficients.assign(kProduct.size(), 0.0);
+    std::vector<double> tables(3 * (order + 1));
+    for (const QVSystem::QVGaussian& g : gaussians) {
+        const double r = std::sqrt(2.0 * static_cast<double>(g.GetExponent()));
+        const double centre[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        for (unsigned int axis = 0; axis < 3; ++axis) {
+            const double t = r / lambda[axis];
+            const double q = 1.0 / (t * t + 1.0);
+            const double A = 2.0 * (1.0 - t * t) * q;
+            OneAxisTable(order, q, A, t, centre[axis] * r, &tables[axis * (order + 1)]);
+        }
+        const double w = g.GetPrefactor();
+        const double* X = &tables[0];
+        const double* Y = &tables[order + 1];
+        const double* Z = &tables[2 * (order + 1)];
+        std::size_t index = 0;
+        for (unsigned int s = 0; s <= order; ++s) {
+            for (unsigned int l = 0; l <= s; ++l) {
+                for (unsigned int m = 0; m <= s - l; ++m, ++index) {
+                    result.coefficients[index] += w * X[l] * Y[m] * Z[s - l - m] / kProduct[index];
+                }
+            }
+        }
+    }
+    return result;
+}
+
+double Expansion::SelfOverlap() const {
+    const std::vector<double> K = QVHermiteMath::computeKs(order);
+    double sum = 0.0;
+    std::size_t index = 0;
+    for (unsigned int s = 0; s <= order; ++s) {
+        for (unsigned int l = 0; l <= s; ++l) {
+            for (unsigned int m = 0; m <= s - l; ++m, ++index) {
+                const double c = coefficients[index];
+                sum += c * c * K[l] * K[m] * K[s - l - m];
+            }
+        }
+    }
+    return (1.0 / (lambda[0] * lambda[1] * lambda[2])) * sum;
+}
+
 FastOverlap::FastOverlap(const Expansion& reference, const Expansion& fit)
     : Nr_(reference.order),
       Nf_(fit.order),

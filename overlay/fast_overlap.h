@@ -26,6 +26,15 @@ struct Expansion {
 
     /// The expansion held by a set-up expansion object.
     static Expansion From(const QVHermiteMath::QVHermite& expansion);
+
+    /// The expansion of `gaussians` at order N with the three lambdas, computed directly: the
+    /// coefficients equal those of QVHermiteMath::QVGaussianToHermite (same one-axis tables,
+    /// same products and sums in the same order) without its derivative tables.
+    static Expansion Of(const std::vector<QVSystem::QVGaussian>& gaussians, unsigned int order,
+                        const double* lambda);
+
+    /// (1 / (lx ly lz)) * sum of c^2 K_l K_m K_n, as QVHermiteMath::QVHermite computes it.
+    double SelfOverlap() const;
 };
 
 class FastOverlap : public QVOpt::QVFunc1 {

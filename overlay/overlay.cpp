@@ -112,19 +112,19 @@ std::vector<std::vector<double>> StartRotations(unsigned int extra, std::uint64_
     return starts;
 }
 
-/// The coefficients of the expansion turned by a rotation. Half-turns about the axes only
-/// change signs: diag(sx, sy, sz) multiplies c_lmn by sx^l sy^m sz^n.
-std::vector<double> RotatedCoefficients(const QVHermiteMath::QVHermite& expansion,
-                                        const std::vector<double>& R) {
+/// The coefficients of the expansion of `gaussians` turned by a rotation R. Half-turns about the
+/// axes only change signs: diag(sx, sy, sz) multiplies c_lmn by sx^l sy^m sz^n. Any other
+/// rotation is applied to the Gaussians, which are expanded again.
+std::vector<double> RotatedCoefficients(const std::vector<QVGaussian>& gaussians,
+                                        const Expansion& expansion, const std::vector<double>& R) {
     const bool diagonal =
         R[1] == 0 && R[2] == 0 && R[3] == 0 && R[5] == 0 && R[6] == 0 && R[7] == 0;
+    const unsigned int N = expansion.order;
     if (!diagonal) {
-        QVHermiteMath::QVHermite copy = expansion;
-        copy.RotateHermites(R);
-        return copy.GetCoefficients();
+        return Expansion::Of(Moved(gaussians, Rotation(R.data())), N, expansion.lambda)
+            .coefficients;
     }
-    std::vector<double> coefficients = expansion.GetCoefficients();
-    const unsigned int N = expansion.GetOptions().GetNPolyMax();
+    std::vector<double> coefficients = expansion.coefficients;
     std::size_t index = 0;
     for (unsigned int s = 0; s <= N; ++s) {
         for (unsigned int l = 0; l <= s; ++l) {
@@ -183,17 +183,18 @@ private:
 };
 
 /// Maximises the Hermite overlap from every start; candidates best first.
-std::vector<Candidate> HermiteSearch(const QVHermiteMath::QVHermite& query,
-                                     const QVHermiteMath::QVHermite& fit, const Settings& settings,
-                                     double tolerance, unsigned int& evaluations) {
-    FastOverlap objective(Expansion::From(query), Expansion::From(fit));
+std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fit,
+                                     const std::vector<QVGaussian>& fitGaussians,
+                                     const Settings& settings, double tolerance,
+                                     unsigned int& evaluations) {
+    FastOverlap objective(query, fit);
     CountingObjective counted(objective, evaluations);
     QVOpt::QVBFGSOpt minimiser;
     minimiser.SetTolerance(tolerance);
     minimiser.SetIterLimit(settings.iterationLimit);
     std::vector<Candidate> candidates;
     for (const std::vector<double>& U : StartRotations(settings.extraStarts, settings.seed)) {
-        objective.SetFitCoefficients(RotatedCoefficients(fit, U));
+        objective.SetFitCoefficients(RotatedCoefficients(fitGaussians, fit, U));
         const double start[6] = {0, 0, 0, 0, 0, 0};
         double x[6];
         const double value = minimiser(counted, nullptr, start, x);
@@ -248,14 +249,13 @@ Query::Query(const QVMol& molecule, const Settings& settings)
 
 Result Query::Overlay(const QVMol& molecule) const {
     const PreparedMolecule fit(molecule, settings_);
-    QVHermiteMath::QVHermiteOptions options = expansion_.GetOptions();  // the query's lambda
-    QVHermiteMath::QVHermite fitExpansion;
-    fitExpansion.Setup(fit.shape, options);
+    const Expansion query = Expansion::From(expansion_);
+    const Expansion fitExpansion = Expansion::Of(fit.shape, query.order, query.lambda);
     const double tolerance = settings_.relativeTolerance * prepared_.shapeSelfOverlap;
 
     Result result;
-    std::vector<Candidate> candidates =
-        HermiteSearch(expansion_, fitExpansion, settings_, tolerance, result.hermiteEvaluations);
+    std::vector<Candidate> candidates = HermiteSearch(query, fitExpansion, fit.shape, settings_,
+                                                      tolerance, result.hermiteEvaluations);
     const double hermiteOverlap = candidates.front().hermiteOverlap;
     const std::size_t refined = std::max<std::size_t>(
         1, std::min<std::size_t>(settings_.refineCandidates, candidates.size()));
@@ -272,7 +272,7 @@ Result Query::Overlay(const QVMol& molecule) const {
         [](const Candidate& a, const Candidate& b) { return a.exactOverlap < b.exactOverlap; });
     result.transform = fit.toFrame.Then(best.pose).Then(prepared_.toFrame.Inverse());
     result.scores =
-        ScorePose(fit, best.pose, best.exactOverlap, hermiteOverlap, fitExpansion.GetSelfOverlap());
+        ScorePose(fit, best.pose, best.exactOverlap, hermiteOverlap, fitExpansion.SelfOverlap());
     return result;
 }
 
@@ -280,15 +280,14 @@ Result Query::Score(const QVMol& molecule) const {
     const PreparedMolecule fit(molecule, settings_);
     // The fit as it lies, seen from the query's frame.
     const QVTrans pose = fit.toFrame.Inverse().Then(prepared_.toFrame);
-    QVHermiteMath::QVHermiteOptions options = expansion_.GetOptions();
-    QVHermiteMath::QVHermite fitExpansion;
-    fitExpansion.Setup(Moved(fit.shape, pose), options);
-    FastOverlap objective(Expansion::From(expansion_), Expansion::From(fitExpansion));
+    const Expansion query = Expansion::From(expansion_);
+    const Expansion fitExpansion = Expansion::Of(Moved(fit.shape, pose), query.order, query.lambda);
+    FastOverlap objective(query, fitExpansion);
     const double zero[6] = {0, 0, 0, 0, 0, 0};
     const double hermiteOverlap = -objective(zero);
     const double overlap = QVHermiteMath::GaussianOverlap(prepared_.shape, Moved(fit.shape, pose));
     Result result;
-    result.scores = ScorePose(fit, pose, overlap, hermiteOverlap, fitExpansion.GetSelfOverlap());
+    result.scores = ScorePose(fit, pose, overlap, hermiteOverlap, fitExpansion.SelfOverlap());
     return result;
 }
 

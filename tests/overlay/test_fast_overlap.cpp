@@ -95,6 +95,23 @@ TEST(FastOverlapTest, EqualsTheObjectiveObjectToRounding) {
     }
 }
 
+/// The direct expansion performs the library transform's operations in the same order, so its
+/// coefficients and self-overlap are the same to the last bit.
+TEST(FastExpansionTest, EqualsTheLibraryTransformBitForBit) {
+    const std::vector<QVGaussian> gaussians = Molecule(31u, 17);
+    for (unsigned int order : {0u, 1u, 5u, 9u}) {
+        const double lambda[3] = {0.55, 0.7, 0.9};
+        const QVHermiteOptions options = Fixed(order, lambda[0], lambda[1], lambda[2]);
+        const QVHermiteMath::QVGaussianToHermite transform(options, gaussians, 0);
+        const Expansion direct = Expansion::Of(gaussians, order, lambda);
+        ASSERT_EQ(direct.coefficients.size(), transform.GetHermiteCoefficients().size());
+        for (std::size_t i = 0; i < direct.coefficients.size(); ++i) {
+            EXPECT_EQ(direct.coefficients[i], transform.GetHermiteCoefficients()[i]) << i;
+        }
+        EXPECT_EQ(direct.SelfOverlap(), transform.GetSelfOverlap());
+    }
+}
+
 /// Replacing the fit coefficients is the same as building the evaluation for the new fit.
 TEST(FastOverlapTest, SetFitCoefficientsEqualsANewEvaluation) {
     QVHermiteOptions options = Fixed(5, 0.6, 0.6, 0.6);
