@@ -67,6 +67,14 @@ ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGauss
                            g.GetPrefactor(),
                            g.GetExponent()});
     }
+    for (const Point& m : moving_) {
+        for (const Point& f : fixed_) {
+            const double exponentSum = f.exponent + m.exponent;
+            const double piOverP = kPi / exponentSum;
+            pairs_.push_back({f.prefactor * m.prefactor * piOverP * std::sqrt(piOverP),
+                              f.exponent * m.exponent / exponentSum});
+        }
+    }
 }
 
 QVChem::QVTrans ExactOverlapObjective::Motion(const double* y) const {
@@ -85,6 +93,7 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
     RotationAndDerivatives(y, R, dR);
     double overlap = 0.0;
     double g[6] = {0, 0, 0, 0, 0, 0};
+    const Pair* pair = pairs_.data();
     for (const Point& m : moving_) {
         double p[3];
         Apply(R, m.x, p);
@@ -94,19 +103,17 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
         // dO/dp of this moving centre: sum over fixed centres of 2 k C e (q - p).
         double force[3] = {0, 0, 0};
         for (const Point& f : fixed_) {
+            const Pair& constants = *pair++;
             const double d[3] = {f.x[0] - p[0], f.x[1] - p[1], f.x[2] - p[2]};
-            const double distanceSquared = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
-            const double exponentSum = f.exponent + m.exponent;
-            const double k = f.exponent * m.exponent / exponentSum;
-            if (k * distanceSquared > kCutoff) {
+            const double exponent = constants.k * (d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
+            if (exponent > kCutoff) {
                 continue;
             }
-            const double piOverP = kPi / exponentSum;
-            const double term = f.prefactor * m.prefactor * piOverP * std::sqrt(piOverP) *
-                                std::exp(-k * distanceSquared);
+            const double term = constants.C * std::exp(-exponent);
             overlap += term;
+            const double scale = 2.0 * constants.k * term;
             for (int i = 0; i < 3; ++i) {
-                force[i] += 2.0 * k * term * d[i];
+                force[i] += scale * d[i];
             }
         }
         if (gradient != nullptr) {

@@ -20,7 +20,7 @@ public:
     using QVFunc1::operator();
 
     /// Pairs with (a_i a_j / (a_i + a_j)) |p_i - p_j|^2 above this are skipped.
-    static constexpr double kCutoff = 30.0;
+    static constexpr double kCutoff = 16.0;
 
     ExactOverlapObjective(const std::vector<QVSystem::QVGaussian>& fixed,
                           const std::vector<QVSystem::QVGaussian>& moving);
@@ -38,11 +38,18 @@ private:
         double prefactor;
         double exponent;
     };
+    /// The constants of the overlap of a fixed and a moving Gaussian: C exp(-k d^2) with
+    /// C = w_i w_j (pi / (a_i + a_j))^(3/2) and k = a_i a_j / (a_i + a_j).
+    struct Pair {
+        double C;
+        double k;
+    };
     /// O and, when `gradient` is not null, dO/dy.
     double Evaluate(const double* y, double* gradient) const;
 
     std::vector<Point> fixed_;
     std::vector<Point> moving_;  // relative to g
+    std::vector<Pair> pairs_;    // moving-major: pairs_[j * fixed_.size() + i]
     double centre_[3];
 };
 

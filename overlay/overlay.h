@@ -53,7 +53,7 @@ struct Settings {
     /// Poses refined on the exact overlap (0: no refinement).
     unsigned int refineCandidates = 2;
     /// BFGS iteration limit of the exact refinement.
-    unsigned int refineIterationLimit = 50;
+    unsigned int refineIterationLimit = 20;
     /// Compute electrostatic scores (needs partial charges).
     bool electrostatics = false;
     /// Width w of the electrostatic Gaussians q / (sqrt(2 pi) w) exp(-r^2 / (2 w^2)), angstrom.
