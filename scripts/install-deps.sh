@@ -8,6 +8,8 @@ packages=(
     libeigen3-dev
     libgtest-dev libbenchmark-dev
     clang-format
+    gemmi-dev python3-gemmi python3-pytest
+    librdkit-dev rdkit-data python3-rdkit openbabel zlib1g-dev
 )
 
 missing=()

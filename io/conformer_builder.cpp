@@ -1,0 +1,148 @@
+// Conformers from parsed RDKit molecules.
+
+#include "io/conformer_builder.h"
+
+#include <GraphMol/Conformer.h>
+
+#include <cmath>
+#include <limits>
+
+#include "io/charges.h"
+
+namespace hermite::io {
+
+namespace {
+
+/// Above this many atoms, all z = 0 means a 2-D drawing (up to three points always lie in a
+/// plane).
+const unsigned int MaxPlanarAtoms = 3;
+/// |z| below this counts as zero (molfile coordinates have four decimals).
+const double ZeroZ = 1e-4;
+
+/// Indices of the atoms that become the conformer's atoms: heavy atoms, and hydrogens if asked.
+std::vector<unsigned int> SelectAtoms(const RDKit::ROMol& molecule, bool hydrogens) {
+    std::vector<unsigned int> selected;
+    for (const RDKit::Atom* atom : molecule.atoms()) {
+        const int element = atom->getAtomicNum();
+        if (element > 1 || (element == 1 && hydrogens)) {
+            selected.push_back(atom->getIdx());
+        }
+    }
+    return selected;
+}
+
+/// The charges of every atom of `molecule`, hydrogens folded in unless they are selected.
+std::vector<double> AtomCharges(const RDKit::ROMol& molecule, const ReadOptions& options,
+                                const InputChargeSource& inputCharges) {
+    std::vector<double> charges = options.charges == ChargeModel::Input
+                                      ? inputCharges()
+                                      : ComputeModelCharges(molecule, options.charges);
+    if (!options.hydrogens) {
+        FoldHydrogenCharges(molecule, charges);
+    }
+    return charges;
+}
+
+/// `AtomCharges`, checked to be finite on the selected atoms. Unless charges are required, a
+/// failure is noted instead of thrown and the charges concerned are NaN.
+std::vector<double> CheckedAtomCharges(const RDKit::ROMol& molecule,
+                                       const std::vector<unsigned int>& selected,
+                                       const ReadOptions& options,
+                                       const InputChargeSource& inputCharges,
+                                       std::vector<std::string>& notes) {
+    std::vector<double> charges;
+    try {
+        charges = AtomCharges(molecule, options, inputCharges);
+        RequireFiniteCharges(charges, selected);
+    } catch (const RecordError& error) {
+        if (options.chargesRequired) {
+            throw;
+        }
+        notes.push_back(std::string(error.what()) + "; kept with NaN charges");
+        charges.resize(molecule.getNumAtoms(), std::numeric_limits<double>::quiet_NaN());
+    }
+    return charges;
+}
+
+/// The selected atoms of one RDKit conformer with their charges.
+QVChem::QVMol MakeMol(const RDKit::ROMol& molecule, int conformerId,
+                      const std::vector<unsigned int>& selected, const std::vector<double>& charges,
+                      const std::string& title) {
+    const RDKit::Conformer& conformer = molecule.getConformer(conformerId);
+    QVChem::QVMol mol;
+    mol.SetTitle(title);
+    for (unsigned int index : selected) {
+        const RDGeom::Point3D& position = conformer.getAtomPos(index);
+        mol.AddAtom(static_cast<unsigned int>(molecule.getAtomWithIdx(index)->getAtomicNum()),
+                    position.x, position.y, position.z, charges[index]);
+    }
+    return mol;
+}
+
+}  // namespace
+
+Conformer ConformerAccess::Make(QVChem::QVMol mol, const RecordInfo& info,
+                                std::vector<unsigned int> recordAtomIndices,
+                                std::shared_ptr<const Conformer::RecordData> data) {
+    Conformer conformer(std::move(mol));
+    conformer.properties_ = info.properties;
+    conformer.file_ = info.file;
+    conformer.record_ = info.number;
+    conformer.recordAtomIndices_ = std::move(recordAtomIndices);
+    conformer.recordData_ = std::move(data);
+    return conformer;
+}
+
+void Require3D(const RDKit::ROMol& molecule, int conformerId) {
+    if (molecule.getNumConformers() == 0) {
+        throw RecordError("molecule has no 3-D coordinates");
+    }
+    const RDKit::Conformer& conformer = molecule.getConformer(conformerId);
+    bool allZeroZ = true;
+    for (const RDGeom::Point3D& position : conformer.getPositions()) {
+        allZeroZ = allZeroZ && std::fabs(position.z) < ZeroZ;
+    }
+    if (!conformer.is3D() || (molecule.getNumAtoms() > MaxPlanarAtoms && allZeroZ)) {
+        throw RecordError("molecule has no 3-D coordinates");
+    }
+}
+
+std::vector<Conformer> BuildConformers(const std::shared_ptr<const RDKit::ROMol>& molecule,
+                                       const std::vector<int>& conformerIds, const RecordInfo& info,
+                                       const ReadOptions& options,
+                                       const InputChargeSource& inputCharges,
+                                       std::vector<std::string>& notes) {
+    const std::vector<unsigned int> selected = SelectAtoms(*molecule, options.hydrogens);
+    if (selected.empty()) {
+        throw RecordError("molecule has no atoms");
+    }
+    const std::vector<double> charges =
+        CheckedAtomCharges(*molecule, selected, options, inputCharges, notes);
+    std::vector<Conformer> conformers;
+    for (int conformerId : conformerIds) {
+        auto data = std::make_shared<Conformer::RecordData>();
+        data->molecule = molecule;
+        data->conformerId = conformerId;
+        conformers.push_back(
+            ConformerAccess::Make(MakeMol(*molecule, conformerId, selected, charges, info.title),
+                                  info, selected, std::move(data)));
+    }
+    return conformers;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Conformer
+
+Conformer::Conformer() = default;
+
+Conformer::Conformer(QVChem::QVMol mol) : mol_(std::move(mol)) {
+    for (unsigned int i = 0; i < mol_.NumAtoms(); ++i) {
+        recordAtomIndices_.push_back(i);
+    }
+}
+
+unsigned int Conformer::NumRecordAtoms() const {
+    return recordData_ ? recordData_->molecule->getNumAtoms() : mol_.NumAtoms();
+}
+
+}  // namespace hermite::io
