@@ -13,7 +13,7 @@
 ///    half-turns about x, y and z), plus `extraStarts` random rotations (seeded). From each,
 ///    the six-variable Hermite overlap (three angles, three translations) is maximised with
 ///    BFGS.
-/// 4. The best `refineCandidates` poses by Hermite overlap are refined by BFGS on the exact
+/// 4. The best `refineCandidates` poses (default 1) by Hermite overlap are refined by BFGS on the exact
 ///    analytic overlap of the atom Gaussians; the best exact overlap wins.
 ///
 /// Scores (all at the final pose, from exact analytic overlap integrals unless named Hermite):
@@ -41,7 +41,7 @@ namespace hermite::overlay {
 /// Settings of the overlay.
 struct Settings {
     /// Order of the Hermite expansions (0 to 100).
-    unsigned int order = 5;
+    unsigned int order = 4;
     /// Random rotations tried in addition to the four flips.
     unsigned int extraStarts = 0;
     /// Seed of the extra starts.
@@ -51,7 +51,7 @@ struct Settings {
     /// BFGS iteration limit per start.
     unsigned int iterationLimit = 100;
     /// Poses refined on the exact overlap (0: no refinement).
-    unsigned int refineCandidates = 2;
+    unsigned int refineCandidates = 1;
     /// BFGS iteration limit of the exact refinement.
     unsigned int refineIterationLimit = 20;
     /// Compute electrostatic scores (needs partial charges).
