@@ -3,7 +3,8 @@
 // bench/compare_overlay.py. With --score, scores given poses instead of overlaying.
 //
 // Usage:
-//   overlay_pairs FILE.sdf [--order N] [--starts K] [--refine K] [--repeat R]
+//   overlay_pairs FILE.sdf [--order N] [--starts K] [--refine K] [--refine-iterations I]
+//                 [--tolerance T] [--repeat R]
 //       overlays every molecule (first conformer) onto every molecule, query-major;
 //   overlay_pairs FILE.sdf --score POSES.sdf
 //       POSES holds, query-major, the fit of every pair in the pose another tool found; prints
@@ -97,6 +98,10 @@ int main(int argc, char** argv) {
             settings.extraStarts = static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--refine") {
             settings.refineCandidates = static_cast<unsigned int>(std::atoi(value));
+        } else if (option == "--refine-iterations") {
+            settings.refineIterationLimit = static_cast<unsigned int>(std::atoi(value));
+        } else if (option == "--tolerance") {
+            settings.relativeTolerance = std::atof(value);
         } else if (option == "--repeat") {
             repeat = static_cast<unsigned int>(std::atoi(value));
         } else {

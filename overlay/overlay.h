@@ -13,7 +13,8 @@
 ///    half-turns about x, y and z), plus `extraStarts` random rotations (seeded). From each,
 ///    the six-variable Hermite overlap (three angles, three translations) is maximised with
 ///    BFGS.
-/// 4. The best `refineCandidates` poses (default 1) by Hermite overlap are refined by BFGS on the exact
+/// 4. The best `refineCandidates` poses (default 1) by Hermite overlap are refined by BFGS on the
+/// exact
 ///    analytic overlap of the atom Gaussians; the best exact overlap wins.
 ///
 /// Scores (all at the final pose, from exact analytic overlap integrals unless named Hermite):

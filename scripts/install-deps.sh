@@ -10,6 +10,7 @@ packages=(
     clang-format
     gemmi-dev python3-gemmi python3-pytest
     librdkit-dev rdkit-data python3-rdkit openbabel zlib1g-dev
+    python3-dev pybind11-dev python3-numpy
 )
 
 missing=()

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# The main job: installs the dependencies, builds hermite (Release) and runs the example that
-# expands a small molecule and compares its self-overlap with the exact one for N = 2..12.
+# The main job: installs the dependencies, builds hermite (Release) and overlays the 47 CDK2
+# ligands of Debian's rdkit-data onto the first one by shape: prints the ranked table and writes
+# hits.sdf (the posed hits with their scores as SD tags) and scores.tsv (one row per ligand).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
 cmake --build build -j"$(nproc)"
-./build/examples/self_overlap_convergence
+
+cdk2=/usr/share/RDKit/Contrib/Fastcluster/testdata/cdk2.sdf
+./build/cli/hermite overlay --query "$cdk2" --db "$cdk2" --out hits.sdf --scores scores.tsv

@@ -1,0 +1,258 @@
+// Shared pieces of the subcommands: reading options, threads, error routing, signals, numbers.
+
+#include "cli/common.h"
+
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+
+#if defined(__SSE__)
+#include <xmmintrin.h>
+#endif
+
+#include "qv/error.h"
+
+namespace hermite::cli {
+
+namespace {
+
+/// The largest legal expansion order.
+constexpr long long kMaxOrder = 100;
+
+/// Set by the signal handler.
+std::atomic<bool> interrupted{false};
+
+/// Where the library's warnings raised in this thread go (null: printed).
+thread_local std::vector<std::string>* warningSink = nullptr;
+
+extern "C" void OnInterrupt(int signal) {
+    interrupted.store(true);
+    std::signal(signal, SIG_DFL);
+}
+
+}  // namespace
+
+// =============================================================================================
+// Reading molecules
+
+void AddReadOptions(ArgumentParser& parser, const std::string& seedAlsoFor) {
+    parser.Flag("--hydrogens",
+                "Include the hydrogens of the records in the densities (default: heavy atoms "
+                "only; the charges of hydrogens are then added to their heavy atoms).");
+    parser.Option("--charges", "MODEL",
+                  "Partial charges for the electrostatic density: gasteiger (default), mmff "
+                  "(MMFF94) or input (MOL2 atom charges or an SD data item with one charge per "
+                  "atom).");
+    parser.Option("--conformers", "N",
+                  "Conformers generated for each SMILES (RDKit ETKDG), 1 to 1000; default 10.");
+    parser.Option("--seed", "S",
+                  "Random seed of the SMILES conformer generation" +
+                      (seedAlsoFor.empty() ? std::string() : " and of " + seedAlsoFor) +
+                      ", 0 to 4294967295; default 42. The same seed gives the same results.");
+}
+
+io::ReadOptions ReadOptionsFrom(const CommandLine& line) {
+    io::ReadOptions options;
+    options.hydrogens = line.Has("--hydrogens");
+    if (line.Has("--charges")) {
+        const std::optional<io::ChargeModel> model = io::ParseChargeModel(line.Value("--charges"));
+        if (!model) {
+            throw UsageError("--charges must be gasteiger, mmff or input, got " +
+                             line.Value("--charges"));
+        }
+        options.charges = *model;
+    }
+    options.smilesConformers =
+        static_cast<unsigned int>(IntegerOption(line, "--conformers", 10, 1, 1000));
+    options.seed = static_cast<unsigned int>(IntegerOption(line, "--seed", 42, 0, 4294967295LL));
+    return options;
+}
+
+void AddOrderOption(ArgumentParser& parser, unsigned int defaultOrder) {
+    parser.Option("--order", "N",
+                  "Order of the Hermite expansions, an integer from 0 to 100; default " +
+                      std::to_string(defaultOrder) + ".");
+}
+
+unsigned int OrderFrom(const CommandLine& line, unsigned int defaultOrder) {
+    return static_cast<unsigned int>(IntegerOption(line, "--order", defaultOrder, 0, kMaxOrder));
+}
+
+FirstMolecule ReadFirstMolecule(const std::string& path, const io::ReadOptions& options) {
+    io::MoleculeReader reader(path, options);
+    io::Molecule molecule;
+    FirstMolecule first;
+    if (!reader.Next(molecule)) {
+        std::string message = "no usable molecule in " + path;
+        const std::vector<io::Problem>& problems = reader.Problems();
+        if (problems.size() == 1 && problems.front().record == 0) {
+            message = problems.front().Message();
+        } else {
+            for (const io::Problem& problem : problems) {
+                message += "\n  " + problem.Message();
+            }
+        }
+        throw FatalError(message);
+    }
+    first.problems = reader.Problems();
+    first.conformer = molecule.conformers.front();
+    first.conformers = molecule.conformers.size();
+    io::Molecule next;
+    first.hasMore = molecule.conformers.size() > 1 || reader.Next(next);
+    return first;
+}
+
+FirstMolecule ReadInputMolecule(const std::string& command, const std::string& path,
+                                const io::ReadOptions& options, bool needCharges) {
+    FirstMolecule first = ReadFirstMolecule(path, options);
+    for (const io::Problem& problem : first.problems) {
+        std::cerr << "hermite " << command << ": " << (problem.skipped ? "skipped " : "warning: ")
+                  << problem.Message() << "\n";
+    }
+    if (needCharges && !HasFiniteCharges(first.conformer.Mol())) {
+        throw FatalError("cannot use " + DescribeSource(first.conformer) +
+                         ": its partial charges are not finite numbers; the electrostatic "
+                         "density needs them");
+    }
+    if (first.hasMore) {
+        std::cerr << "hermite " << command << ": note: " << path
+                  << " holds more than one molecule or conformer; using the first, "
+                  << DescribeSource(first.conformer) << "\n";
+    }
+    return first;
+}
+
+bool AnySkipped(const std::vector<io::Problem>& problems) {
+    for (const io::Problem& problem : problems) {
+        if (problem.skipped) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string DescribeSource(const io::Conformer& conformer) {
+    std::string text = conformer.File().empty() ? std::string("(no file)") : conformer.File();
+    if (conformer.Record() > 0) {
+        text += ", record " + std::to_string(conformer.Record());
+    }
+    if (!conformer.Title().empty()) {
+        text += " (" + OneLine(conformer.Title()) + ")";
+    }
+    return text;
+}
+
+bool HasFiniteCharges(const QVChem::QVMol& mol) {
+    for (const QVChem::QVAtom& atom : mol) {
+        if (!std::isfinite(atom.GetPartialCharge())) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// =============================================================================================
+// Threads
+
+unsigned int ResolveThreadCount(long long requested, unsigned int cores) {
+    const long long available = cores == 0 ? 1 : cores;
+    long long count = requested;
+    if (requested == 0) {
+        count = available;
+    } else if (requested < 0) {
+        count = available + requested;
+    }
+    return static_cast<unsigned int>(count < 1 ? 1 : count);
+}
+
+unsigned int CurrentFloatingPointState() {
+#if defined(__SSE__)
+    return _mm_getcsr();
+#else
+    return 0;
+#endif
+}
+
+void SetFloatingPointState(unsigned int state) {
+#if defined(__SSE__)
+    _mm_setcsr(state);
+#else
+    (void)state;
+#endif
+}
+
+// =============================================================================================
+// Library errors and signals
+
+LibraryErrors::LibraryErrors(std::string command) {
+    QVSystem::QVThrow.SetHandler([command](QVSystem::QVSeverity severity, const std::string& text) {
+        if (severity == QVSystem::QVSeverity::Fatal) {
+            throw LibraryError(text);
+        }
+        if (warningSink != nullptr) {
+            warningSink->push_back(text);
+        } else {
+            std::cerr << "hermite " << command << ": warning: " << text << "\n";
+        }
+    });
+}
+
+LibraryErrors::~LibraryErrors() {
+    QVSystem::QVThrow.SetHandler(nullptr);
+}
+
+void LibraryErrors::CollectWarnings(std::vector<std::string>* sink) {
+    warningSink = sink;
+}
+
+void CatchInterrupts() {
+    std::signal(SIGINT, OnInterrupt);
+    std::signal(SIGTERM, OnInterrupt);
+}
+
+bool Interrupted() {
+    return interrupted.load();
+}
+
+// =============================================================================================
+// Formatting
+
+std::string FormatFixed(double value, int decimals) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%.*f", decimals, value);
+    return buffer;
+}
+
+std::string FormatExact(double value) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%.17g", value);
+    return buffer;
+}
+
+std::string OneLine(const std::string& text) {
+    std::string line = text;
+    for (char& c : line) {
+        if (c == '\t' || c == '\n' || c == '\r') {
+            c = ' ';
+        }
+    }
+    return line;
+}
+
+bool EndsWithIgnoringCase(const std::string& path, const std::string& suffix) {
+    if (path.size() < suffix.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < suffix.size(); ++i) {
+        const char a = path[path.size() - suffix.size() + i];
+        const char b = suffix[i];
+        const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
+        if (lower(a) != lower(b)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace hermite::cli

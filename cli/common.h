@@ -1,0 +1,142 @@
+/// \file
+/// What the subcommands share: exit statuses, the options that describe how molecules are read,
+/// thread counts, the library's error handler, interruption by signals, reading the one
+/// molecule a command works on, and number formatting.
+#pragma once
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "cli/arguments.h"
+#include "io/molecule_io.h"
+
+namespace hermite::cli {
+
+/// Exit statuses of every subcommand.
+enum ExitStatus : int {
+    kExitOk = 0,            ///< everything was read and processed
+    kExitSkipped = 1,       ///< some record or file was skipped; the results are still written
+    kExitUsage = 2,         ///< a mistake on the command line
+    kExitUnusable = 3,      ///< an output could not be written, or the input molecule not read
+    kExitInterrupted = 130  ///< stopped by SIGINT or SIGTERM; no output written
+};
+
+/// A failure that stops a command with exit status 3 (message printed as
+/// "hermite <command>: <message>").
+class FatalError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// A fatal error reported by the library through `QVSystem::QVThrow` (see `LibraryErrors`).
+class LibraryError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// =============================================================================================
+// Reading molecules
+
+/// Adds the options of molecule reading that commands share: --hydrogens, --charges,
+/// --conformers and --seed; `seedAlsoFor` names what else the seed drives (empty: nothing).
+void AddReadOptions(ArgumentParser& parser, const std::string& seedAlsoFor = "");
+
+/// The `io::ReadOptions` of a command line with the options of `AddReadOptions`.
+io::ReadOptions ReadOptionsFrom(const CommandLine& line);
+
+/// Adds --order N (0 to 100, default `defaultOrder`).
+void AddOrderOption(ArgumentParser& parser, unsigned int defaultOrder);
+
+/// The --order of a command line ("--order must be an integer from 0 to 100, got 101").
+unsigned int OrderFrom(const CommandLine& line, unsigned int defaultOrder);
+
+/// The first conformer of the first molecule of a file, with what reading it took.
+struct FirstMolecule {
+    io::Conformer conformer;
+    /// The problems met before the molecule was found (skipped records), in file order.
+    std::vector<io::Problem> problems;
+    /// True when the file holds more than this conformer (more conformers or molecules).
+    bool hasMore = false;
+    /// The number of conformers of the first molecule.
+    std::size_t conformers = 0;
+};
+
+/// Reads the first molecule of `path`. Throws `FatalError` naming the file (and the problems
+/// met) when it holds no usable molecule.
+FirstMolecule ReadFirstMolecule(const std::string& path, const io::ReadOptions& options);
+
+/// Reads the molecule `hermite grid` and `hermite expand` work on: the first conformer of the
+/// first molecule of `path`. Throws `FatalError` when there is none, or when `needCharges` and
+/// its partial charges are not finite. Prints a note to standard error when the file holds
+/// more, and the problems met before the molecule (skipped records).
+FirstMolecule ReadInputMolecule(const std::string& command, const std::string& path,
+                                const io::ReadOptions& options, bool needCharges);
+
+/// "file, record 3 (title)": where a conformer came from, for messages.
+std::string DescribeSource(const io::Conformer& conformer);
+
+/// True when any of the problems made a record or file be skipped.
+bool AnySkipped(const std::vector<io::Problem>& problems);
+
+/// True when every atom of `mol` has a finite partial charge.
+bool HasFiniteCharges(const QVChem::QVMol& mol);
+
+// =============================================================================================
+// Threads
+
+/// The number of worker threads for a --threads value, by RDKit's convention: 0 means all
+/// cores, a negative -n all cores but n (at least 1), a positive value that many.
+/// `cores` is the number of cores (0 when unknown, taken as 1).
+unsigned int ResolveThreadCount(long long requested, unsigned int cores);
+
+/// The floating-point control state of the calling thread (SSE MXCSR; 0 where there is none).
+unsigned int CurrentFloatingPointState();
+/// Gives the calling thread the state captured by `CurrentFloatingPointState`, so that worker
+/// threads compute with the same flush-to-zero and denormals-are-zero modes as the main thread
+/// (the library sets them in the thread that loads it) and results do not depend on which
+/// thread computed them.
+void SetFloatingPointState(unsigned int state);
+
+// =============================================================================================
+// Library errors and signals
+
+/// Routes the library's `QVThrow` messages for the lifetime of the object: warnings are printed
+/// as "hermite <command>: warning: <text>" (or collected, in threads that set a collector with
+/// `CollectWarnings`); fatal errors throw `LibraryError`. The previous handler is restored by
+/// the destructor.
+class LibraryErrors {
+public:
+    explicit LibraryErrors(std::string command);
+    ~LibraryErrors();
+    LibraryErrors(const LibraryErrors&) = delete;
+    LibraryErrors& operator=(const LibraryErrors&) = delete;
+
+    /// Makes the warnings raised in the calling thread go to `*sink` (null: print them again).
+    static void CollectWarnings(std::vector<std::string>* sink);
+};
+
+/// Installs handlers for SIGINT and SIGTERM that set the flag returned by `Interrupted` (and
+/// restore the default action, so that a second signal stops the process at once).
+void CatchInterrupts();
+
+/// True once SIGINT or SIGTERM arrived after `CatchInterrupts`.
+bool Interrupted();
+
+// =============================================================================================
+// Formatting
+
+/// `value` with `decimals` digits after the point ("nan" and "inf" as printf writes them).
+std::string FormatFixed(double value, int decimals);
+
+/// `value` with 17 significant digits, enough to read back the same double.
+std::string FormatExact(double value);
+
+/// `text` with tabs, carriage returns and newlines replaced by spaces (for one-line fields).
+std::string OneLine(const std::string& text);
+
+/// True when `path` ends with `suffix`, ignoring ASCII case.
+bool EndsWithIgnoringCase(const std::string& path, const std::string& suffix);
+
+}  // namespace hermite::cli

@@ -1,0 +1,143 @@
+// `hermite grid`: renders a molecule's Hermite density onto a CCP4/MRC or cube map.
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+
+#include "cli/commands.h"
+#include "cli/common.h"
+#include "cli/density.h"
+#include "cli/map_writers.h"
+#include "io/atomic_file.h"
+
+namespace hermite::cli {
+
+namespace {
+
+/// The rendering's rule for the points per axis (see `QVHermiteMath::CreateGrid`): the extent
+/// plus a margin of 6 angstrom, one point more than the span needs, 5 to 300 points.
+unsigned int PredictedGridSize(double extent, double spacing) {
+    const double points = std::trunc((extent + 6.0) / spacing + 1.0) + 1.0;
+    return static_cast<unsigned int>(std::min(300.0, std::max(5.0, points)));
+}
+
+/// Places a grid of `points` per axis about the density's centre `centre` on the lattice of
+/// multiples of `spacing`, and sets the grid's centre accordingly in the coordinates of the
+/// expansion (the molecule's coordinates minus `centre`).
+MapGeometry PlaceGrid(QVSystem::QVScalarGrid& grid, unsigned int points, double spacing,
+                      const std::array<double, 3>& centre) {
+    MapGeometry geometry;
+    geometry.points = points;
+    geometry.spacing = spacing;
+    const double halfSpan = (points - 1) / 2.0;
+    double gridCentre[3];
+    for (unsigned int axis = 0; axis < 3; ++axis) {
+        // The first point at k s, as close as possible to centering the grid on the density.
+        const long k = std::lround(centre[axis] / spacing - halfSpan);
+        geometry.first[axis] = static_cast<int>(k);
+        gridCentre[axis] = (static_cast<double>(k) + halfSpan) * spacing - centre[axis];
+    }
+    grid.SetCentre(static_cast<float>(gridCentre[0]), static_cast<float>(gridCentre[1]),
+                   static_cast<float>(gridCentre[2]));
+    return geometry;
+}
+
+/// Renders the expansion onto a grid whose points lie at multiples of `spacing` in the
+/// molecule's coordinates.
+MapGeometry Render(const Density& density, double spacing, QVSystem::QVScalarGrid& grid) {
+    const double extent = density.expansion.GetExtent();
+    MapGeometry geometry =
+        PlaceGrid(grid, PredictedGridSize(extent, spacing), spacing, density.centre);
+    density.expansion.CreateGrid(grid, spacing, extent);
+    if (grid.GetXDim() != geometry.points) {
+        // The rendering chose another size than predicted: place and render again.
+        geometry = PlaceGrid(grid, grid.GetXDim(), spacing, density.centre);
+        density.expansion.CreateGrid(grid, spacing, extent);
+    }
+    return geometry;
+}
+
+/// The second comment line of a cube file / the description in the summary.
+std::string Describe(const Density& density, bool electrostatics) {
+    const QVHermiteMath::QVHermiteOptions& options = density.expansion.GetOptions();
+    return std::string(electrostatics ? "electrostatic" : "shape") + " density, Hermite order " +
+           std::to_string(options.GetNPolyMax()) + ", lambda " +
+           FormatFixed(options.GetLambda(0), 6);
+}
+
+}  // namespace
+
+ArgumentParser GridParser() {
+    ArgumentParser parser(
+        "grid", "MOL --spacing S --out FILE [options]",
+        "Renders the Hermite expansion of a molecule's density (the first conformer of the "
+        "first molecule in MOL) onto a cubic grid and writes it as a map. The density is the "
+        "shape density (one Gaussian per atom) or, with --electrostatics, the electrostatic "
+        "density of the partial charges (Gaussians of width 1 angstrom). It is expanded about "
+        "the mean of the atom positions with the optimal single lambda of the shape density.\n"
+        "\n"
+        "The grid covers the molecule with a margin of 6 angstrom (at most 300 points per axis; "
+        "a finer spacing is clamped with a warning), and its points lie at integer multiples of "
+        "the spacing in the molecule's coordinates, so the map lines up with the molecule in "
+        "PyMOL, ChimeraX and other viewers.\n"
+        "\n"
+        "Formats, by the extension of --out: .ccp4, .map or .mrc for a CCP4/MRC map (32-bit "
+        "floats, P1 cell); .cube for a Gaussian cube file (lengths in Bohr). The file appears "
+        "complete or not at all.\n"
+        "\n"
+        "Exit status: 0 on success; 1 when records before the molecule were skipped (the map "
+        "is still written); 2 for a mistake on the command line; 3 when the molecule cannot be "
+        "read or the map cannot be written.");
+    parser.Positional("MOL", "The molecule file (SD, MOL2 or SMILES, optionally .gz).")
+        .Option("--spacing", "S",
+                "Distance between grid points in angstrom, from 0.001 to 100 (0.2 to 1 is "
+                "typical).",
+                true)
+        .Option("--out", "FILE", "The map file: .ccp4, .map, .mrc or .cube.", true)
+        .Flag("--electrostatics", "Render the electrostatic density instead of the shape.");
+    AddOrderOption(parser, 5);
+    AddReadOptions(parser);
+    return parser;
+}
+
+int RunGrid(const CommandLine& line) {
+    const std::string path = line.Positionals().front();
+    const double spacing = ParseReal("--spacing", line.Value("--spacing"), 0.001, 100.0);
+    const std::string out = line.Value("--out");
+    const std::optional<MapFormat> format = MapFormatFromPath(out);
+    if (!format) {
+        throw UsageError("--out must end in .ccp4, .map, .mrc or .cube, got " + out);
+    }
+    DensityRequest request;
+    request.order = OrderFrom(line, request.order);
+    request.electrostatics = line.Has("--electrostatics");
+    request.centre = true;
+    const io::ReadOptions readOptions = ReadOptionsFrom(line);
+
+    LibraryErrors libraryErrors("grid");
+    io::SetRDKitLogging(false);
+    const FirstMolecule input =
+        ReadInputMolecule("grid", path, readOptions, request.electrostatics);
+    const QVChem::QVMol& molecule = input.conformer.Mol();
+    const Density density = ExpandDensity(molecule, request);
+
+    QVSystem::QVScalarGrid grid;
+    const MapGeometry geometry = Render(density, spacing, grid);
+    const std::string description = Describe(density, request.electrostatics);
+    const std::string title = "hermite grid: " + OneLine(input.conformer.Title());
+    const std::string contents =
+        *format == MapFormat::Ccp4
+            ? FormatCcp4Map(grid, geometry, title)
+            : FormatCubeMap(grid, geometry, molecule, title, description + ", lengths in Bohr");
+    std::string error;
+    if (!io::WriteFileAtomically(out, contents, &error)) {
+        throw FatalError("cannot write the map: " + error);
+    }
+    std::cerr << "hermite grid: " << DescribeSource(input.conformer) << ": " << description << "; "
+              << geometry.points << "^3 points, spacing " << spacing << " angstrom, first point ("
+              << geometry.first[0] * spacing << ", " << geometry.first[1] * spacing << ", "
+              << geometry.first[2] * spacing << ") written to " << out << "\n";
+    return AnySkipped(input.problems) ? kExitSkipped : kExitOk;
+}
+
+}  // namespace hermite::cli

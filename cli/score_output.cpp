@@ -1,0 +1,174 @@
+// Score table, SD tags of hits and the ranked table on standard output.
+
+#include "cli/score_output.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "cli/common.h"
+
+namespace hermite::cli {
+
+namespace {
+
+/// Decimals of every score in the outputs.
+constexpr int kDecimals = 4;
+/// The widest title column of the ranked table.
+constexpr std::size_t kMaxTitleWidth = 40;
+
+std::string Score(double value) {
+    return FormatFixed(value, kDecimals);
+}
+
+/// `text` cut to at most `width` bytes (ending in "..." when cut), not inside a UTF-8 character.
+std::string Truncate(const std::string& text, std::size_t width) {
+    if (text.size() <= width) {
+        return text;
+    }
+    std::size_t end = width - 3;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) {
+        --end;
+    }
+    return text.substr(0, end) + "...";
+}
+
+/// The displayed width of UTF-8 text (code points; good enough for titles).
+std::size_t DisplayWidth(const std::string& text) {
+    std::size_t width = 0;
+    for (const char c : text) {
+        if ((static_cast<unsigned char>(c) & 0xC0) != 0x80) {
+            ++width;
+        }
+    }
+    return width;
+}
+
+/// A table of text cells printed with aligned columns, each column left- or right-aligned, two
+/// spaces between columns, no trailing blanks.
+class AlignedTable {
+public:
+    explicit AlignedTable(std::vector<bool> leftAligned) : leftAligned_(std::move(leftAligned)) {}
+
+    void Add(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+
+    std::string Format() const {
+        std::vector<std::size_t> widths(leftAligned_.size(), 0);
+        for (const auto& row : rows_) {
+            for (std::size_t c = 0; c < row.size(); ++c) {
+                widths[c] = std::max(widths[c], DisplayWidth(row[c]));
+            }
+        }
+        std::string text;
+        for (const auto& row : rows_) {
+            std::string line;
+            for (std::size_t c = 0; c < row.size(); ++c) {
+                const std::string padding(widths[c] - DisplayWidth(row[c]), ' ');
+                line += c == 0 ? "" : "  ";
+                line += leftAligned_[c] ? row[c] + padding : padding + row[c];
+            }
+            line.erase(line.find_last_not_of(' ') + 1);
+            text += line + "\n";
+        }
+        return text;
+    }
+
+private:
+    std::vector<bool> leftAligned_;
+    std::vector<std::vector<std::string>> rows_;
+};
+
+}  // namespace
+
+std::string FormatScoreTable(const ScreenResults& results, const OutputContext& context) {
+    std::string text =
+        "title\tfile\trecord\tconformer\tconformers\trank\tshape_tanimoto\thermite_tanimoto\t"
+        "tversky_query\ttversky_fit";
+    text += context.electrostatics ? "\tes_tanimoto\tes_carbo\tcombo\tstatus\n" : "\tstatus\n";
+    for (std::size_t i = 0; i < results.rows.size(); ++i) {
+        const MoleculeOutcome& row = results.rows[i];
+        const overlay::Scores& s = row.result.scores;
+        std::string line = OneLine(row.title) + "\t" + OneLine(row.file) + "\t" +
+                           std::to_string(row.record) + "\t" + std::to_string(row.conformer) +
+                           "\t" + std::to_string(row.conformers) + "\t" +
+                           (results.ranks[i] > 0 ? std::to_string(results.ranks[i]) : "");
+        if (row.Ok()) {
+            line += "\t" + Score(s.shapeTanimoto) + "\t" + Score(s.hermiteTanimoto) + "\t" +
+                    Score(s.shapeTverskyQuery) + "\t" + Score(s.shapeTverskyFit);
+            if (context.electrostatics) {
+                line += "\t" + Score(s.electrostaticTanimoto) + "\t" + Score(s.electrostaticCarbo) +
+                        "\t" + Score(s.combo);
+            }
+            line += "\tok";
+        } else {
+            line += std::string(context.electrostatics ? 7 : 4, '\t') +
+                    "\terror: " + OneLine(row.error);
+        }
+        text += line + "\n";
+    }
+    return text;
+}
+
+io::SdProperties HitTags(const MoleculeOutcome& row, std::size_t rank,
+                         const OutputContext& context) {
+    const overlay::Scores& s = row.result.scores;
+    io::SdProperties tags = {
+        {"hermite_rank", std::to_string(rank)},
+        {"hermite_shape_tanimoto", Score(s.shapeTanimoto)},
+        {"hermite_hermite_tanimoto", Score(s.hermiteTanimoto)},
+        {"hermite_tversky_query", Score(s.shapeTverskyQuery)},
+        {"hermite_tversky_fit", Score(s.shapeTverskyFit)},
+    };
+    if (context.electrostatics) {
+        tags.push_back({"hermite_es_tanimoto", Score(s.electrostaticTanimoto)});
+        tags.push_back({"hermite_es_carbo", Score(s.electrostaticCarbo)});
+        tags.push_back({"hermite_combo", Score(s.combo)});
+    }
+    tags.push_back({"hermite_conformer", std::to_string(row.conformer)});
+    tags.push_back({"hermite_query", OneLine(context.queryTitle)});
+    return tags;
+}
+
+std::string FormatRankedTable(const ScreenResults& results, const OutputContext& context,
+                              std::size_t limit) {
+    std::size_t passing = 0;
+    for (const std::size_t rank : results.ranks) {
+        passing += rank > 0 ? 1 : 0;
+    }
+    std::string text = "Query: " + OneLine(context.queryTitle) + "; " +
+                       std::to_string(results.rows.size()) + " molecules, " +
+                       std::to_string(passing) + " with " + RankMetricLabel(context.rankBy) +
+                       " >= " + Score(context.cutoff) + "\n";
+    if (results.hits.empty() || limit == 0) {
+        return text + "No hits.\n";
+    }
+
+    std::vector<std::string> header = {"rank",   "title",  "shape",    "hermite", "tv_query",
+                                       "tv_fit", "es_tan", "es_carbo", "combo",   "conf"};
+    if (!context.electrostatics) {
+        header.erase(header.begin() + 6, header.begin() + 9);
+    }
+    std::vector<bool> leftAligned(header.size(), false);
+    leftAligned[1] = true;
+    AlignedTable table(leftAligned);
+    table.Add(header);
+    for (std::size_t i = 0; i < results.hits.size() && i < limit; ++i) {
+        const MoleculeOutcome& row = results.rows[results.hits[i].row];
+        const overlay::Scores& s = row.result.scores;
+        std::vector<std::string> cells = {std::to_string(results.ranks[results.hits[i].row]),
+                                          Truncate(OneLine(row.title), kMaxTitleWidth),
+                                          Score(s.shapeTanimoto),
+                                          Score(s.hermiteTanimoto),
+                                          Score(s.shapeTverskyQuery),
+                                          Score(s.shapeTverskyFit)};
+        if (context.electrostatics) {
+            cells.push_back(Score(s.electrostaticTanimoto));
+            cells.push_back(Score(s.electrostaticCarbo));
+            cells.push_back(Score(s.combo));
+        }
+        cells.push_back(std::to_string(row.conformer));
+        table.Add(cells);
+    }
+    return text + table.Format();
+}
+
+}  // namespace hermite::cli

@@ -1,0 +1,94 @@
+"""Helpers of the command-line tests: running the binary, the CDK2 data, reading outputs.
+
+The binary comes from the environment variable HERMITE_CLI (set by CTest), the CDK2 ligand set
+of Debian's rdkit-data from HERMITE_CDK2_SDF.
+"""
+
+import csv
+import math
+import os
+import subprocess
+from pathlib import Path
+
+import pytest
+
+HERMITE = os.environ.get("HERMITE_CLI", "")
+CDK2 = Path(os.environ.get("HERMITE_CDK2_SDF",
+                           "/usr/share/RDKit/Contrib/Fastcluster/testdata/cdk2.sdf"))
+
+
+def require_inputs():
+    """Fails the test (not skips it) when the binary or the data are missing."""
+    if not HERMITE or not Path(HERMITE).is_file():
+        pytest.fail(f"HERMITE_CLI does not name the built hermite binary: {HERMITE!r}")
+    if not CDK2.is_file():
+        pytest.fail(f"CDK2 ligands not found at {CDK2} (install rdkit-data)")
+
+
+def run(*args, cwd=None, timeout=240):
+    """Runs hermite with `args`; returns the CompletedProcess with text stdout and stderr."""
+    require_inputs()
+    return subprocess.run([HERMITE, *map(str, args)], cwd=cwd, capture_output=True, text=True,
+                          timeout=timeout)
+
+
+def cdk2_records():
+    """The 47 SD records of the CDK2 set as text, each ending with its '$$$$' line."""
+    text = CDK2.read_text()
+    return [record + "$$$$\n" for record in text.split("$$$$\n") if record.strip()]
+
+
+def write_sdf(path, records):
+    """Writes SD records (each ending with '$$$$\\n') to `path` and returns it."""
+    Path(path).write_text("".join(records))
+    return Path(path)
+
+
+def read_sdf(path):
+    """The records of an SD file as (title, {tag: value}) pairs, in file order."""
+    records = []
+    for block in Path(path).read_text().split("$$$$\n"):
+        if not block.strip():
+            continue
+        lines = block.split("\n")
+        tags = {}
+        for i, line in enumerate(lines):
+            if line.startswith("> <") and ">" in line[3:]:
+                name = line[3:line.index(">", 3)]
+                tags[name] = lines[i + 1] if i + 1 < len(lines) else ""
+        records.append((lines[0], tags))
+    return records
+
+
+def read_tsv(path):
+    """The rows of a TSV with a header line as dictionaries."""
+    with open(path, newline="") as handle:
+        return list(csv.DictReader(handle, delimiter="\t"))
+
+
+def sd_coordinates(record_text):
+    """The atom coordinates of a V2000 molfile record as a list of (x, y, z)."""
+    lines = record_text.split("\n")
+    count = int(lines[3][:3])
+    return [tuple(float(lines[4 + i][10 * k:10 * k + 10]) for k in range(3))
+            for i in range(count)]
+
+
+def hermite_polynomials(order, x):
+    """H_0(x) .. H_order(x), the physicists' Hermite polynomials, by their recurrence."""
+    values = [1.0, 2.0 * x]
+    for n in range(1, order):
+        values.append(2.0 * x * values[n] - 2.0 * n * values[n - 1])
+    return values[:order + 1]
+
+
+def expansion_value(expansion, point):
+    """The density of an expansion printed by `hermite expand` at a point of the molecule's
+    coordinates: sum of c_lmn H_l(lx x) H_m(ly y) H_n(lz z) exp(-(lx^2 x^2 + ...) / 2) with
+    (x, y, z) the point minus the expansion's centre."""
+    order = expansion["order"]
+    scaled = [lam * (p - c) for lam, p, c in zip(expansion["lambdas"], point,
+                                                  expansion["centre"])]
+    hx, hy, hz = (hermite_polynomials(order, u) for u in scaled)
+    total = sum(value * hx[l] * hy[m] * hz[n] for l, m, n, value in expansion["coefficients"])
+    return total * math.exp(-0.5 * sum(u * u for u in scaled))

@@ -1,0 +1,240 @@
+"""`hermite overlay` on the CDK2 ligand set: the first ligand against all 47."""
+
+import math
+
+import pytest
+
+from hermite_cli_support import CDK2, cdk2_records, read_sdf, read_tsv, run, sd_coordinates
+
+SCORE_COLUMNS = ["shape_tanimoto", "hermite_tanimoto", "tversky_query", "tversky_fit"]
+ES_COLUMNS = ["es_tanimoto", "es_carbo", "combo"]
+
+
+@pytest.fixture(scope="module")
+def screen(tmp_path_factory):
+    """One default run with hits and scores, shared by the tests of this module."""
+    directory = tmp_path_factory.mktemp("screen")
+    result = run("overlay", "--query", CDK2, "--db", CDK2, "--out", "hits.sdf",
+                 "--scores", "scores.tsv", "--best", "20", "--threads", "2", cwd=directory)
+    return directory, result
+
+
+def test_exit_status_and_summary(screen):
+    _, result = screen
+    assert result.returncode == 0, result.stderr
+    assert "47 molecules read from 1 file, 47 conformers overlaid" in result.stderr
+    assert "overlays/s" in result.stderr
+    assert "20 hits written to hits.sdf" in result.stderr
+    assert "47 rows of scores written to scores.tsv" in result.stderr
+    # The query file holds 47 molecules: the tool says which one is the query.
+    assert "using the first" in result.stderr and "record 1 (ZINC03814457)" in result.stderr
+
+
+def test_score_table_has_one_row_per_molecule_in_input_order(screen):
+    directory, _ = screen
+    rows = read_tsv(directory / "scores.tsv")
+    header = (directory / "scores.tsv").read_text().split("\n")[0].split("\t")
+    assert header == ["title", "file", "record", "conformer", "conformers", "rank",
+                      *SCORE_COLUMNS, "status"]
+    titles = [record.split("\n")[0] for record in cdk2_records()]
+    assert [row["title"] for row in rows] == titles
+    assert [int(row["record"]) for row in rows] == list(range(1, 48))
+    for row in rows:
+        assert row["status"] == "ok"
+        assert row["conformer"] == "1" and row["conformers"] == "1"
+        for column in SCORE_COLUMNS:
+            assert len(row[column].split(".")[1]) == 4  # four decimals
+        assert 0.0 <= float(row["shape_tanimoto"]) <= 1.0
+    # Ranks 1..47 (cutoff 0), consistent with the shape Tanimoto.
+    ranks = sorted(rows, key=lambda row: int(row["rank"]))
+    assert [int(row["rank"]) for row in ranks] == list(range(1, 48))
+    shapes = [float(row["shape_tanimoto"]) for row in ranks]
+    assert shapes == sorted(shapes, reverse=True)
+
+
+def test_first_hit_is_the_query_itself(screen):
+    directory, _ = screen
+    hits = read_sdf(directory / "hits.sdf")
+    title, tags = hits[0]
+    assert title == "ZINC03814457"
+    assert tags["hermite_rank"] == "1"
+    assert float(tags["hermite_shape_tanimoto"]) >= 0.99
+    assert tags["hermite_query"] == "ZINC03814457"
+
+
+def test_hits_file_holds_the_best_with_tags_and_titles(screen):
+    directory, _ = screen
+    hits = read_sdf(directory / "hits.sdf")
+    rows = {row["title"]: row for row in read_tsv(directory / "scores.tsv")}
+    assert len(hits) == 20
+    for rank, (title, tags) in enumerate(hits, start=1):
+        assert title in rows
+        assert tags["hermite_rank"] == str(rank) == rows[title]["rank"]
+        assert tags["hermite_shape_tanimoto"] == rows[title]["shape_tanimoto"]
+        assert tags["hermite_hermite_tanimoto"] == rows[title]["hermite_tanimoto"]
+        assert tags["hermite_tversky_query"] == rows[title]["tversky_query"]
+        assert tags["hermite_tversky_fit"] == rows[title]["tversky_fit"]
+        assert tags["hermite_conformer"] == "1"
+        assert "hermite_es_tanimoto" not in tags and "hermite_combo" not in tags
+        # The input's own data items are kept.
+        assert tags["id"] == title
+
+
+def test_hits_are_moved_onto_the_query(screen):
+    directory, _ = screen
+    records = {record.split("\n")[0]: record for record in cdk2_records()}
+    written = (directory / "hits.sdf").read_text().split("$$$$\n")
+    # The query overlaid onto itself stays (nearly) where it is.
+    query_out = sd_coordinates(written[0])
+    query_in = sd_coordinates(records["ZINC03814457"])
+    assert len(query_out) == len(query_in)
+    rmsd = math.sqrt(sum((a - b) ** 2 for p, q in zip(query_out, query_in)
+                         for a, b in zip(p, q)) / len(query_in))
+    assert rmsd < 0.1
+
+
+def test_ranked_table_on_stdout(screen):
+    directory, result = screen
+    lines = result.stdout.splitlines()
+    assert lines[0].startswith("Query: ZINC03814457; 47 molecules, 47 with shape Tanimoto")
+    assert lines[1].split() == ["rank", "title", "shape", "hermite", "tv_query", "tv_fit", "conf"]
+    assert len(lines) == 2 + 10
+    first = lines[2].split()
+    assert first[0] == "1" and first[1] == "ZINC03814457"
+    # Aligned: every row as long as the header or shorter only by trailing blanks.
+    assert len({len(line) for line in lines[1:]}) == 1
+    hits = read_sdf(directory / "hits.sdf")
+    assert [line.split()[1] for line in lines[2:]] == [title for title, _ in hits[:10]]
+
+
+def test_output_identical_for_any_thread_count(tmp_path):
+    outputs = []
+    for threads in ["1", "2", "-1", "0"]:
+        directory = tmp_path / f"t{threads}"
+        directory.mkdir()
+        result = run("overlay", "--query", CDK2, "--db", CDK2, "--out", "hits.sdf", "--scores",
+                     "scores.tsv", "--threads", threads, "--starts", "2", "--quiet",
+                     cwd=directory)
+        assert result.returncode == 0, result.stderr
+        assert result.stderr == ""
+        outputs.append(((directory / "hits.sdf").read_bytes(),
+                        (directory / "scores.tsv").read_bytes(), result.stdout))
+    assert all(output == outputs[0] for output in outputs[1:])
+
+
+def test_score_only_scores_input_poses(tmp_path):
+    result = run("overlay", "--query", CDK2, "--db", CDK2, "--scores", "scores.tsv",
+                 "--score-only", "--quiet", cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    rows = read_tsv(tmp_path / "scores.tsv")
+    assert len(rows) == 47
+    assert rows[0]["rank"] == "1" and rows[0]["shape_tanimoto"] == "1.0000"
+    # The CDK2 ligands are docked poses, already roughly superposed: scores in place are
+    # lower than after the overlay for some, and never higher by more than rounding.
+    optimised = run("overlay", "--query", CDK2, "--db", CDK2, "--scores", "opt.tsv", "--quiet",
+                    cwd=tmp_path)
+    assert optimised.returncode == 0
+    best = read_tsv(tmp_path / "opt.tsv")
+    in_place = [float(row["shape_tanimoto"]) for row in rows]
+    overlaid = [float(row["shape_tanimoto"]) for row in best]
+    assert all(a <= b + 1e-3 for a, b in zip(in_place, overlaid))
+    assert sum(overlaid) > sum(in_place)
+
+
+def test_electrostatics_columns_and_tags(tmp_path):
+    result = run("overlay", "--query", CDK2, "--db", CDK2, "--electrostatics", "--scores",
+                 "scores.tsv", "--out", "hits.sdf", "--best", "3", "--quiet", cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    header = (tmp_path / "scores.tsv").read_text().split("\n")[0].split("\t")
+    assert header[-4:] == [*ES_COLUMNS, "status"]
+    rows = read_tsv(tmp_path / "scores.tsv")
+    assert rows[0]["es_tanimoto"] == "1.0000" and rows[0]["combo"] == "2.0000"
+    for row in rows:
+        assert -1.0 / 3.0 - 1e-4 <= float(row["es_tanimoto"]) <= 1.0
+        assert -1.0 <= float(row["es_carbo"]) <= 1.0
+        combo = float(row["shape_tanimoto"]) + float(row["es_tanimoto"])
+        assert abs(float(row["combo"]) - combo) <= 2e-4
+    hits = read_sdf(tmp_path / "hits.sdf")
+    assert len(hits) == 3
+    for _, tags in hits:
+        for tag in ["hermite_es_tanimoto", "hermite_es_carbo", "hermite_combo"]:
+            assert tag in tags
+    assert "es_tan" in result.stdout.splitlines()[1]
+
+
+def test_rank_by_combo_implies_electrostatics(tmp_path):
+    result = run("overlay", "--query", CDK2, "--db", CDK2, "--rank-by", "combo", "--scores",
+                 "scores.tsv", "--quiet", cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    rows = read_tsv(tmp_path / "scores.tsv")
+    ranked = sorted(rows, key=lambda row: int(row["rank"]))
+    combos = [float(row["combo"]) for row in ranked]
+    assert combos == sorted(combos, reverse=True)
+    assert "combo score" in result.stdout.splitlines()[0]
+
+
+def test_cutoff_and_best(tmp_path):
+    result = run("overlay", "--query", CDK2, "--db", CDK2, "--scores", "scores.tsv", "--out",
+                 "hits.sdf", "--cutoff", "0.8", "--best", "4", "--quiet", cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    rows = read_tsv(tmp_path / "scores.tsv")
+    assert len(rows) == 47
+    for row in rows:
+        passes = float(row["shape_tanimoto"]) >= 0.8
+        assert (row["rank"] != "") == passes
+    passing = sum(1 for row in rows if row["rank"])
+    assert passing >= 5
+    assert len(read_sdf(tmp_path / "hits.sdf")) == 4
+    table = result.stdout.splitlines()
+    assert f"{passing} with shape Tanimoto >= 0.8000" in table[0]
+    assert len(table) == 2 + 4
+
+
+def test_tversky_ranking(tmp_path):
+    result = run("overlay", "--query", CDK2, "--db", CDK2, "--scores", "scores.tsv",
+                 "--rank-by", "tversky-fit", "--quiet", cwd=tmp_path)
+    assert result.returncode == 0
+    ranked = sorted(read_tsv(tmp_path / "scores.tsv"), key=lambda row: int(row["rank"]))
+    values = [float(row["tversky_fit"]) for row in ranked]
+    assert values == sorted(values, reverse=True)
+
+
+def test_smiles_database_gets_conformers(tmp_path):
+    smiles = tmp_path / "db.smi"
+    smiles.write_text("c1ccccc1C(=O)O benzoic_acid\nCCO ethanol\n")
+    result = run("overlay", "--query", CDK2, "--db", smiles, "--scores", "scores.tsv",
+                 "--out", "hits.sdf", "--conformers", "3", "--seed", "7", "--quiet",
+                 cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    rows = read_tsv(tmp_path / "scores.tsv")
+    assert [row["title"] for row in rows] == ["benzoic_acid", "ethanol"]
+    assert all(row["conformers"] == "3" for row in rows)
+    assert all(1 <= int(row["conformer"]) <= 3 for row in rows)
+    hits = read_sdf(tmp_path / "hits.sdf")
+    assert hits[0][1]["hermite_conformer"] == rows[0]["conformer"] or \
+        hits[0][1]["hermite_conformer"] == rows[1]["conformer"]
+
+
+def retitled(record, title):
+    """An SD record with another title."""
+    return title + "\n" + record.split("\n", 1)[1]
+
+
+def test_best_conformer_is_kept(tmp_path):
+    records = cdk2_records()
+    # Three conformers of "multi": two other ligands around the query itself, then two equal
+    # conformers of "twin" (the first of equal ones wins).
+    db = tmp_path / "multi.sdf"
+    db.write_text(retitled(records[1], "multi") + retitled(records[0], "multi") +
+                  retitled(records[2], "multi") + retitled(records[0], "twin") +
+                  retitled(records[0], "twin"))
+    result = run("overlay", "--query", CDK2, "--db", db, "--scores", "scores.tsv", "--out",
+                 "hits.sdf", "--quiet", cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    rows = read_tsv(tmp_path / "scores.tsv")
+    assert [(row["title"], row["conformers"], row["conformer"], row["record"]) for row in rows] \
+        == [("multi", "3", "2", "2"), ("twin", "2", "1", "4")]
+    hits = read_sdf(tmp_path / "hits.sdf")
+    # Equal scores rank in input order.
+    assert [(title, tags["hermite_conformer"]) for title, tags in hits] == \
+        [("multi", "2"), ("twin", "1")]

@@ -1,0 +1,121 @@
+"""Help, version and mistakes on the command line (exit status 2)."""
+
+import re
+
+import pytest
+
+from hermite_cli_support import CDK2, run
+
+COMMANDS = ["overlay", "grid", "expand"]
+
+# Every option each subcommand must document in its --help.
+OPTIONS = {
+    "overlay": ["--query", "--db", "--out", "--scores", "--best", "--cutoff", "--rank-by",
+                "--threads", "--order", "--hydrogens", "--electrostatics", "--charges",
+                "--score-only", "--seed", "--starts", "--conformers", "--quiet", "--help"],
+    "grid": ["--spacing", "--out", "--electrostatics", "--order", "--charges", "--hydrogens",
+             "--help"],
+    "expand": ["--order", "--hydrogens", "--electrostatics", "--lambda", "--centre", "--out",
+               "--charges", "--help"],
+}
+
+
+def test_version():
+    result = run("--version")
+    assert result.returncode == 0
+    assert result.stdout == "hermite 0.1.0\n"
+
+
+@pytest.mark.parametrize("flag", ["--help", "-h"])
+def test_main_help_lists_every_command(flag):
+    result = run(flag)
+    assert result.returncode == 0
+    assert result.stdout.startswith("Usage: hermite <command>")
+    for command in COMMANDS:
+        assert re.search(rf"^  {command} +\S", result.stdout, re.M), command
+    assert "--version" in result.stdout
+
+
+def test_no_arguments_prints_usage_and_fails():
+    result = run()
+    assert result.returncode == 2
+    assert "Usage: hermite" in result.stderr
+
+
+@pytest.mark.parametrize("command", COMMANDS)
+def test_command_help_documents_every_option(command):
+    result = run(command, "--help")
+    assert result.returncode == 0
+    assert result.stdout.startswith(f"Usage: hermite {command} ")
+    for option in OPTIONS[command]:
+        assert re.search(rf"^  (-h, )?{option}\b", result.stdout, re.M), option
+    assert "Exit status" in result.stdout
+
+
+@pytest.mark.parametrize("command", COMMANDS)
+def test_help_command_equals_help_option(command):
+    assert run("help", command).stdout == run(command, "--help").stdout
+
+
+def test_unknown_command():
+    result = run("frobnicate")
+    assert result.returncode == 2
+    assert result.stderr == "hermite: unknown command frobnicate (see hermite --help)\n"
+
+
+def test_unknown_option():
+    result = run("overlay", "--query", CDK2, "--db", CDK2, "--foo")
+    assert result.returncode == 2
+    assert result.stderr == "hermite overlay: unknown option --foo (see hermite overlay --help)\n"
+    assert result.stdout == ""
+
+
+def test_order_above_range():
+    result = run("overlay", "--query", CDK2, "--db", CDK2, "--order", "101")
+    assert result.returncode == 2
+    assert result.stderr == "hermite overlay: --order must be an integer from 0 to 100, got 101\n"
+
+
+@pytest.mark.parametrize("args, message", [
+    (["overlay", "--db", "x.sdf"], "missing required option --query"),
+    (["overlay", "--query", "x.sdf"], "missing required option --db"),
+    (["overlay", "--query", "x.sdf", "--db"], "--db needs a value"),
+    (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--threads", "two"],
+     "--threads must be an integer"),
+    (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--order", "-1"],
+     "--order must be an integer from 0 to 100, got -1"),
+    (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--best", "0"],
+     "--best must be an integer from 1"),
+    (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--cutoff", "high"],
+     "--cutoff must be a number"),
+    (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--rank-by", "volume"],
+     "--rank-by must be shape, combo, tversky-query or tversky-fit, got volume"),
+    (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--charges", "eem"],
+     "--charges must be gasteiger, mmff or input, got eem"),
+    (["overlay", "--query", "x.sdf", "--query", "y.sdf", "--db", "y.sdf"],
+     "--query given more than once"),
+    (["grid", "m.sdf", "--out", "m.ccp4"], "missing required option --spacing"),
+    (["grid", "m.sdf", "--spacing", "0", "--out", "m.ccp4"], "--spacing must be a number"),
+    (["grid", "m.sdf", "--spacing", "-0.5", "--out", "m.ccp4"], "--spacing must be a number"),
+    (["grid", "m.sdf", "--spacing", "abc", "--out", "m.ccp4"], "--spacing must be a number"),
+    (["grid", "m.sdf", "--spacing", "nan", "--out", "m.ccp4"], "--spacing must be a number"),
+    (["grid", "m.sdf", "--spacing", "0.5", "--out", "m.pdf"],
+     "--out must end in .ccp4, .map, .mrc or .cube, got m.pdf"),
+    (["grid", "--spacing", "0.5", "--out", "m.ccp4"], "missing argument MOL"),
+    (["expand"], "missing argument MOL"),
+    (["expand", "a.sdf", "b.sdf"], "unexpected argument 'b.sdf'"),
+    (["expand", "a.sdf", "--lambda", "0"], "--lambda must be a number"),
+    (["expand", "a.sdf", "--centre=yes"], "--centre takes no value"),
+])
+def test_usage_errors(args, message):
+    result = run(*args)
+    assert result.returncode == 2, result.stderr
+    assert result.stderr.startswith(f"hermite {args[0]}: ")
+    assert message in result.stderr
+    assert result.stdout == ""
+
+
+def test_option_with_equals_sign():
+    result = run("overlay", f"--query={CDK2}", "--db", CDK2, "--order=101")
+    assert result.returncode == 2
+    assert "--order must be an integer from 0 to 100, got 101" in result.stderr
