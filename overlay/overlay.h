@@ -48,7 +48,7 @@ struct Settings {
     /// Seed of the extra starts.
     std::uint64_t seed = 42;
     /// BFGS gradient tolerance of the Hermite search, relative to the query's self-overlap.
-    double relativeTolerance = 1e-4;
+    double relativeTolerance = 1e-3;
     /// BFGS iteration limit per start.
     unsigned int iterationLimit = 100;
     /// Poses refined on the exact overlap (0: no refinement).
