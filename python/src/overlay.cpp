@@ -1,0 +1,668 @@
+// hermite.Molecule, the overlay settings, results and the overlay, score and screen functions.
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <exception>
+#include <sstream>
+#include <thread>
+
+#include "common.h"
+#include "overlay/overlay.h"
+
+namespace hermite::python {
+
+namespace {
+
+using hermite::overlay::Query;
+using hermite::overlay::Result;
+using hermite::overlay::Scores;
+using hermite::overlay::Settings;
+using QVChem::QVMol;
+
+/// The Python class hermite.OverlayResult.
+struct OverlayResultObject {
+    Result result;
+    std::string title;
+    std::string queryTitle;
+    bool electrostatics = false;
+    std::vector<double> aligned;  // the fit's atoms moved by the transform, flat
+};
+
+std::string Repr(double value) {
+    return py::repr(py::float_(value));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Molecules
+
+MoleculeObject MakeMolecule(py::handle atomicNumbers, py::handle coords, py::handle charges,
+                            std::string title) {
+    const std::vector<double> xyz = Points(coords, "coords");
+    const std::size_t n = xyz.size() / 3;
+    const std::vector<double> z = Values(atomicNumbers, "atomic_numbers", n, "one per atom");
+    for (std::size_t i = 0; i < n; ++i) {
+        if (z[i] < 0.0 || z[i] > 118.0 || z[i] != static_cast<double>(static_cast<int>(z[i]))) {
+            throw py::value_error("atomic_numbers must be integers in 0..118, got " + Repr(z[i]) +
+                                  " at index " + std::to_string(i));
+        }
+    }
+    std::vector<double> q(n, 0.0);
+    if (!charges.is_none()) {
+        q = Values(charges, "charges", n, "one per atom");
+    }
+    RequireSinglePrecision(xyz, "coords");
+    MoleculeObject object;
+    object.mol.SetTitle(std::move(title));
+    for (std::size_t i = 0; i < n; ++i) {
+        object.mol.AddAtom(static_cast<unsigned int>(z[i]), xyz[3 * i], xyz[3 * i + 1],
+                           xyz[3 * i + 2], q[i]);
+    }
+    return object;
+}
+
+py::array_t<double> Coords(const QVMol& mol) {
+    std::vector<double> xyz(3 * static_cast<std::size_t>(mol.NumAtoms()));
+    mol.GetCoords(xyz.data());
+    return ToArray(std::move(xyz), {static_cast<py::ssize_t>(mol.NumAtoms()), 3});
+}
+
+py::array_t<int> AtomicNumbers(const QVMol& mol) {
+    py::array_t<int> z(static_cast<py::ssize_t>(mol.NumAtoms()));
+    auto out = z.mutable_unchecked<1>();
+    for (unsigned int i = 0; i < mol.NumAtoms(); ++i) {
+        out(i) = static_cast<int>(mol.GetAtom(i).GetAtomicNumber());
+    }
+    return z;
+}
+
+py::array_t<double> Charges(const QVMol& mol) {
+    std::vector<double> q;
+    for (const QVChem::QVAtom& atom : mol) {
+        q.push_back(atom.GetPartialCharge());
+    }
+    return ToArray(std::move(q));
+}
+
+const QVMol& MoleculeArgument(py::handle object, const std::string& name) {
+    if (!py::isinstance<MoleculeObject>(object)) {
+        throw py::type_error(name + " must be hermite.Molecule, got " +
+                             std::string(py::str(py::type::handle_of(object).attr("__name__"))));
+    }
+    return object.cast<const MoleculeObject&>().mol;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Settings
+
+/// The keyword arguments the overlay functions accept besides `settings`: the properties of
+/// hermite.OverlaySettings.
+const char* const kSettingNames[] = {"order",
+                                     "starts",
+                                     "seed",
+                                     "relative_tolerance",
+                                     "iteration_limit",
+                                     "refine_candidates",
+                                     "refine_iteration_limit",
+                                     "electrostatics",
+                                     "electrostatic_width"};
+
+unsigned int Count(long long value, const char* name, long long maximum) {
+    if (value < 0 || value > maximum) {
+        throw py::value_error(std::string(name) + " must lie in 0.." + std::to_string(maximum) +
+                              ", got " + std::to_string(value));
+    }
+    return static_cast<unsigned int>(value);
+}
+
+/// `settings` (or the defaults) with the keyword arguments applied through the properties, so
+/// that they are checked the same way.
+Settings ResolveSettings(py::handle settings, const py::kwargs& kwargs) {
+    Settings resolved;
+    if (!settings.is_none()) {
+        if (!py::isinstance<Settings>(settings)) {
+            throw py::type_error("settings must be hermite.OverlaySettings");
+        }
+        resolved = settings.cast<Settings>();
+    }
+    if (kwargs.empty()) {
+        return resolved;
+    }
+    py::object object = py::cast(resolved);
+    for (const auto& item : kwargs) {
+        const std::string name = py::str(item.first);
+        const bool known = std::any_of(std::begin(kSettingNames), std::end(kSettingNames),
+                                       [&](const char* n) { return name == n; });
+        if (!known) {
+            throw py::type_error("unexpected keyword argument '" + name + "'");
+        }
+        py::setattr(object, name.c_str(), item.second);
+    }
+    return object.cast<Settings>();
+}
+
+std::string SettingsRepr(const Settings& s) {
+    std::ostringstream out;
+    out << "OverlaySettings(order=" << s.order << ", starts=" << s.extraStarts
+        << ", seed=" << s.seed << ", relative_tolerance=" << Repr(s.relativeTolerance)
+        << ", iteration_limit=" << s.iterationLimit << ", refine_candidates=" << s.refineCandidates
+        << ", refine_iteration_limit=" << s.refineIterationLimit
+        << ", electrostatics=" << (s.electrostatics ? "True" : "False")
+        << ", electrostatic_width=" << Repr(s.electrostaticWidth) << ")";
+    return out.str();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Results
+
+py::dict ScoreDict(const Scores& s) {
+    py::dict d;
+    d["shape_tanimoto"] = s.shapeTanimoto;
+    d["hermite_tanimoto"] = s.hermiteTanimoto;
+    d["tversky_query"] = s.shapeTverskyQuery;
+    d["tversky_fit"] = s.shapeTverskyFit;
+    d["es_tanimoto"] = s.electrostaticTanimoto;
+    d["es_carbo"] = s.electrostaticCarbo;
+    d["combo"] = s.combo;
+    d["overlap"] = s.overlap;
+    d["query_self_overlap"] = s.querySelfOverlap;
+    d["fit_self_overlap"] = s.fitSelfOverlap;
+    return d;
+}
+
+std::string ScoresRepr(const Scores& s) {
+    std::ostringstream out;
+    out.precision(4);
+    out << std::fixed << "Scores(shape_tanimoto=" << s.shapeTanimoto
+        << ", hermite_tanimoto=" << s.hermiteTanimoto << ", tversky_query=" << s.shapeTverskyQuery
+        << ", tversky_fit=" << s.shapeTverskyFit << ", es_tanimoto=" << s.electrostaticTanimoto
+        << ", es_carbo=" << s.electrostaticCarbo << ", combo=" << s.combo
+        << ", overlap=" << s.overlap << ")";
+    return out.str();
+}
+
+OverlayResultObject MakeResult(const Result& result, const QVMol& fit, const std::string& query,
+                               bool electrostatics) {
+    OverlayResultObject object;
+    object.result = result;
+    object.title = fit.GetTitle();
+    object.queryTitle = query;
+    object.electrostatics = electrostatics;
+    object.aligned.resize(3 * static_cast<std::size_t>(fit.NumAtoms()));
+    fit.GetCoords(object.aligned.data());
+    for (std::size_t i = 0; i < fit.NumAtoms(); ++i) {
+        result.transform.Apply(&object.aligned[3 * i]);
+    }
+    return object;
+}
+
+std::string ResultRepr(const OverlayResultObject& r) {
+    std::ostringstream out;
+    out.precision(4);
+    out << std::fixed << "OverlayResult(title=" << std::string(py::repr(py::str(r.title)))
+        << ", shape_tanimoto=" << r.result.scores.shapeTanimoto
+        << ", tversky_query=" << r.result.scores.shapeTverskyQuery;
+    if (r.electrostatics) {
+        out << ", es_tanimoto=" << r.result.scores.electrostaticTanimoto
+            << ", combo=" << r.result.scores.combo;
+    }
+    out << ")";
+    return out.str();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Screening
+
+/// The number of worker threads: 0 means all cores, -n all cores but n (at least 1).
+unsigned int ThreadCount(long long requested, std::size_t jobs) {
+    const long long cores = std::max(1u, std::thread::hardware_concurrency());
+    long long threads = requested;
+    if (requested == 0) {
+        threads = cores;
+    } else if (requested < 0) {
+        threads = std::max(1LL, cores + requested);
+    }
+    threads = std::min<long long>(
+        {threads, 1024, static_cast<long long>(std::max<std::size_t>(jobs, 1))});
+    return static_cast<unsigned int>(threads);
+}
+
+/// Overlays (or scores) every fit on worker threads, in input order. The calling thread holds
+/// no GIL while it waits, but takes it every 100 ms to let Python handle signals: an interrupt
+/// stops the workers after the molecules in progress and is raised.
+std::vector<Result> RunScreen(const Query& query, const std::vector<QVMol>& fits,
+                              unsigned int threadCount, bool scoreOnly) {
+    Diagnostics diagnostics;
+    std::vector<Result> results(fits.size());
+    std::vector<std::exception_ptr> errors(fits.size());
+    std::atomic<std::size_t> next{0};
+    std::atomic<bool> stop{false};
+    std::mutex mutex;
+    std::condition_variable finished;
+    unsigned int running = threadCount;
+
+    std::vector<std::thread> workers;
+    const auto work = [&] {
+        {
+            ThreadRoute route(diagnostics);
+            FloatingPointScope mode;
+            for (std::size_t i = next.fetch_add(1); i < fits.size() && !stop.load();
+                 i = next.fetch_add(1)) {
+                try {
+                    results[i] = scoreOnly ? query.Score(fits[i]) : query.Overlay(fits[i]);
+                } catch (...) {
+                    errors[i] = std::current_exception();
+                    stop = true;
+                }
+            }
+        }
+        std::lock_guard<std::mutex> lock(mutex);
+        --running;
+        finished.notify_all();
+    };
+    const auto joinAll = [&] {
+        for (std::thread& worker : workers) {
+            worker.join();
+        }
+    };
+    {
+        py::gil_scoped_release release;
+        try {
+            for (unsigned int t = 0; t < threadCount; ++t) {
+                workers.emplace_back(work);
+            }
+        } catch (...) {
+            // No thread could be started: stop and wait for those that were, then report.
+            stop = true;
+            joinAll();
+            throw;
+        }
+    }
+    while (true) {
+        bool done = false;
+        {
+            py::gil_scoped_release release;
+            std::unique_lock<std::mutex> lock(mutex);
+            done = finished.wait_for(lock, std::chrono::milliseconds(100),
+                                     [&] { return running == 0; });
+        }
+        if (done) {
+            break;
+        }
+        if (PyErr_CheckSignals() != 0) {
+            stop = true;
+            {
+                py::gil_scoped_release release;
+                joinAll();
+            }
+            throw py::error_already_set();
+        }
+    }
+    {
+        py::gil_scoped_release release;
+        joinAll();
+    }
+    for (std::size_t i = 0; i < fits.size(); ++i) {
+        if (errors[i]) {
+            EmitWarnings(diagnostics);
+            try {
+                std::rethrow_exception(errors[i]);
+            } catch (const LibraryError& error) {
+                throw LibraryError("molecules[" + std::to_string(i) + "]: " + error.what());
+            }
+        }
+    }
+    EmitWarnings(diagnostics);
+    return results;
+}
+
+std::vector<QVMol> FitMolecules(py::handle molecules) {
+    if (py::isinstance<MoleculeObject>(molecules) || py::isinstance<py::str>(molecules)) {
+        throw py::type_error("molecules must be an iterable of hermite.Molecule");
+    }
+    std::vector<QVMol> fits;
+    std::size_t index = 0;
+    for (py::handle item : py::iter(molecules)) {
+        fits.push_back(MoleculeArgument(item, "molecules[" + std::to_string(index++) + "]"));
+    }
+    return fits;
+}
+
+py::list ScreenResults(py::handle query, py::handle molecules, long long threads,
+                       py::handle settings, const py::kwargs& kwargs, bool scoreOnly) {
+    const QVMol& queryMol = MoleculeArgument(query, "query");
+    const Settings resolved = ResolveSettings(settings, kwargs);
+    const std::vector<QVMol> fits = FitMolecules(molecules);
+    if (threads < -1024 || threads > 1024) {
+        throw py::value_error("threads must lie in -1024..1024, got " + std::to_string(threads));
+    }
+    const unsigned int threadCount = ThreadCount(threads, fits.size());
+    std::unique_ptr<Query> prepared;
+    RunLibrary([&] { prepared = std::make_unique<Query>(queryMol, resolved); });
+    const std::vector<Result> results = RunScreen(*prepared, fits, threadCount, scoreOnly);
+    py::list list;
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        list.append(MakeResult(results[i], fits[i], queryMol.GetTitle(), resolved.electrostatics));
+    }
+    return list;
+}
+
+OverlayResultObject PairResult(py::handle query, py::handle fit, py::handle settings,
+                               const py::kwargs& kwargs, bool scoreOnly) {
+    const QVMol& queryMol = MoleculeArgument(query, "query");
+    const QVMol& fitMol = MoleculeArgument(fit, "fit");
+    const Settings resolved = ResolveSettings(settings, kwargs);
+    const QVMol queryCopy = queryMol;
+    const QVMol fitCopy = fitMol;
+    const Result result = RunLibrary([&] {
+        const Query prepared(queryCopy, resolved);
+        return scoreOnly ? prepared.Score(fitCopy) : prepared.Overlay(fitCopy);
+    });
+    return MakeResult(result, fitCopy, queryCopy.GetTitle(), resolved.electrostatics);
+}
+
+/// The settings section of the overlay functions' docstrings, with the library's defaults.
+std::string SettingsDoc() {
+    const Settings d;
+    std::ostringstream out;
+    out << "\nSettings (keyword arguments, or ``settings=hermite.OverlaySettings(...)``; "
+           "defaults in brackets):\n"
+        << "    order: Hermite expansion order, 0 to 100 [" << d.order << "].\n"
+        << "    starts: random start rotations tried besides the four flips [" << d.extraStarts
+        << "].\n"
+        << "    seed: seed of the random starts [" << d.seed << "].\n"
+        << "    relative_tolerance: BFGS gradient tolerance relative to the query's self-overlap ["
+        << Repr(d.relativeTolerance) << "].\n"
+        << "    iteration_limit: BFGS iterations per start [" << d.iterationLimit << "].\n"
+        << "    refine_candidates: best Hermite poses refined on the exact overlap, 0 for none ["
+        << d.refineCandidates << "].\n"
+        << "    refine_iteration_limit: BFGS iterations of the exact refinement ["
+        << d.refineIterationLimit << "].\n"
+        << "    electrostatics: also compute the electrostatic scores from the partial charges ["
+        << (d.electrostatics ? "True" : "False") << "].\n"
+        << "    electrostatic_width: width of the electrostatic Gaussians in angstrom ["
+        << Repr(d.electrostaticWidth) << "].\n";
+    return out.str();
+}
+
+}  // namespace
+
+void BindOverlay(py::module_& m) {
+    py::class_<MoleculeObject>(m, "Molecule", R"doc(
+A molecule for overlays: its atoms' elements, coordinates (angstrom), partial charges
+(elementary charges) and a title. Bonds are not needed.
+
+Args:
+    atomic_numbers: (n,) integers 0..118.
+    coords: (n, 3) coordinates, n >= 1.
+    charges: (n,) partial charges (default zeros).
+    title: the molecule's name.
+)doc")
+        .def(py::init(&MakeMolecule), py::arg("atomic_numbers"), py::arg("coords"),
+             py::arg("charges") = py::none(), py::arg("title") = "")
+        .def_property_readonly(
+            "atomic_numbers", [](const MoleculeObject& o) { return AtomicNumbers(o.mol); },
+            "(n,) integer array of the atomic numbers (a copy).")
+        .def_property_readonly(
+            "coords", [](const MoleculeObject& o) { return Coords(o.mol); },
+            "(n, 3) array of the coordinates (a copy).")
+        .def_property_readonly(
+            "charges", [](const MoleculeObject& o) { return Charges(o.mol); },
+            "(n,) array of the partial charges (a copy).")
+        .def_property(
+            "title", [](const MoleculeObject& o) { return o.mol.GetTitle(); },
+            [](MoleculeObject& o, std::string title) { o.mol.SetTitle(std::move(title)); },
+            "The molecule's name.")
+        .def_property_readonly(
+            "num_atoms", [](const MoleculeObject& o) { return o.mol.NumAtoms(); },
+            "The number of atoms.")
+        .def("__len__", [](const MoleculeObject& o) { return o.mol.NumAtoms(); })
+        .def(
+            "shape_gaussians",
+            [](const MoleculeObject& o) {
+                GaussianList list;
+                list.items =
+                    RunLibrary([&] { return QVHermiteMath::QVMolToGaussians(o.mol); }, false);
+                return list;
+            },
+            "The shape density: one carbon-sized Gaussian per atom.")
+        .def(
+            "electrostatic_gaussians",
+            [](const MoleculeObject& o, double width) {
+                RequirePositive(width, "width");
+                GaussianList list;
+                list.items = RunLibrary(
+                    [&] { return QVHermiteMath::QVMolToElectroStaticGaussians(o.mol, width); },
+                    false);
+                return list;
+            },
+            py::arg("width") = 1.0,
+            "The electrostatic density of the partial charges, Gaussians of width ``width``.")
+        .def(
+            "copy", [](const MoleculeObject& o) { return o; }, "A copy.")
+        .def("__copy__", [](const MoleculeObject& o) { return o; })
+        .def("__deepcopy__", [](const MoleculeObject& o, py::dict) { return o; })
+        .def("__repr__",
+             [](const MoleculeObject& o) {
+                 return "Molecule(title=" + std::string(py::repr(py::str(o.mol.GetTitle()))) +
+                        ", num_atoms=" + std::to_string(o.mol.NumAtoms()) + ")";
+             })
+        .def(py::pickle(
+            [](const MoleculeObject& o) {
+                return py::make_tuple(AtomicNumbers(o.mol), Coords(o.mol), Charges(o.mol),
+                                      o.mol.GetTitle());
+            },
+            [](py::tuple state) {
+                if (state.size() != 4) {
+                    throw py::value_error("invalid pickled Molecule state");
+                }
+                return MakeMolecule(state[0], state[1], state[2], state[3].cast<std::string>());
+            }));
+
+    py::class_<Settings>(m, "OverlaySettings", R"doc(
+Settings of an overlay; every argument is keyword-only and also a property.
+
+Args:
+    order: Hermite expansion order, 0 to 100.
+    starts: random start rotations tried besides the four flips of the principal frame.
+    seed: seed of the random starts.
+    relative_tolerance: BFGS gradient tolerance, relative to the query's self-overlap.
+    iteration_limit: BFGS iteration limit per start.
+    refine_candidates: best Hermite poses refined on the exact overlap (0: no refinement).
+    refine_iteration_limit: BFGS iteration limit of the exact refinement.
+    electrostatics: also compute electrostatic scores (needs partial charges).
+    electrostatic_width: width of the electrostatic Gaussians, angstrom.
+
+Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
+)doc")
+        .def(py::init([](py::kwargs kwargs) { return ResolveSettings(py::none(), kwargs); }))
+        .def_property(
+            "order", [](const Settings& s) { return s.order; },
+            [](Settings& s, long long v) { s.order = Order(v); }, "Hermite expansion order.")
+        .def_property(
+            "starts", [](const Settings& s) { return s.extraStarts; },
+            [](Settings& s, long long v) { s.extraStarts = Count(v, "starts", 100000); },
+            "Random start rotations besides the four flips.")
+        .def_property(
+            "seed", [](const Settings& s) { return s.seed; },
+            [](Settings& s, std::uint64_t v) { s.seed = v; }, "Seed of the random starts.")
+        .def_property(
+            "relative_tolerance", [](const Settings& s) { return s.relativeTolerance; },
+            [](Settings& s, double v) {
+                s.relativeTolerance = RequirePositive(v, "relative_tolerance");
+            },
+            "BFGS gradient tolerance relative to the query's self-overlap.")
+        .def_property(
+            "iteration_limit", [](const Settings& s) { return s.iterationLimit; },
+            [](Settings& s, long long v) {
+                s.iterationLimit = Count(v, "iteration_limit", 1000000);
+            },
+            "BFGS iteration limit per start.")
+        .def_property(
+            "refine_candidates", [](const Settings& s) { return s.refineCandidates; },
+            [](Settings& s, long long v) {
+                s.refineCandidates = Count(v, "refine_candidates", 1000);
+            },
+            "Best Hermite poses refined on the exact overlap (0: none).")
+        .def_property(
+            "refine_iteration_limit", [](const Settings& s) { return s.refineIterationLimit; },
+            [](Settings& s, long long v) {
+                s.refineIterationLimit = Count(v, "refine_iteration_limit", 1000000);
+            },
+            "BFGS iteration limit of the exact refinement.")
+        .def_property(
+            "electrostatics", [](const Settings& s) { return s.electrostatics; },
+            [](Settings& s, bool v) { s.electrostatics = v; }, "Compute the electrostatic scores.")
+        .def_property(
+            "electrostatic_width", [](const Settings& s) { return s.electrostaticWidth; },
+            [](Settings& s, double v) {
+                s.electrostaticWidth = RequirePositive(v, "electrostatic_width");
+            },
+            "Width of the electrostatic Gaussians, angstrom.")
+        .def("__repr__", &SettingsRepr)
+        .def(
+            "copy", [](const Settings& s) { return s; }, "A copy.")
+        .def("__copy__", [](const Settings& s) { return s; })
+        .def("__deepcopy__", [](const Settings& s, py::dict) { return s; });
+
+    py::class_<Scores>(m, "Scores", R"doc(
+Scores of an overlay, from exact overlap integrals of the atom Gaussians at the final pose
+unless named Hermite.
+
+shape_tanimoto = O_qf / (O_qq + O_ff - O_qf); tversky_query = O_qf / (0.95 O_qq + 0.05 O_ff);
+tversky_fit = O_qf / (0.05 O_qq + 0.95 O_ff); hermite_tanimoto: the shape Tanimoto of the
+truncated expansions at the best Hermite pose; es_tanimoto and es_carbo: Tanimoto and Carbo of
+the electrostatic densities (0 without electrostatics); combo = shape_tanimoto + es_tanimoto;
+overlap = O_qf, query_self_overlap = O_qq, fit_self_overlap = O_ff (angstrom^3).
+)doc")
+        .def_readonly("shape_tanimoto", &Scores::shapeTanimoto)
+        .def_readonly("hermite_tanimoto", &Scores::hermiteTanimoto)
+        .def_readonly("tversky_query", &Scores::shapeTverskyQuery)
+        .def_readonly("tversky_fit", &Scores::shapeTverskyFit)
+        .def_readonly("es_tanimoto", &Scores::electrostaticTanimoto)
+        .def_readonly("es_carbo", &Scores::electrostaticCarbo)
+        .def_readonly("combo", &Scores::combo)
+        .def_readonly("overlap", &Scores::overlap)
+        .def_readonly("query_self_overlap", &Scores::querySelfOverlap)
+        .def_readonly("fit_self_overlap", &Scores::fitSelfOverlap)
+        .def("as_dict", &ScoreDict, "The scores as a dict keyed by their names.")
+        .def("__repr__", &ScoresRepr);
+
+    py::class_<OverlayResultObject>(m, "OverlayResult", R"doc(
+The result of overlaying a fit molecule onto a query: scores and the rigid motion of the fit.
+)doc")
+        .def_property_readonly(
+            "scores", [](const OverlayResultObject& r) { return r.result.scores; },
+            "The scores (hermite.Scores).")
+        .def_property_readonly(
+            "transform",
+            [](const OverlayResultObject& r) { return TransformToArray(r.result.transform); },
+            "The 4 x 4 homogeneous matrix [[R, t], [0, 0, 0, 1]] moving the fit onto the query "
+            "(p -> R p + t, in the input coordinates).")
+        .def_property_readonly(
+            "rotation",
+            [](const OverlayResultObject& r) {
+                double R[9], t[3];
+                r.result.transform.Extract(R, t, true);
+                return ToArray(std::vector<double>(R, R + 9), {3, 3});
+            },
+            "The 3 x 3 rotation R of the transform.")
+        .def_property_readonly(
+            "translation",
+            [](const OverlayResultObject& r) {
+                double R[9], t[3];
+                r.result.transform.Extract(R, t, true);
+                return ToArray(std::vector<double>(t, t + 3));
+            },
+            "The translation t of the transform.")
+        .def_property_readonly(
+            "aligned_coords",
+            [](const OverlayResultObject& r) {
+                return ToArray(std::vector<double>(r.aligned),
+                               {static_cast<py::ssize_t>(r.aligned.size() / 3), 3});
+            },
+            "(n, 3) coordinates of the fit molecule's atoms after the transform.")
+        .def(
+            "apply",
+            [](const OverlayResultObject& r, py::object coords) {
+                std::vector<double> xyz = Points(coords, "coords", true);
+                for (std::size_t i = 0; i < xyz.size(); i += 3) {
+                    r.result.transform.Apply(&xyz[i]);
+                }
+                return ToArray(std::move(xyz), {static_cast<py::ssize_t>(xyz.size() / 3), 3});
+            },
+            py::arg("coords"),
+            "Moves other (n, 3) coordinates of the fit (e.g. its hydrogens) by the transform.")
+        .def_readonly("title", &OverlayResultObject::title, "The fit molecule's title.")
+        .def_readonly("query_title", &OverlayResultObject::queryTitle, "The query's title.")
+        .def_readonly("electrostatics", &OverlayResultObject::electrostatics,
+                      "Whether the electrostatic scores were computed.")
+        .def_property_readonly(
+            "hermite_evaluations",
+            [](const OverlayResultObject& r) { return r.result.hermiteEvaluations; },
+            "Value-and-gradient evaluations of the Hermite objective.")
+        .def_property_readonly(
+            "exact_evaluations",
+            [](const OverlayResultObject& r) { return r.result.exactEvaluations; },
+            "Value-and-gradient evaluations of the exact overlap.")
+        .def("__repr__", &ResultRepr);
+
+    const std::string overlayDoc = std::string(R"doc(
+Overlays ``fit`` onto ``query`` by shape: both are put into their principal frames, the Hermite
+overlap is maximised from the four flips (and ``starts`` random rotations), and the best poses
+are refined on the exact overlap of the atom Gaussians.
+
+Args:
+    query: the hermite.Molecule that stays.
+    fit: the hermite.Molecule that is moved.
+)doc") + SettingsDoc() + R"doc(
+Returns:
+    hermite.OverlayResult
+)doc";
+    m.def(
+        "overlay",
+        [](py::object query, py::object fit, py::object settings, py::kwargs kwargs) {
+            return PairResult(query, fit, settings, kwargs, false);
+        },
+        py::arg("query"), py::arg("fit"), py::kw_only(), py::arg("settings") = py::none(),
+        overlayDoc.c_str());
+
+    const std::string scoreDoc = std::string(R"doc(
+Scores ``fit`` against ``query`` in the pose it has, without moving it (the transform of the
+result is the identity).
+)doc") + SettingsDoc();
+    m.def(
+        "score",
+        [](py::object query, py::object fit, py::object settings, py::kwargs kwargs) {
+            return PairResult(query, fit, settings, kwargs, true);
+        },
+        py::arg("query"), py::arg("fit"), py::kw_only(), py::arg("settings") = py::none(),
+        scoreDoc.c_str());
+
+    const std::string screenDoc = std::string(R"doc(
+Overlays every molecule of ``molecules`` onto ``query`` on several threads (the GIL is released
+meanwhile; Ctrl-C stops it). The results are in input order and do not depend on the number of
+threads.
+
+Args:
+    query: the hermite.Molecule that stays.
+    molecules: an iterable of hermite.Molecule.
+    threads: worker threads: 0 all cores, n > 0 that many, -n all cores but n.
+    score_only: score the molecules in their own poses instead of overlaying them.
+)doc") + SettingsDoc() + R"doc(
+Returns:
+    list of hermite.OverlayResult, one per molecule.
+)doc";
+    m.def(
+        "screen",
+        [](py::object query, py::object molecules, long long threads, bool scoreOnly,
+           py::object settings, py::kwargs kwargs) {
+            return ScreenResults(query, molecules, threads, settings, kwargs, scoreOnly);
+        },
+        py::arg("query"), py::arg("molecules"), py::kw_only(), py::arg("threads") = 0,
+        py::arg("score_only") = false, py::arg("settings") = py::none(), screenDoc.c_str());
+}
+
+}  // namespace hermite::python

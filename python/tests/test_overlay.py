@@ -1,0 +1,130 @@
+"""Molecules, overlays, scores and screening of CDK2 ligands."""
+
+from __future__ import annotations
+
+import pickle
+from typing import Any, List
+
+import numpy as np
+import pytest
+
+import hermite
+from conftest import random_rotation
+
+
+def moved_copy(molecule: hermite.Molecule, seed: int) -> hermite.Molecule:
+    rng = np.random.default_rng(seed)
+    rotation = random_rotation(rng)
+    coords = molecule.coords @ rotation.T + rng.uniform(-5, 5, size=3)
+    return hermite.Molecule(molecule.atomic_numbers, coords, molecule.charges,
+                            title=molecule.title + " moved")
+
+
+def rmsd(a: np.ndarray, b: np.ndarray) -> float:
+    return float(np.sqrt(np.mean(np.sum((a - b) ** 2, axis=1))))
+
+
+def test_molecule_from_numpy() -> None:
+    molecule = hermite.Molecule([6, 8], [[0.0, 0.0, 0.0], [1.2, 0.0, 0.0]], [0.1, -0.1], "CO")
+    assert len(molecule) == molecule.num_atoms == 2
+    np.testing.assert_array_equal(molecule.atomic_numbers, [6, 8])
+    np.testing.assert_array_equal(molecule.charges, [0.1, -0.1])
+    assert molecule.title == "CO" and repr(molecule) == "Molecule(title='CO', num_atoms=2)"
+    clone = pickle.loads(pickle.dumps(molecule))
+    np.testing.assert_array_equal(clone.coords, molecule.coords)
+    assert clone.title == "CO"
+    assert len(molecule.shape_gaussians()) == 2
+    np.testing.assert_allclose(molecule.electrostatic_gaussians(width=1.0).prefactors,
+                               np.array([0.1, -0.1]) / np.sqrt(2 * np.pi), rtol=1e-6)
+
+
+def test_reader_gives_heavy_atoms_with_titles(cdk2: List[hermite.Molecule]) -> None:
+    assert len(cdk2) == 47
+    assert cdk2[0].title == "ZINC03814457"
+    assert np.all(cdk2[0].atomic_numbers > 1)
+
+
+@pytest.mark.parametrize("index,seed", [(0, 1), (5, 2), (20, 3)])
+def test_overlay_recovers_a_moved_copy(cdk2: List[hermite.Molecule], index: int,
+                                       seed: int) -> None:
+    query = cdk2[index]
+    fit = moved_copy(query, seed)
+    assert rmsd(fit.coords, query.coords) > 1.0
+    result = hermite.overlay(query, fit)
+    assert result.scores.shape_tanimoto >= 0.99
+    assert rmsd(result.aligned_coords, query.coords) < 0.1
+    np.testing.assert_allclose(result.apply(fit.coords), result.aligned_coords)
+    transform = result.transform
+    assert transform.shape == (4, 4)
+    np.testing.assert_array_equal(transform[3], [0, 0, 0, 1])
+    np.testing.assert_allclose(transform[:3, :3], result.rotation)
+    np.testing.assert_allclose(transform[:3, 3], result.translation)
+    np.testing.assert_allclose(fit.coords @ result.rotation.T + result.translation,
+                               result.aligned_coords, atol=1e-12)
+    assert result.title == fit.title and result.query_title == query.title
+
+
+def test_scores_of_a_pair(cdk2: List[hermite.Molecule]) -> None:
+    result = hermite.overlay(cdk2[0], cdk2[1], electrostatics=True)
+    scores = result.scores
+    o, qq, ff = scores.overlap, scores.query_self_overlap, scores.fit_self_overlap
+    assert scores.shape_tanimoto == pytest.approx(o / (qq + ff - o), rel=1e-12)
+    assert scores.tversky_query == pytest.approx(o / (0.95 * qq + 0.05 * ff), rel=1e-12)
+    assert scores.tversky_fit == pytest.approx(o / (0.05 * qq + 0.95 * ff), rel=1e-12)
+    assert scores.combo == pytest.approx(scores.shape_tanimoto + scores.es_tanimoto, rel=1e-12)
+    assert 0 < scores.es_carbo <= 1 and result.electrostatics
+    # The exact overlap recomputed from the aligned atoms.
+    query_shape = cdk2[0].shape_gaussians()
+    aligned = hermite.Molecule(cdk2[1].atomic_numbers, result.aligned_coords).shape_gaussians()
+    assert hermite.exact_overlap(query_shape, aligned) == pytest.approx(o, rel=1e-5)
+    names = set(scores.as_dict())
+    assert {"shape_tanimoto", "hermite_tanimoto", "tversky_query", "es_carbo"} <= names
+    assert repr(scores).startswith("Scores(shape_tanimoto=")
+
+
+def test_score_keeps_the_pose(cdk2: List[hermite.Molecule]) -> None:
+    result = hermite.score(cdk2[0], cdk2[0])
+    np.testing.assert_array_equal(result.transform, np.eye(4))
+    assert result.scores.shape_tanimoto == pytest.approx(1.0, abs=1e-12)
+    np.testing.assert_allclose(result.aligned_coords, cdk2[0].coords)
+
+
+def test_settings_by_keyword_or_object(cdk2: List[hermite.Molecule]) -> None:
+    settings = hermite.OverlaySettings(order=4, starts=3, seed=7)
+    assert settings.order == 4 and settings.starts == 3 and settings.seed == 7
+    assert repr(settings).startswith("OverlaySettings(order=4, starts=3, seed=7")
+    by_object = hermite.overlay(cdk2[2], cdk2[3], settings=settings)
+    by_keywords = hermite.overlay(cdk2[2], cdk2[3], order=4, starts=3, seed=7)
+    np.testing.assert_array_equal(by_object.transform, by_keywords.transform)
+    overridden = hermite.overlay(cdk2[2], cdk2[3], settings=settings, order=5)
+    plain = hermite.overlay(cdk2[2], cdk2[3], order=5, starts=3, seed=7)
+    np.testing.assert_array_equal(overridden.transform, plain.transform)
+    with pytest.raises(TypeError, match="unexpected keyword argument 'ordr'"):
+        misspelt: Any = {"ordr": 4}
+        hermite.overlay(cdk2[2], cdk2[3], **misspelt)
+
+
+def test_screen_in_input_order_and_independent_of_threads(cdk2: List[hermite.Molecule]) -> None:
+    molecules = cdk2[:12]
+    single = hermite.screen(cdk2[0], molecules, threads=1, electrostatics=True)
+    double = hermite.screen(cdk2[0], molecules, threads=2, electrostatics=True)
+    every = hermite.screen(cdk2[0], iter(molecules), threads=0, electrostatics=True)
+    assert [r.title for r in single] == [m.title for m in molecules]
+    for a, b, c in zip(single, double, every):
+        np.testing.assert_array_equal(a.transform, b.transform)
+        np.testing.assert_array_equal(a.transform, c.transform)
+        assert a.scores.as_dict() == b.scores.as_dict() == c.scores.as_dict()
+        np.testing.assert_array_equal(a.aligned_coords, b.aligned_coords)
+    # The same as overlaying one at a time.
+    one = hermite.overlay(cdk2[0], molecules[5], electrostatics=True)
+    np.testing.assert_array_equal(one.transform, single[5].transform)
+    assert single[0].scores.shape_tanimoto == pytest.approx(1.0, abs=1e-6)
+    assert hermite.screen(cdk2[0], [], threads=2) == []
+
+
+def test_screen_score_only(cdk2: List[hermite.Molecule]) -> None:
+    results = hermite.screen(cdk2[0], cdk2[:4], score_only=True, threads=2)
+    for molecule, result in zip(cdk2[:4], results):
+        np.testing.assert_array_equal(result.transform, np.eye(4))
+        assert result.scores.shape_tanimoto == pytest.approx(
+            hermite.score(cdk2[0], molecule).scores.shape_tanimoto, rel=1e-12)
