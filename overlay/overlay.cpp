@@ -182,13 +182,68 @@ private:
     unsigned int& count_;
 };
 
+/// An objective of three angles and three translations in scaled variables: the angles are
+/// divided by a length R (x_angle = u / R), so that a unit step of any variable moves the atoms
+/// of a molecule of radius R by about the same distance. The minimiser's curvature model then
+/// starts out far better conditioned, which saves about a third of the evaluations.
+class ScaledRigidObjective : public QVOpt::QVFunc1 {
+public:
+    using QVFunc1::operator();
+    ScaledRigidObjective(QVOpt::QVFunc1& objective, double radius)
+        : objective_(objective), angleScale_(1.0 / radius) {}
+    unsigned int NumVar() const override { return 6; }
+    double operator()(const double* u) override {
+        double x[6];
+        Unscale(u, x);
+        return objective_(x);
+    }
+    double operator()(const double* u, double* gradient) override {
+        double x[6];
+        Unscale(u, x);
+        const double value = objective_(x, gradient);
+        for (unsigned int i = 0; i < 3; ++i) {
+            gradient[i] *= angleScale_;
+        }
+        return value;
+    }
+    /// The unscaled variables x of scaled variables u.
+    void Unscale(const double* u, double* x) const {
+        for (unsigned int i = 0; i < 6; ++i) {
+            x[i] = i < 3 ? u[i] * angleScale_ : u[i];
+        }
+    }
+
+private:
+    QVOpt::QVFunc1& objective_;
+    double angleScale_;
+};
+
+/// The root-mean-square distance of the centres from their mean, at least 1 (length units).
+double Radius(const std::vector<QVGaussian>& gaussians) {
+    double mean[3] = {0, 0, 0};
+    for (const QVGaussian& g : gaussians) {
+        mean[0] += g.GetX();
+        mean[1] += g.GetY();
+        mean[2] += g.GetZ();
+    }
+    const double count = static_cast<double>(std::max<std::size_t>(gaussians.size(), 1));
+    double sum = 0.0;
+    for (const QVGaussian& g : gaussians) {
+        const double d[3] = {g.GetX() - mean[0] / count, g.GetY() - mean[1] / count,
+                             g.GetZ() - mean[2] / count};
+        sum += d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
+    }
+    return std::max(1.0, std::sqrt(sum / count));
+}
+
 /// Maximises the Hermite overlap from every start; candidates best first.
 std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fit,
-                                     const std::vector<QVGaussian>& fitGaussians,
+                                     const std::vector<QVGaussian>& fitGaussians, double radius,
                                      const Settings& settings, double tolerance,
                                      unsigned int& evaluations) {
     FastOverlap objective(query, fit);
-    CountingObjective counted(objective, evaluations);
+    CountingObjective counting(objective, evaluations);
+    ScaledRigidObjective counted(counting, radius);
     QVOpt::QVBFGSOpt minimiser;
     minimiser.SetTolerance(tolerance);
     minimiser.SetIterLimit(settings.iterationLimit);
@@ -196,8 +251,9 @@ std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fi
     for (const std::vector<double>& U : StartRotations(settings.extraStarts, settings.seed)) {
         objective.SetFitCoefficients(RotatedCoefficients(fitGaussians, fit, U));
         const double start[6] = {0, 0, 0, 0, 0, 0};
-        double x[6];
-        const double value = minimiser(counted, nullptr, start, x);
+        double u[6], x[6];
+        const double value = minimiser(counted, nullptr, start, u);
+        counted.Unscale(u, x);
         candidates.push_back({HermitePose(U, x), -value, 0.0});
     }
     // Stable: equal overlaps keep the order of the starts.
@@ -212,13 +268,16 @@ void Refine(const std::vector<QVGaussian>& query, const std::vector<QVGaussian>&
             const Settings& settings, double tolerance, Candidate& candidate,
             unsigned int& evaluations) {
     ExactOverlapObjective objective(query, Moved(fit, candidate.pose));
-    CountingObjective counted(objective, evaluations);
+    CountingObjective counting(objective, evaluations);
+    // The angles turn the fit about its own centre: scaled by the fit's radius.
+    ScaledRigidObjective counted(counting, Radius(fit));
     QVOpt::QVBFGSOpt minimiser;
     minimiser.SetTolerance(tolerance);
     minimiser.SetIterLimit(settings.refineIterationLimit);
     const double start[6] = {0, 0, 0, 0, 0, 0};
-    double y[6];
-    minimiser(counted, nullptr, start, y);
+    double u[6], y[6];
+    minimiser(counted, nullptr, start, u);
+    counted.Unscale(u, y);
     candidate.pose = candidate.pose.Then(objective.Motion(y));
 }
 
@@ -254,8 +313,9 @@ Result Query::Overlay(const QVMol& molecule) const {
     const double tolerance = settings_.relativeTolerance * prepared_.shapeSelfOverlap;
 
     Result result;
-    std::vector<Candidate> candidates = HermiteSearch(query, fitExpansion, fit.shape, settings_,
-                                                      tolerance, result.hermiteEvaluations);
+    std::vector<Candidate> candidates =
+        HermiteSearch(query, fitExpansion, fit.shape, Radius(prepared_.shape), settings_, tolerance,
+                      result.hermiteEvaluations);
     const double hermiteOverlap = candidates.front().hermiteOverlap;
     const std::size_t refined = std::max<std::size_t>(
         1, std::min<std::size_t>(settings_.refineCandidates, candidates.size()));
