@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -17,15 +18,11 @@ using QVHermiteMath::lmnInvMapBuilder;
 using QVHermiteMath::lmnMapBuilder;
 using QVHermiteMath::reorder;
 
+using hermite_test::CoefficientCount;
+
 using Triple = std::vector<unsigned int>;
 
 constexpr unsigned int kLargestOrder = 4294967295u;
-
-/// Number of triples (l, m, n) with l + m + n <= N: the tetrahedral number (N+1)(N+2)(N+3)/6,
-/// computed in 64 bits.
-std::uint64_t CoefficientCount(std::uint64_t order) {
-    return (order + 1) * (order + 2) * (order + 3) / 6;
-}
 
 /// One row of the worked example for N = 2.
 struct Row {

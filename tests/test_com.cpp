@@ -32,11 +32,11 @@
 #include <functional>
 #include <limits>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "hermite/hermite.h"
 #include "qv/error.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -51,33 +51,19 @@ using QVHermiteMath::QVIterativeSearchOfHermiteCOM;
 using QVHermiteMath::QVOptimizationSearchOfHermiteCOM;
 using QVHermiteMath::QVTranslateGaussians;
 
-using Centre = std::array<float, 3>;
-using Vec3 = std::array<double, 3>;
+using hermite_test::Carbons;
+using hermite_test::Centre;
+using hermite_test::Determinant;
+using hermite_test::ExpectSameGaussians;
+using hermite_test::FirstDifference;
+using hermite_test::FixedOptions;
+using hermite_test::MessageRecorder;
+using hermite_test::SixAsymmetric;
 
-// A carbon-sized shape Gaussian, as the shape densities use.
-constexpr float kPrefactor = 2.7f;
-constexpr float kExponent = 0.811151803f;
+using Vec3 = std::array<double, 3>;
 
 // The Newton search's gradient tolerance.
 constexpr double kNewtonTolerance = 1e-4;
-
-std::vector<QVGaussian> Carbons(const std::vector<Centre>& centres) {
-    std::vector<QVGaussian> gaussians;
-    for (const Centre& c : centres) {
-        gaussians.emplace_back(kPrefactor, kExponent, c.data(), 0u);
-    }
-    return gaussians;
-}
-
-// Six Gaussians without any symmetry (centres are multiples of 1/8).
-std::vector<QVGaussian> SixAsymmetric() {
-    return Carbons({{0.5f, 0.25f, -0.125f},
-                    {1.25f, -0.75f, 0.375f},
-                    {-1.0f, 0.5f, 0.75f},
-                    {0.25f, 1.5f, -0.5f},
-                    {-0.625f, -1.125f, 0.25f},
-                    {1.75f, 0.625f, 1.0f}});
-}
 
 // Four Gaussians without any symmetry.
 std::vector<QVGaussian> FourAsymmetric() {
@@ -96,38 +82,12 @@ std::vector<QVGaussian> SymmetricPairs() {
                     {-0.25f, -1.0f, 0.75f}});
 }
 
-// Options for an expansion with the given order and lambdas, used as they are.
-QVHermiteOptions FixedOptions(unsigned int N, double lx, double ly, double lz) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(N);
-    options.SetLambda(0, lx);
-    options.SetLambda(1, ly);
-    options.SetLambda(2, lz);
-    options.SetUseOptimalLambdas(false);
-    return options;
-}
-
 std::vector<Centre> CentresOf(const std::vector<QVGaussian>& gaussians) {
     std::vector<Centre> centres;
     for (const QVGaussian& g : gaussians) {
         centres.push_back({g.GetX(), g.GetY(), g.GetZ()});
     }
     return centres;
-}
-
-// Every field of every Gaussian is bitwise the same.
-void ExpectSameGaussians(const std::vector<QVGaussian>& expected,
-                         const std::vector<QVGaussian>& actual) {
-    ASSERT_EQ(expected.size(), actual.size());
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        SCOPED_TRACE("Gaussian " + std::to_string(i));
-        EXPECT_EQ(expected[i].GetX(), actual[i].GetX());
-        EXPECT_EQ(expected[i].GetY(), actual[i].GetY());
-        EXPECT_EQ(expected[i].GetZ(), actual[i].GetZ());
-        EXPECT_EQ(expected[i].GetPrefactor(), actual[i].GetPrefactor());
-        EXPECT_EQ(expected[i].GetExponent(), actual[i].GetExponent());
-        EXPECT_EQ(expected[i].GetTag(), actual[i].GetTag());
-    }
 }
 
 // Adds the float shift to every centre, one single-precision addition per coordinate.
@@ -163,30 +123,18 @@ double MaxMagnitude(const double* v, std::size_t n) {
     return m;
 }
 
-// Central difference of a vector-valued function of one coordinate, refined by one Richardson
-// step: (4 D(h/2) - D(h)) / 3 cancels the h^2 term, leaving an O(h^4) error.
+// Derivative of a vector-valued function along one coordinate by central differences refined by
+// one Richardson step, (4 D(h/2) - D(h)) / 3: the h^2 term cancels, leaving an O(h^4) error.
 std::vector<double> RichardsonDerivative(
     const std::function<std::vector<double>(const Vec3&)>& function, const Vec3& x, int axis,
     double h) {
-    const auto central = [&](double step) {
-        Vec3 plus = x, minus = x;
-        plus[axis] += step;
-        minus[axis] -= step;
-        const std::vector<double> fp = function(plus);
-        const std::vector<double> fm = function(minus);
-        std::vector<double> d(fp.size());
-        for (std::size_t i = 0; i < fp.size(); ++i) {
-            d[i] = (fp[i] - fm[i]) / (2.0 * step);
-        }
-        return d;
-    };
-    const std::vector<double> coarse = central(h);
-    const std::vector<double> fine = central(0.5 * h);
-    std::vector<double> d(coarse.size());
-    for (std::size_t i = 0; i < coarse.size(); ++i) {
-        d[i] = (4.0 * fine[i] - coarse[i]) / 3.0;
-    }
-    return d;
+    return FirstDifference(
+        [&](double step) {
+            Vec3 moved = x;
+            moved[axis] += step;
+            return function(moved);
+        },
+        0.5 * h);
 }
 
 // Second derivative d2f / dt_a dt_b of a scalar function by central differences (the
@@ -221,11 +169,6 @@ constexpr int kColumn[6] = {0, 0, 1, 0, 1, 2};
 
 // 3 x 3 helpers (row-major).
 using Mat3 = std::array<double, 9>;
-
-double Determinant(const Mat3& m) {
-    return m[0] * (m[4] * m[8] - m[5] * m[7]) - m[1] * (m[3] * m[8] - m[5] * m[6]) +
-           m[2] * (m[3] * m[7] - m[4] * m[6]);
-}
 
 // Frobenius norm of the inverse (cofactors over the determinant).
 double InverseFrobeniusNorm(const Mat3& m) {
@@ -278,29 +221,6 @@ Mat3 CentreJacobian(const std::vector<QVGaussian>& gaussians, unsigned int N, do
 double CentreBoundAtNewtonStop(const Mat3& J) {
     return 2.0 * InverseFrobeniusNorm(J) * std::sqrt(3.0) * kNewtonTolerance / 2.0;
 }
-
-// Collects every message sent to the process-wide error handler while it is alive, and puts
-// the previous handler back when it goes.
-class MessageCapture {
-public:
-    MessageCapture() {
-        previous_ = QVSystem::QVThrow.SetHandler(
-            [this](QVSystem::QVSeverity severity, const std::string& text) {
-                messages_.emplace_back(severity, text);
-            });
-    }
-    ~MessageCapture() { QVSystem::QVThrow.SetHandler(previous_); }
-    MessageCapture(const MessageCapture&) = delete;
-    MessageCapture& operator=(const MessageCapture&) = delete;
-
-    const std::vector<std::pair<QVSystem::QVSeverity, std::string>>& Messages() const {
-        return messages_;
-    }
-
-private:
-    QVSystem::QVErrorCallback previous_;
-    std::vector<std::pair<QVSystem::QVSeverity, std::string>> messages_;
-};
 
 // ---------------------------------------------------------------------------------------------
 // QVHermiteCM, QVTranslateGaussians, max_abs
@@ -449,11 +369,11 @@ TEST(COMObjectiveTest, NumVarIsThreeWhateverTheOptions) {
 TEST(COMObjectiveTest, GetFComponentsWarnsAndReturnsFalse) {
     QVHermiteCOMFunc objective(FixedOptions(4, 0.7, 0.7, 0.7), FourAsymmetric());
     const double x[3] = {0.0, 0.0, 0.0};
-    MessageCapture capture;
+    MessageRecorder capture;
     EXPECT_FALSE(objective.GetFComponents(x));
-    ASSERT_EQ(1u, capture.Messages().size());
-    EXPECT_EQ(QVSystem::QVSeverity::Warning, capture.Messages()[0].first);
-    EXPECT_EQ("This method has not been implemented yet.", capture.Messages()[0].second);
+    ASSERT_EQ(1u, capture.messages.size());
+    EXPECT_EQ(QVSystem::QVSeverity::Warning, capture.messages[0].first);
+    EXPECT_EQ("This method has not been implemented yet.", capture.messages[0].second);
 }
 
 // The value is |c|^2 of the Gaussians moved by the translation rounded to float, with all three

@@ -21,14 +21,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <initializer_list>
 #include <limits>
-#include <random>
 #include <thread>
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -38,55 +37,20 @@ using QVHermiteMath::QVHermite;
 using QVHermiteMath::QVHermiteOptions;
 using QVHermiteMath::QVHermiteSelfOverlap;
 
-constexpr double kPi = 3.14159265358979323846;
+using hermite_test::Carbon;
+using hermite_test::CoefficientCount;
+using hermite_test::FixedOptions;
+using hermite_test::FixedOptionsSingleWhenEqual;
+using hermite_test::kPi;
+using hermite_test::MakeDensity;
+using hermite_test::MaxAbs;
+using hermite_test::TurnedInFloat;
+
 constexpr double kSmallestNormal = 2.2250738585072014e-308;
-
-// Carbon-like Gaussian: height 2.7 and exponent 0.811151803 give the volume of a carbon atom.
-constexpr float kCarbonPrefactor = 2.7f;
-constexpr float kCarbonExponent = 0.811151803f;
-
-QVGaussian Carbon(float x, float y, float z) {
-    const float centre[3] = {x, y, z};
-    return QVGaussian(kCarbonPrefactor, kCarbonExponent, centre, 0u);
-}
-
-// `count` carbon-like Gaussians at deterministic pseudo-random centres, coordinate i uniform in
-// [-spread[i], spread[i]]. The 24-bit fractions make every centre an exactly stored float.
-std::vector<QVGaussian> MakeDensity(unsigned int count, std::uint32_t seed, float sx, float sy,
-                                    float sz) {
-    std::mt19937 engine(seed);
-    const float spread[3] = {sx, sy, sz};
-    std::vector<QVGaussian> gaussians;
-    for (unsigned int g = 0; g < count; ++g) {
-        float centre[3];
-        for (unsigned int axis = 0; axis < 3; ++axis) {
-            const float u = static_cast<float>(engine() >> 8) * (1.0f / 16777216.0f);
-            centre[axis] = spread[axis] * (2.0f * u - 1.0f);
-        }
-        gaussians.push_back(Carbon(centre[0], centre[1], centre[2]));
-    }
-    return gaussians;
-}
-
-QVHermiteOptions FixedOptions(unsigned int N, double lx, double ly, double lz) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(N);
-    options.SetLambda(0, lx);
-    options.SetLambda(1, ly);
-    options.SetLambda(2, lz);
-    options.SetUseSingleLambda(lx == ly && ly == lz);
-    options.SetUseOptimalLambdas(false);
-    return options;
-}
 
 // Options asking Setup to optimise the lambdas from the given start.
 QVHermiteOptions OptimalOptions(unsigned int N, bool single, double lx, double ly, double lz) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(N);
-    options.SetLambda(0, lx);
-    options.SetLambda(1, ly);
-    options.SetLambda(2, lz);
-    options.SetUseSingleLambda(single);
+    QVHermiteOptions options = FixedOptions(N, lx, ly, lz, single);
     options.SetUseOptimalLambdas(true);
     return options;
 }
@@ -94,22 +58,9 @@ QVHermiteOptions OptimalOptions(unsigned int N, bool single, double lx, double l
 // The self-overlap of the expansion with the given lambdas (no optimisation).
 double SelfOverlapAt(const std::vector<QVGaussian>& gaussians, unsigned int N, double lx, double ly,
                      double lz) {
-    const QVGaussianToHermite transform(FixedOptions(N, lx, ly, lz), gaussians,
+    const QVGaussianToHermite transform(FixedOptionsSingleWhenEqual(N, lx, ly, lz), gaussians,
                                         QVHermiteMath::NoDerivatives);
     return transform.GetSelfOverlap();
-}
-
-std::size_t CoefficientCount(unsigned int N) {
-    const std::size_t n = N;
-    return (n + 1) * (n + 2) * (n + 3) / 6;
-}
-
-double MaxAbs(const std::vector<double>& v) {
-    double m = 0.0;
-    for (const double value : v) {
-        m = std::max(m, std::fabs(value));
-    }
-    return m;
 }
 
 // Checks that the lambdas of `options` maximise the self-overlap in log lambda: the gradient of
@@ -124,7 +75,7 @@ void ExpectStationaryMaximum(const std::vector<QVGaussian>& gaussians,
     ASSERT_GT(S, 0.0);
 
     const bool single = options.GetUseSingleLambda();
-    QVHermiteOptions objectiveOptions = FixedOptions(N, 1.0, 1.0, 1.0);
+    QVHermiteOptions objectiveOptions = FixedOptionsSingleWhenEqual(N, 1.0, 1.0, 1.0);
     objectiveOptions.SetUseSingleLambda(single);
     QVHermiteSelfOverlap objective(objectiveOptions, gaussians);
     const double x[3] = {std::log(lambdas[0]), std::log(lambdas[1]), std::log(lambdas[2])};
@@ -178,7 +129,7 @@ TEST_F(ExpansionTest, DefaultObjectHasSmallestNormalExtent) {
 
 TEST_F(ExpansionTest, EmptyGaussianListLeavesExtentAtSmallestNormal) {
     for (const bool optimal : {false, true}) {
-        QVHermiteOptions options = FixedOptions(5, 1.0, 1.0, 1.0);
+        QVHermiteOptions options = FixedOptionsSingleWhenEqual(5, 1.0, 1.0, 1.0);
         options.SetUseOptimalLambdas(optimal);
         QVHermite expansion;
         expansion.Setup({}, options);
@@ -191,14 +142,14 @@ TEST_F(ExpansionTest, EmptyGaussianListLeavesExtentAtSmallestNormal) {
 }
 
 TEST_F(ExpansionTest, GaussiansAtOriginLeaveExtentAtSmallestNormal) {
-    QVHermiteOptions options = FixedOptions(4, 1.0, 1.0, 1.0);
+    QVHermiteOptions options = FixedOptionsSingleWhenEqual(4, 1.0, 1.0, 1.0);
     QVHermite expansion;
     expansion.Setup({Carbon(0.0f, 0.0f, 0.0f), Carbon(-0.0f, 0.0f, -0.0f)}, options);
     EXPECT_EQ(expansion.GetExtent(), kSmallestNormal);
 }
 
 TEST_F(ExpansionTest, ExtentIsTwiceTheLargestAbsoluteCoordinate) {
-    QVHermiteOptions options = FixedOptions(4, 1.0, 1.0, 1.0);
+    QVHermiteOptions options = FixedOptionsSingleWhenEqual(4, 1.0, 1.0, 1.0);
     QVHermite expansion;
     // The largest magnitude is a negative y coordinate of a Gaussian in the middle of the list.
     const std::vector<QVGaussian> gaussians = {
@@ -225,13 +176,13 @@ TEST_F(ExpansionTest, ExtentIsTwiceTheLargestAbsoluteCoordinate) {
 // Sizes and fixed-lambda expansions
 
 TEST_F(ExpansionTest, NumCoefficientsIsTheNumberOfDegreeTriples) {
-    QVHermiteOptions five = FixedOptions(5, 1.0, 1.0, 1.0);
+    QVHermiteOptions five = FixedOptionsSingleWhenEqual(5, 1.0, 1.0, 1.0);
     QVHermite expansion;
     expansion.Setup(compact_, five);
     EXPECT_EQ(expansion.NumCoefficients(), 56u);
 
     for (const unsigned int N : {0u, 1u, 2u, 3u, 7u, 10u, 16u}) {
-        QVHermiteOptions options = FixedOptions(N, 1.0, 1.0, 1.0);
+        QVHermiteOptions options = FixedOptionsSingleWhenEqual(N, 1.0, 1.0, 1.0);
         expansion.Setup(compact_, options);
         // Count of (l, m, n) with l + m + n <= N, by direct enumeration.
         unsigned int triples = 0;
@@ -255,11 +206,11 @@ TEST_F(ExpansionTest, NumCoefficientsIsTheNumberOfDegreeTriples) {
 }
 
 TEST_F(ExpansionTest, FixedLambdaSetupEqualsTransformAndKeepsTheLambdas) {
-    QVHermiteOptions options = FixedOptions(7, 0.85, 0.85, 0.85);
+    QVHermiteOptions options = FixedOptionsSingleWhenEqual(7, 0.85, 0.85, 0.85);
     QVHermite expansion;
     expansion.Setup(compact_, options);
 
-    const QVGaussianToHermite transform(FixedOptions(7, 0.85, 0.85, 0.85), compact_,
+    const QVGaussianToHermite transform(FixedOptionsSingleWhenEqual(7, 0.85, 0.85, 0.85), compact_,
                                         QVHermiteMath::LambdaFirstDerivatives);
     const std::vector<double>& expected = transform.GetHermiteCoefficients();
     ASSERT_EQ(expansion.GetCoefficients().size(), expected.size());
@@ -286,15 +237,15 @@ TEST_F(ExpansionTest, FixedLambdaSetupEqualsTransformAndKeepsTheLambdas) {
 TEST_F(ExpansionTest, LambdaDerivativesEqualCentralDifferencesInTheCommonLambda) {
     const unsigned int N = 6;
     const double lambda = 0.9;
-    QVHermiteOptions options = FixedOptions(N, lambda, lambda, lambda);
+    QVHermiteOptions options = FixedOptionsSingleWhenEqual(N, lambda, lambda, lambda);
     QVHermite expansion;
     expansion.Setup(compact_, options);
 
     // S and c are smooth in lambda on a scale of order one; with h = 1e-4 the truncation error
     // h^2 |f'''| / 6 is ~1e-9 of the magnitude and the rounding error eps / h ~1e-12.
     const double h = 1e-4;
-    QVHermiteOptions up = FixedOptions(N, lambda + h, lambda + h, lambda + h);
-    QVHermiteOptions down = FixedOptions(N, lambda - h, lambda - h, lambda - h);
+    QVHermiteOptions up = FixedOptionsSingleWhenEqual(N, lambda + h, lambda + h, lambda + h);
+    QVHermiteOptions down = FixedOptionsSingleWhenEqual(N, lambda - h, lambda - h, lambda - h);
     QVHermite plus, minus;
     plus.Setup(compact_, up);
     minus.Setup(compact_, down);
@@ -336,8 +287,8 @@ TEST_F(ExpansionTest, OptimalSingleLambdaIsWrittenBackAndNotOptimisedAgain) {
     EXPECT_GT(std::fabs(lambda - 1.0), 1e-3);
 
     // The coefficients are those of the transform with the lambdas written back.
-    const QVGaussianToHermite transform(FixedOptions(5, lambda, lambda, lambda), compact_,
-                                        QVHermiteMath::NoDerivatives);
+    const QVGaussianToHermite transform(FixedOptionsSingleWhenEqual(5, lambda, lambda, lambda),
+                                        compact_, QVHermiteMath::NoDerivatives);
     const double scale = MaxAbs(transform.GetHermiteCoefficients());
     for (std::size_t i = 0; i < transform.GetHermiteCoefficients().size(); ++i) {
         EXPECT_NEAR(first.GetCoefficients()[i], transform.GetHermiteCoefficients()[i],
@@ -475,18 +426,9 @@ TEST_F(ExpansionTest, RotatedCoefficientsEqualExpansionOfRotatedGaussians) {
     for (const auto& a : angles) {
         const std::vector<double> R = QVHermiteMath::RotFromEulerXYZ(a[0], a[1], a[2]);
         // Centres turned in double, r' = R r, then stored in single precision.
-        std::vector<QVGaussian> turned;
-        for (const QVGaussian& g : compact_) {
-            const double r[3] = {g.GetX(), g.GetY(), g.GetZ()};
-            float moved[3];
-            for (unsigned int i = 0; i < 3; ++i) {
-                moved[i] =
-                    static_cast<float>(R[3 * i] * r[0] + R[3 * i + 1] * r[1] + R[3 * i + 2] * r[2]);
-            }
-            turned.emplace_back(g.GetPrefactor(), g.GetExponent(), moved, 0u);
-        }
+        const std::vector<QVGaussian> turned = TurnedInFloat(compact_, R);
 
-        QVHermiteOptions options = FixedOptions(N, lambda, lambda, lambda);
+        QVHermiteOptions options = FixedOptionsSingleWhenEqual(N, lambda, lambda, lambda);
         QVHermite rotated, direct;
         rotated.Setup(compact_, options);
         direct.Setup(turned, options);

@@ -23,13 +23,11 @@
 #include <cstddef>
 #include <functional>
 #include <limits>
-#include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "hermite/hermite.h"
-#include "qv/error.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -37,10 +35,12 @@ using QVChem::QVTrans;
 using QVHermiteMath::QVGaussian;
 using QVHermiteMath::QVHermite;
 using QVHermiteMath::QVHermiteOptions;
-using QVSystem::QVErrorCallback;
 using QVSystem::QVScalarGrid;
-using QVSystem::QVSeverity;
-using QVSystem::QVThrow;
+
+using hermite_test::Carbon;
+using hermite_test::FatalError;
+using hermite_test::FixedOptions;
+using hermite_test::MessageRecorder;
 
 constexpr char kClampWarning[] =
     "The grid spacing for this molecule, requires grid size exceeding maximum allowed of 300, in "
@@ -49,50 +49,15 @@ constexpr char kClampWarning[] =
 constexpr char kConversionTail[] =
     " when performing conversions between integers and floating point types";
 
-/// The exception our test handler turns fatal errors into.
-struct RenderFatal : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-/// Records warnings and throws RenderFatal on fatal errors while alive; restores the previous
-/// handler afterwards.
-struct RenderMessages {
-    RenderMessages()
-        : previous(QVThrow.SetHandler([this](QVSeverity severity, const std::string& text) {
-              if (severity == QVSeverity::Fatal) {
-                  throw RenderFatal(text);
-              }
-              warnings.push_back(text);
-          })) {}
-    ~RenderMessages() { QVThrow.SetHandler(std::move(previous)); }
-    RenderMessages(const RenderMessages&) = delete;
-    RenderMessages& operator=(const RenderMessages&) = delete;
-
-    std::vector<std::string> warnings;
-    QVErrorCallback previous;
-};
-
-QVGaussian RenderCarbon(float x, float y, float z) {
-    const float centre[3] = {x, y, z};
-    return QVGaussian(2.7f, 0.811151803f, centre, 0u);
-}
-
 /// Six carbon-like Gaussians at fixed, unsymmetric centres.
 std::vector<QVGaussian> RenderDensity() {
-    return {RenderCarbon(0.0f, 0.0f, 0.0f),    RenderCarbon(1.2f, 0.3f, -0.4f),
-            RenderCarbon(-0.8f, 1.0f, 0.5f),   RenderCarbon(0.4f, -1.1f, 0.9f),
-            RenderCarbon(-0.5f, -0.6f, -1.0f), RenderCarbon(0.9f, 0.8f, 0.7f)};
+    return {Carbon(0.0f, 0.0f, 0.0f),  Carbon(1.2f, 0.3f, -0.4f),   Carbon(-0.8f, 1.0f, 0.5f),
+            Carbon(0.4f, -1.1f, 0.9f), Carbon(-0.5f, -0.6f, -1.0f), Carbon(0.9f, 0.8f, 0.7f)};
 }
 
 /// The expansion of the density with fixed lambdas.
 QVHermite Expand(unsigned int N, double lx, double ly, double lz) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(N);
-    options.SetLambda(0, lx);
-    options.SetLambda(1, ly);
-    options.SetLambda(2, lz);
-    options.SetUseSingleLambda(false);
-    options.SetUseOptimalLambdas(false);
+    QVHermiteOptions options = FixedOptions(N, lx, ly, lz, false);
     QVHermite expansion;
     expansion.Setup(RenderDensity(), options);
     return expansion;
@@ -217,7 +182,7 @@ void ExpectMatchesDirect(const QVScalarGrid& grid, const DirectExpansion& e) {
 // Grid size
 
 TEST(GridRenderTest, ExtentZeroAndUnitSpacingGiveEightPoints) {
-    RenderMessages messages;
+    MessageRecorder messages(/*throwOnFatal=*/true);
     QVScalarGrid grid;
     // 6 / 1 + 1 = 7, plus one: 8.
     ASSERT_TRUE(QVHermiteMath::CreateGrid(0, {1.0}, 0.0, grid, 1.0, 1.0, 1.0, 1.0));
@@ -247,7 +212,7 @@ TEST(GridRenderTest, PointsPerAxisFollowTheExtentAndSpacing) {
         {0.5, 2.0, 5},      // 3.25 + 1 -> 4 -> 5
         {4.0, 3.0, 5},      // 3.33 + 1 -> 4 -> 5
     };
-    RenderMessages messages;
+    MessageRecorder messages(/*throwOnFatal=*/true);
     for (const Case& c : cases) {
         QVScalarGrid grid;
         ASSERT_TRUE(QVHermiteMath::CreateGrid(0, {0.5}, c.extent, grid, c.spacing, 1.0, 1.0, 1.0));
@@ -260,7 +225,7 @@ TEST(GridRenderTest, PointsPerAxisFollowTheExtentAndSpacing) {
 }
 
 TEST(GridRenderTest, SmallExtentWithLargeSpacingGivesFivePoints) {
-    RenderMessages messages;
+    MessageRecorder messages(/*throwOnFatal=*/true);
     // Would-be sizes 2, 3 and 4 are all raised to 5.
     for (double spacing : {100.0, 6.0, 3.0}) {
         QVScalarGrid grid;
@@ -274,7 +239,7 @@ TEST(GridRenderTest, SmallExtentWithLargeSpacingGivesFivePoints) {
 
 TEST(GridRenderTest, TooFineSpacingIsClampedToThreeHundredPointsWithOneWarning) {
     // 6 / 0.01 + 1 = 601 -> 602 points wanted. Order 0 keeps the 27 million points cheap.
-    RenderMessages messages;
+    MessageRecorder messages(/*throwOnFatal=*/true);
     QVScalarGrid grid;
     const double c0 = 0.75;
     const double lambda[3] = {0.9, 1.0, 1.1};
@@ -330,7 +295,7 @@ void ExpectPrefilled(const QVScalarGrid& grid) {
 }
 
 TEST(GridRenderTest, WrongCoefficientCountReturnsFalseAndLeavesTheGridUntouched) {
-    RenderMessages messages;
+    MessageRecorder messages(/*throwOnFatal=*/true);
     // Order 2 takes exactly 10 coefficients.
     for (std::size_t count : {0u, 1u, 9u, 11u, 20u}) {
         QVScalarGrid grid = Prefilled();
@@ -346,7 +311,7 @@ TEST(GridRenderTest, WrongCoefficientCountReturnsFalseAndLeavesTheGridUntouched)
 }
 
 TEST(GridRenderTest, WrongCoefficientCountWithTransformStillTransformsAndReturnsTrue) {
-    RenderMessages messages;
+    MessageRecorder messages(/*throwOnFatal=*/true);
     const std::vector<double> tooFew(9, 0.25);
 
     // The identity leaves the untouched grid as it was.
@@ -376,11 +341,11 @@ TEST(GridRenderTest, WrongCoefficientCountWithTransformStillTransformsAndReturns
 
 /// The message of the fatal error raised by rendering with `spacing` ("" if none).
 std::string SpacingFailure(double spacing) {
-    RenderMessages messages;
+    MessageRecorder messages(/*throwOnFatal=*/true);
     QVScalarGrid grid;
     try {
         QVHermiteMath::CreateGrid(0, {1.0}, 1.0, grid, spacing, 1.0, 1.0, 1.0);
-    } catch (const RenderFatal& error) {
+    } catch (const FatalError& error) {
         return error.what();
     }
     return "";
@@ -422,7 +387,7 @@ TEST(GridRenderTest, EveryValueEqualsTheExpansionAtThePoint) {
     for (unsigned int N : {4u, 6u}) {
         SCOPED_TRACE(N);
         const QVHermite expansion = Expand(N, 0.85, 1.0, 1.15);
-        RenderMessages messages;
+        MessageRecorder messages(/*throwOnFatal=*/true);
         QVScalarGrid grid;
         // Extent 2.5: 8.5 / 0.8 + 1 = 11.6 -> 11 -> 12 points per axis.
         ASSERT_TRUE(RenderFree(expansion, grid, 0.8, 2.5));

@@ -5,43 +5,21 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "hermite/hermite.h"
-#include "qv/error.h"
 #include "qv/options.h"
+#include "support/test_support.h"
 
 namespace {
 
 using QVHermiteMath::QVHermiteOptions;
 using QVSystem::QVBoolParameter;
 using QVSystem::QVDoubleParameter;
-using QVSystem::QVErrorCallback;
 using QVSystem::QVOptions;
-using QVSystem::QVSeverity;
-using QVSystem::QVThrow;
 using QVSystem::QVUIntParameter;
 
-/// Collects warnings for the lifetime of the guard and restores the previous handler.
-/// With `throwOnFatal`, fatal errors become std::runtime_error instead of aborting.
-struct WarningCollector {
-    explicit WarningCollector(bool throwOnFatal = false)
-        : previous(QVThrow.SetHandler(
-              [this, throwOnFatal](QVSeverity severity, const std::string& text) {
-                  (severity == QVSeverity::Warning ? warnings : fatals).push_back(text);
-                  if (severity == QVSeverity::Fatal && throwOnFatal) {
-                      throw std::runtime_error(text);
-                  }
-              })) {}
-    ~WarningCollector() { QVThrow.SetHandler(std::move(previous)); }
-    WarningCollector(const WarningCollector&) = delete;
-    WarningCollector& operator=(const WarningCollector&) = delete;
-
-    std::vector<std::string> warnings;
-    std::vector<std::string> fatals;
-    QVErrorCallback previous;
-};
+using hermite_test::MessageRecorder;
 
 template <class Parameter>
 const Parameter* Slot(const QVHermiteOptions& options, unsigned int slot) {
@@ -180,7 +158,7 @@ TEST(HermiteOptionsTest, BooleanAddLegalRangeReturnsFalse) {
 
 TEST(HermiteOptionsTest, OrderAboveHundredIsRejectedWithOneWarning) {
     QVHermiteOptions options;
-    WarningCollector collector;
+    MessageRecorder collector;
     EXPECT_FALSE(options.Set("-NPolyMax", "101"));
     EXPECT_EQ(collector.warnings.size(), 1u);
     EXPECT_EQ(options.GetNPolyMax(), 5u);
@@ -196,7 +174,7 @@ TEST(HermiteOptionsTest, OrderAboveHundredIsRejectedWithOneWarning) {
 
 TEST(HermiteOptionsTest, OrderHundredIsAccepted) {
     QVHermiteOptions options;
-    WarningCollector collector;
+    MessageRecorder collector;
     EXPECT_TRUE(options.Set("-NPolyMax", "100"));
     EXPECT_TRUE(collector.warnings.empty());
     unsigned int order = 0;
@@ -213,7 +191,7 @@ TEST(HermiteOptionsTest, OrderHundredIsAccepted) {
 TEST(HermiteOptionsTest, OrderZeroIsLegal) {
     // Order 0: a basis of the constant function only.
     QVHermiteOptions options;
-    WarningCollector collector;
+    MessageRecorder collector;
     EXPECT_TRUE(options.Set("-NPolyMax", "0"));
     EXPECT_EQ(options.GetNPolyMax(), 0u);
     EXPECT_TRUE(options.SetNPolyMax(0));
@@ -232,7 +210,7 @@ TEST(HermiteOptionsTest, BadTextForEachParameterIsRejectedWithOneWarning) {
                           {"-LambdaZ", "abc"},        {"-UseSingleLambda", "maybe"},
                           {"-UseOptimalLambdas", ""}, {"-NoSuchOption", "1"}};
     for (const Case& c : cases) {
-        WarningCollector collector;
+        MessageRecorder collector;
         EXPECT_FALSE(options.Set(c.name, c.text)) << c.name << " " << c.text;
         EXPECT_EQ(collector.warnings.size(), 1u) << c.name << " " << c.text;
     }
@@ -244,7 +222,7 @@ TEST(HermiteOptionsTest, BadTextForEachParameterIsRejectedWithOneWarning) {
 TEST(HermiteOptionsTest, LambdasHaveNoLowerBound) {
     // The options put no bound on the lambdas; positivity is the caller's duty.
     QVHermiteOptions options;
-    WarningCollector collector;
+    MessageRecorder collector;
     EXPECT_TRUE(options.Set("-LambdaX", "-2.5"));
     EXPECT_TRUE(options.Set("-LambdaY", "0"));
     EXPECT_TRUE(options.SetLambda(2, 1e6));
@@ -408,7 +386,7 @@ TEST(HermiteOptionsTest, GetWithTheWrongTypeReturnsFalse) {
 
 TEST(HermiteOptionsTest, SlotSixIsOutOfRange) {
     QVHermiteOptions options;
-    WarningCollector collector(/*throwOnFatal=*/true);
+    MessageRecorder collector(/*throwOnFatal=*/true);
     EXPECT_THROW(options.GetParameter(6), std::runtime_error);
     EXPECT_EQ(collector.fatals.size(), 1u);
     EXPECT_TRUE(collector.warnings.empty());

@@ -32,6 +32,7 @@
 
 #include "hermite/hermite.h"
 #include "qv/error.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -45,30 +46,14 @@ using QVHermiteMath::QVOptimizationSearchOfHermiteCOM;
 using QVHermiteMath::QVOrientByHermiteMomentsOfInertia;
 using QVHermiteMath::QVRotateGaussians;
 
-using Centre = std::array<float, 3>;
+using hermite_test::Carbons;
+using hermite_test::Determinant;
+using hermite_test::ExpectSameGaussians;
+using hermite_test::FixedOptions;
+using hermite_test::MessageRecorder;
+using hermite_test::SixAsymmetric;
+
 using Rows = std::vector<std::vector<double>>;
-
-// A carbon-sized shape Gaussian, as the shape densities use.
-constexpr float kPrefactor = 2.7f;
-constexpr float kExponent = 0.811151803f;
-
-std::vector<QVGaussian> Carbons(const std::vector<Centre>& centres) {
-    std::vector<QVGaussian> gaussians;
-    for (const Centre& c : centres) {
-        gaussians.emplace_back(kPrefactor, kExponent, c.data(), 0u);
-    }
-    return gaussians;
-}
-
-// Six Gaussians without any symmetry.
-std::vector<QVGaussian> SixAsymmetric() {
-    return Carbons({{0.5f, 0.25f, -0.125f},
-                    {1.25f, -0.75f, 0.375f},
-                    {-1.0f, 0.5f, 0.75f},
-                    {0.25f, 1.5f, -0.5f},
-                    {-0.625f, -1.125f, 0.25f},
-                    {1.75f, 0.625f, 1.0f}});
-}
 
 // Eight Gaussians, elongated along a skew direction.
 std::vector<QVGaussian> EightElongated() {
@@ -90,16 +75,6 @@ std::vector<QVGaussian> AxisPairs(float sx, float sy, float sz) {
                     {0.0f, -sy, 0.0f},
                     {0.0f, 0.0f, sz},
                     {0.0f, 0.0f, -sz}});
-}
-
-QVHermiteOptions FixedOptions(unsigned int N, double lx, double ly, double lz) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(N);
-    options.SetLambda(0, lx);
-    options.SetLambda(1, ly);
-    options.SetLambda(2, lz);
-    options.SetUseOptimalLambdas(false);
-    return options;
 }
 
 // The tensor of the second Hermite moments of the expansion of `gaussians`, built here: entry
@@ -138,11 +113,6 @@ Orientation Orient(std::vector<QVGaussian> gaussians, unsigned int N, double lx,
     return o;
 }
 
-double Determinant(const std::vector<double>& m) {
-    return m[0] * (m[4] * m[8] - m[5] * m[7]) - m[1] * (m[3] * m[8] - m[5] * m[6]) +
-           m[2] * (m[3] * m[7] - m[4] * m[6]);
-}
-
 double MaxAbs(const Rows& m) {
     double largest = 0.0;
     for (const std::vector<double>& row : m) {
@@ -153,20 +123,6 @@ double MaxAbs(const Rows& m) {
     return largest;
 }
 
-void ExpectSameGaussians(const std::vector<QVGaussian>& expected,
-                         const std::vector<QVGaussian>& actual) {
-    ASSERT_EQ(expected.size(), actual.size());
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        SCOPED_TRACE("Gaussian " + std::to_string(i));
-        EXPECT_EQ(expected[i].GetX(), actual[i].GetX());
-        EXPECT_EQ(expected[i].GetY(), actual[i].GetY());
-        EXPECT_EQ(expected[i].GetZ(), actual[i].GetZ());
-        EXPECT_EQ(expected[i].GetPrefactor(), actual[i].GetPrefactor());
-        EXPECT_EQ(expected[i].GetExponent(), actual[i].GetExponent());
-        EXPECT_EQ(expected[i].GetTag(), actual[i].GetTag());
-    }
-}
-
 void ExpectSameOrientation(const Orientation& expected, const Orientation& actual) {
     EXPECT_EQ(expected.status, actual.status);
     EXPECT_EQ(expected.translation, actual.translation);
@@ -175,29 +131,6 @@ void ExpectSameOrientation(const Orientation& expected, const Orientation& actua
     EXPECT_EQ(expected.eigenvalues, actual.eigenvalues);
     ExpectSameGaussians(expected.gaussians, actual.gaussians);
 }
-
-// Collects every message sent to the process-wide error handler while it is alive, and puts
-// the previous handler back when it goes.
-class MessageCapture {
-public:
-    MessageCapture() {
-        previous_ = QVSystem::QVThrow.SetHandler(
-            [this](QVSystem::QVSeverity severity, const std::string& text) {
-                messages_.emplace_back(severity, text);
-            });
-    }
-    ~MessageCapture() { QVSystem::QVThrow.SetHandler(previous_); }
-    MessageCapture(const MessageCapture&) = delete;
-    MessageCapture& operator=(const MessageCapture&) = delete;
-
-    const std::vector<std::pair<QVSystem::QVSeverity, std::string>>& Messages() const {
-        return messages_;
-    }
-
-private:
-    QVSystem::QVErrorCallback previous_;
-    std::vector<std::pair<QVSystem::QVSeverity, std::string>> messages_;
-};
 
 struct Case {
     std::vector<QVGaussian> gaussians;
@@ -518,9 +451,9 @@ void ExpectOrder(double a, double b, double c, std::array<int, 3> p) {
                  std::to_string(c));
     std::vector<double> values = {a, b, c};
     Rows vectors = ColumnLayout();
-    MessageCapture capture;
+    MessageRecorder capture;
     OrderEigenvaluesHighToLow(values, vectors);
-    EXPECT_TRUE(capture.Messages().empty());
+    EXPECT_TRUE(capture.messages.empty());
     const double input[3] = {a, b, c};
     EXPECT_EQ(std::vector<double>({input[p[0]], input[p[1]], input[p[2]]}), values);
     EXPECT_EQ(RowsInOrder(p.data()), vectors);
@@ -580,11 +513,11 @@ TEST(EigenOrderTest, NaNEigenvalueWarnsOnceAndKeepsTheSolverOrder) {
         values[position] = nan;
         const std::vector<double> input = values;
         Rows vectors = ColumnLayout();
-        MessageCapture capture;
+        MessageRecorder capture;
         OrderEigenvaluesHighToLow(values, vectors);
-        ASSERT_EQ(1u, capture.Messages().size());
-        EXPECT_EQ(QVSystem::QVSeverity::Warning, capture.Messages()[0].first);
-        EXPECT_EQ("Unexpected conditional logical error.", capture.Messages()[0].second);
+        ASSERT_EQ(1u, capture.messages.size());
+        EXPECT_EQ(QVSystem::QVSeverity::Warning, capture.messages[0].first);
+        EXPECT_EQ("Unexpected conditional logical error.", capture.messages[0].second);
         ASSERT_EQ(3u, values.size());
         for (int k = 0; k < 3; ++k) {
             if (k == position) {

@@ -19,13 +19,16 @@
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "support/test_support.h"
 
 namespace {
 
 using QVChem::QVMol;
 using QVHermiteMath::QVGaussian;
 
-constexpr double kPi = 3.14159265358979323846;
+using hermite_test::ExpectSameGaussian;
+using hermite_test::kPi;
+
 // 1 / sqrt(2 pi).
 constexpr double kInvSqrtTwoPi = 0.3989422804014327;
 // The carbon constants as they read back from a float record.
@@ -43,15 +46,6 @@ void ExpectShapeGaussian(const QVGaussian& g, double x, double y, double z) {
     EXPECT_EQ(static_cast<double>(g.GetExponent()), kShapeExponentAsFloat);
     ExpectCentre(g, x, y, z);
     EXPECT_EQ(g.GetTag(), 0u);
-}
-
-void ExpectSameGaussian(const QVGaussian& a, const QVGaussian& b) {
-    EXPECT_EQ(a.GetPrefactor(), b.GetPrefactor());
-    EXPECT_EQ(a.GetExponent(), b.GetExponent());
-    EXPECT_EQ(a.GetX(), b.GetX());
-    EXPECT_EQ(a.GetY(), b.GetY());
-    EXPECT_EQ(a.GetZ(), b.GetZ());
-    EXPECT_EQ(a.GetTag(), b.GetTag());
 }
 
 /// A small molecule with hydrogens and heavier elements, coordinates of which some are not

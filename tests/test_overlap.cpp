@@ -25,15 +25,12 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <random>
-#include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "hermite/hermite.h"
 #include "qv/error.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -47,73 +44,26 @@ using QVHermiteMath::QVHermiteOverlap;
 using QVHermiteMath::RotFromEulerXYZ;
 using QVHermiteMath::SMatrixSet;
 
-constexpr double kPi = 3.14159265358979323846;
-
-// Carbon-like Gaussian: height 2.7 and exponent 0.811151803 give the volume of a carbon atom.
-constexpr float kCarbonPrefactor = 2.7f;
-constexpr float kCarbonExponent = 0.811151803f;
-
-// `count` carbon-like Gaussians at deterministic pseudo-random centres in [-spread, spread]^3.
-// The 24-bit fractions make every centre an exactly stored float.
-std::vector<QVGaussian> MakeDensity(unsigned int count, std::uint32_t seed, float spread) {
-    std::mt19937 engine(seed);
-    std::vector<QVGaussian> gaussians;
-    for (unsigned int g = 0; g < count; ++g) {
-        float centre[3];
-        for (unsigned int axis = 0; axis < 3; ++axis) {
-            const float u = static_cast<float>(engine() >> 8) * (1.0f / 16777216.0f);
-            centre[axis] = spread * (2.0f * u - 1.0f);
-        }
-        gaussians.emplace_back(kCarbonPrefactor, kCarbonExponent, centre, 0u);
-    }
-    return gaussians;
-}
-
-QVHermiteOptions FixedOptions(unsigned int N, double lambda) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(N);
-    for (unsigned int axis = 0; axis < 3; ++axis) {
-        options.SetLambda(axis, lambda);
-    }
-    options.SetUseSingleLambda(true);
-    options.SetUseOptimalLambdas(false);
-    return options;
-}
+using hermite_test::CentralDifference;
+using hermite_test::FixedOptions;
+using hermite_test::GaussianPairOverlap;
+using hermite_test::kPi;
+using hermite_test::LmnTriples;
+using hermite_test::MakeDensity;
+using hermite_test::MaxAbs;
+using hermite_test::MessageRecorder;
+using hermite_test::NormTable;
+using hermite_test::Triple;
+using hermite_test::TurnedInFloat;
 
 // Sets up `objective` with fixed lambdas for reference and fit.
 void SetUpFixed(QVHermiteOverlap& objective, const std::vector<QVGaussian>& reference,
                 const std::vector<QVGaussian>& fit, unsigned int Nr, unsigned int Nf,
                 double lambdaRef, double lambdaFit) {
-    QVHermiteOptions refOptions = FixedOptions(Nr, lambdaRef);
-    QVHermiteOptions fitOptions = FixedOptions(Nf, lambdaFit);
+    QVHermiteOptions refOptions = FixedOptions(Nr, lambdaRef, lambdaRef, lambdaRef, true);
+    QVHermiteOptions fitOptions = FixedOptions(Nf, lambdaFit, lambdaFit, lambdaFit, true);
     ASSERT_TRUE(objective.SetupRef(reference, refOptions));
     ASSERT_TRUE(objective.Setup(fit, fitOptions));
-}
-
-// K_k = 2^k k! sqrt(pi) from the closed form.
-std::vector<double> ReferenceK(unsigned int N) {
-    std::vector<double> K(N + 1);
-    for (unsigned int i = 0; i <= N; ++i) {
-        K[i] = std::ldexp(std::tgamma(i + 1.0), static_cast<int>(i)) * std::sqrt(kPi);
-    }
-    return K;
-}
-
-struct Triple {
-    unsigned int l, m, n;
-};
-
-// All (l, m, n) with l + m + n <= N in storage order: by total degree, then l, then m.
-std::vector<Triple> LmnTriples(unsigned int N) {
-    std::vector<Triple> triples;
-    for (unsigned int s = 0; s <= N; ++s) {
-        for (unsigned int l = 0; l <= s; ++l) {
-            for (unsigned int m = 0; m <= s - l; ++m) {
-                triples.push_back({l, m, s - l - m});
-            }
-        }
-    }
-    return triples;
 }
 
 // The exact overlap integral of the reference turned by RotFromEulerXYZ(x0, x1, x2) with the
@@ -134,21 +84,10 @@ double ExactOverlap(const std::vector<QVGaussian>& reference, const std::vector<
             for (unsigned int i = 0; i < 3; ++i) {
                 d2 += (turned[i] - moved[i]) * (turned[i] - moved[i]);
             }
-            const double a = g.GetExponent(), b = h.GetExponent();
-            const double p = a + b;
-            sum += static_cast<double>(g.GetPrefactor()) * h.GetPrefactor() *
-                   std::pow(kPi / p, 1.5) * std::exp(-(a * b / p) * d2);
+            sum += GaussianPairOverlap(g, h, d2);
         }
     }
     return sum;
-}
-
-double MaxAbs(const std::vector<double>& v) {
-    double m = 0.0;
-    for (const double value : v) {
-        m = std::max(m, std::fabs(value));
-    }
-    return m;
 }
 
 // The three F tables the objective uses for a fit moved by t (shift -lambda_fit t in scaled
@@ -160,34 +99,11 @@ void TranslationTables(unsigned int Nr, unsigned int Nf, double lambdaFit, const
     }
 }
 
-// Collects every message sent to the process-wide error handler while it is alive, and puts
-// the previous handler back when it goes.
-class MessageCapture {
-public:
-    MessageCapture() {
-        previous_ = QVSystem::QVThrow.SetHandler(
-            [this](QVSystem::QVSeverity severity, const std::string& text) {
-                messages_.emplace_back(severity, text);
-            });
-    }
-    ~MessageCapture() { QVSystem::QVThrow.SetHandler(previous_); }
-    MessageCapture(const MessageCapture&) = delete;
-    MessageCapture& operator=(const MessageCapture&) = delete;
-
-    const std::vector<std::pair<QVSystem::QVSeverity, std::string>>& Messages() const {
-        return messages_;
-    }
-
-private:
-    QVSystem::QVErrorCallback previous_;
-    std::vector<std::pair<QVSystem::QVSeverity, std::string>> messages_;
-};
-
 class OverlapObjectiveTest : public ::testing::Test {
 protected:
     // Compact densities (centres within +-1.5) so that moderate orders converge well.
-    std::vector<QVGaussian> reference_ = MakeDensity(8, 11u, 1.5f);
-    std::vector<QVGaussian> fit_ = MakeDensity(6, 23u, 1.5f);
+    std::vector<QVGaussian> reference_ = MakeDensity(8, 11u, 1.5f, 1.5f, 1.5f);
+    std::vector<QVGaussian> fit_ = MakeDensity(6, 23u, 1.5f, 1.5f, 1.5f);
 };
 
 // Points (a, b, c, tx, ty, tz) with b inside (-pi/2, pi/2) and a, c inside (-pi, pi], so
@@ -210,12 +126,12 @@ TEST_F(OverlapObjectiveTest, NumVarIsSix) {
 TEST_F(OverlapObjectiveTest, GetFComponentsAlwaysWarnsAndReturnsFalse) {
     QVHermiteOverlap objective;
     SetUpFixed(objective, reference_, fit_, 5, 5, 0.9, 0.9);
-    MessageCapture capture;
+    MessageRecorder capture;
     EXPECT_FALSE(objective.GetFComponents(kPoints[0]));
     objective(kPoints[0]);
     EXPECT_FALSE(objective.GetFComponents(kPoints[1]));
-    ASSERT_EQ(capture.Messages().size(), 2u);
-    for (const auto& message : capture.Messages()) {
+    ASSERT_EQ(capture.messages.size(), 2u);
+    for (const auto& message : capture.messages) {
         EXPECT_EQ(message.first, QVSystem::QVSeverity::Warning);
         EXPECT_EQ(message.second, "This method has not been implemented yet.");
     }
@@ -226,7 +142,8 @@ TEST_F(OverlapObjectiveTest, SelfOverlapGettersEqualTheExpansionsSelfOverlaps) {
     {
         QVHermiteOverlap objective;
         SetUpFixed(objective, reference_, fit_, 6, 4, 0.9, 0.8);
-        QVHermiteOptions refOptions = FixedOptions(6, 0.9), fitOptions = FixedOptions(4, 0.8);
+        QVHermiteOptions refOptions = FixedOptions(6, 0.9, 0.9, 0.9, true);
+        QVHermiteOptions fitOptions = FixedOptions(4, 0.8, 0.8, 0.8, true);
         QVHermite reference, fit;
         reference.Setup(reference_, refOptions);
         fit.Setup(fit_, fitOptions);
@@ -267,7 +184,7 @@ TEST_F(OverlapObjectiveTest, ValueAtZeroIsTheKWeightedSumOfCoefficientProducts) 
     // K_r: the moved fit is the fit itself, restricted to the reference's triples.
     FMatrix F;
     BuildFMatrix(4, 5, 0.0, F);
-    const std::vector<double> K7 = ReferenceK(7);
+    const std::vector<double> K7 = NormTable(7);
     EXPECT_DOUBLE_EQ(F[0][0], std::sqrt(kPi));
     for (std::size_t r = 0; r < F.size(); ++r) {
         for (std::size_t c = 0; c < F[r].size(); ++c) {
@@ -286,8 +203,10 @@ TEST_F(OverlapObjectiveTest, ValueAtZeroIsTheKWeightedSumOfCoefficientProducts) 
     for (const Case& c : cases) {
         QVHermiteOverlap objective;
         SetUpFixed(objective, reference_, fit_, c.Nr, c.Nf, c.lambdaRef, c.lambdaFit);
-        QVHermiteOptions refOptions = FixedOptions(c.Nr, c.lambdaRef);
-        QVHermiteOptions fitOptions = FixedOptions(c.Nf, c.lambdaFit);
+        QVHermiteOptions refOptions =
+            FixedOptions(c.Nr, c.lambdaRef, c.lambdaRef, c.lambdaRef, true);
+        QVHermiteOptions fitOptions =
+            FixedOptions(c.Nf, c.lambdaFit, c.lambdaFit, c.lambdaFit, true);
         QVHermite reference, fit;
         reference.Setup(reference_, refOptions);
         fit.Setup(fit_, fitOptions);
@@ -296,7 +215,7 @@ TEST_F(OverlapObjectiveTest, ValueAtZeroIsTheKWeightedSumOfCoefficientProducts) 
         // entries of the longer one are the triples of the shorter one, in the same order.
         const unsigned int Nmin = std::min(c.Nr, c.Nf);
         const std::vector<Triple> triples = LmnTriples(Nmin);
-        const std::vector<double> K = ReferenceK(Nmin);
+        const std::vector<double> K = NormTable(Nmin);
         double sum = 0.0, magnitude = 0.0;
         for (std::size_t i = 0; i < triples.size(); ++i) {
             const Triple& t = triples[i];
@@ -436,12 +355,7 @@ TEST_F(OverlapObjectiveTest, GradientEqualsCentralDifferences) {
                 // h = 1e-4 the truncation error h^2 |f'''| / 6 is ~1e-9 |f| and the rounding
                 // error eps |f| / h ~1e-12 |f|.
                 const double h = 1e-4;
-                double xp[6], xm[6];
-                std::copy(x, x + 6, xp);
-                std::copy(x, x + 6, xm);
-                xp[i] += h;
-                xm[i] -= h;
-                const double difference = (objective(xp) - objective(xm)) / (2.0 * h);
+                const double difference = CentralDifference(objective, x, 6, i, h);
                 EXPECT_NEAR(gradient[i], difference, 1e-7 * std::fabs(value))
                     << "Nr " << c.Nr << " Nf " << c.Nf << " variable " << i << " point " << x[0];
             }
@@ -455,19 +369,13 @@ TEST_F(OverlapObjectiveTest, GradientAtHighOrderEqualsDerivativesOfExactOverlap)
     // that shares nothing with the coefficient-space formulas.
     QVHermiteOverlap objective;
     SetUpFixed(objective, reference_, fit_, 20, 20, 0.9, 0.9);
+    const auto exact = [&](const double* y) { return ExactOverlap(reference_, fit_, y); };
     for (const auto& x : kPoints) {
         double gradient[6];
         const double value = objective(x, gradient);
         for (unsigned int i = 0; i < 6; ++i) {
             const double h = 1e-4;
-            double xp[6], xm[6];
-            std::copy(x, x + 6, xp);
-            std::copy(x, x + 6, xm);
-            xp[i] += h;
-            xm[i] -= h;
-            const double difference =
-                -(ExactOverlap(reference_, fit_, xp) - ExactOverlap(reference_, fit_, xm)) /
-                (2.0 * h);
+            const double difference = -CentralDifference(exact, x, 6, i, h);
             // Truncation at order 20 (~1e-9 relative) and the difference (~1e-9 relative).
             EXPECT_NEAR(gradient[i], difference, 1e-6 * std::fabs(value)) << "variable " << i;
         }
@@ -483,11 +391,11 @@ TEST_F(OverlapObjectiveTest, RotatingTheReferenceExpansionEqualsEvaluatingWithTh
     QVHermiteOverlap objective;
     SetUpFixed(objective, reference_, fit_, Nr, Nf, lambda, lambda);
     const std::vector<Triple> triples = LmnTriples(Nr);
-    const std::vector<double> K = ReferenceK(Nr);
+    const std::vector<double> K = NormTable(Nr);
 
     for (const auto& x : kPoints) {
         // The reference expansion turned in place by the matrix of the angles.
-        QVHermiteOptions options = FixedOptions(Nr, lambda);
+        QVHermiteOptions options = FixedOptions(Nr, lambda, lambda, lambda, true);
         QVHermite reference;
         reference.Setup(reference_, options);
         ASSERT_TRUE(reference.RotateHermites(RotFromEulerXYZ(x[0], x[1], x[2])));
@@ -533,17 +441,8 @@ TEST_F(OverlapObjectiveTest, TurningTheReferenceGaussiansEqualsTurningByTheAngle
     QVHermiteOverlap objective;
     SetUpFixed(objective, reference_, fit_, N, N, lambda, lambda);
     for (const auto& x : kPoints) {
-        const std::vector<double> R = RotFromEulerXYZ(x[0], x[1], x[2]);
-        std::vector<QVGaussian> turned;
-        for (const QVGaussian& g : reference_) {
-            const double r[3] = {g.GetX(), g.GetY(), g.GetZ()};
-            float moved[3];
-            for (unsigned int i = 0; i < 3; ++i) {
-                moved[i] =
-                    static_cast<float>(R[3 * i] * r[0] + R[3 * i + 1] * r[1] + R[3 * i + 2] * r[2]);
-            }
-            turned.emplace_back(g.GetPrefactor(), g.GetExponent(), moved, 0u);
-        }
+        const std::vector<QVGaussian> turned =
+            TurnedInFloat(reference_, RotFromEulerXYZ(x[0], x[1], x[2]));
         QVHermiteOverlap turnedObjective;
         SetUpFixed(turnedObjective, turned, fit_, N, N, lambda, lambda);
         const double y[6] = {0.0, 0.0, 0.0, x[3], x[4], x[5]};

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "qv/error.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -16,17 +17,7 @@ using QVSystem::QVErrorCallback;
 using QVSystem::QVSeverity;
 using QVSystem::QVThrow;
 
-/// Installs a handler for the lifetime of the guard and puts the previous one back afterwards,
-/// so that no test leaks its handler into the next.
-struct HandlerGuard {
-    explicit HandlerGuard(QVErrorCallback handler)
-        : previous(QVThrow.SetHandler(std::move(handler))) {}
-    ~HandlerGuard() { QVThrow.SetHandler(std::move(previous)); }
-    HandlerGuard(const HandlerGuard&) = delete;
-    HandlerGuard& operator=(const HandlerGuard&) = delete;
-
-    QVErrorCallback previous;
-};
+using hermite_test::HandlerGuard;
 
 /// One message as the handler received it.
 struct Message {

@@ -16,69 +16,34 @@
 #include <cmath>
 #include <cstddef>
 #include <functional>
-#include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "qv/error.h"
 #include "qv/grid.h"
+#include "support/test_support.h"
 
 namespace {
 
 using QVSystem::QVErrorCallback;
 using QVSystem::QVScalarGrid;
-using QVSystem::QVSeverity;
 using QVSystem::QVSkewGrid;
 using QVSystem::QVThrow;
 
-/// The exception our test handler turns fatal errors into.
-struct GridFatal : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-/// Installs a handler that throws GridFatal on fatal errors for the lifetime of the guard and
-/// restores the previous handler afterwards.
-struct ThrowOnFatal {
-    ThrowOnFatal()
-        : previous(QVThrow.SetHandler([](QVSeverity severity, const std::string& text) {
-              if (severity == QVSeverity::Fatal) {
-                  throw GridFatal(text);
-              }
-          })) {}
-    ~ThrowOnFatal() { QVThrow.SetHandler(std::move(previous)); }
-    ThrowOnFatal(const ThrowOnFatal&) = delete;
-    ThrowOnFatal& operator=(const ThrowOnFatal&) = delete;
-
-    QVErrorCallback previous;
-};
+using hermite_test::EulerXYZClosedForm;
+using hermite_test::FatalError;
+using hermite_test::MessageRecorder;
 
 /// Runs `action`, which must fail fatally, and returns the message of the failure.
 std::string FatalMessage(const std::function<void()>& action) {
-    ThrowOnFatal guard;
+    MessageRecorder guard(/*throwOnFatal=*/true);
     try {
         action();
-    } catch (const GridFatal& error) {
+    } catch (const FatalError& error) {
         return error.what();
     }
     ADD_FAILURE() << "no fatal error was reported";
     return "";
-}
-
-// A proper rotation Rx(a) Ry(b) Rz(c), row-major, acting on column vectors.
-std::vector<double> GridRotation(double a, double b, double c) {
-    const double ca = std::cos(a), sa = std::sin(a);
-    const double cb = std::cos(b), sb = std::sin(b);
-    const double cc = std::cos(c), sc = std::sin(c);
-    return {cb * cc,
-            -cb * sc,
-            sb,
-            sa * sb * cc + ca * sc,
-            ca * cc - sa * sb * sc,
-            -sa * cb,
-            sa * sc - ca * sb * cc,
-            sa * cc + ca * sb * sc,
-            ca * cb};
 }
 
 // p -> R p + t.
@@ -299,7 +264,7 @@ TEST(QVScalarGridTest, ElementAccessAtOrPastTheSizeIsFatal) {
     EXPECT_NE(message.find("Assertion failed at line"), std::string::npos) << message;
 
     // The last element is fine.
-    ThrowOnFatal guard;
+    MessageRecorder guard(/*throwOnFatal=*/true);
     EXPECT_NO_THROW(grid[size - 1] = 2.0f);
     EXPECT_EQ(view[size - 1], 2.0f);
 }
@@ -435,7 +400,7 @@ TEST(QVSkewGridTest, RotatedAndTranslatedGridCarriesItsValuesAlong) {
     Fill(grid, Wavy);
     const QVSkewGrid original(grid);
     QVSkewGrid moved(grid);
-    const std::vector<double> r = GridRotation(0.7, -0.4, 1.9);
+    const std::vector<double> r = EulerXYZClosedForm(0.7, -0.4, 1.9);
     const double t[3] = {1.25, -0.5, 3.0};
     EXPECT_TRUE(QVSystem::QVRotate(moved, r.data()));
     EXPECT_TRUE(QVSystem::QVTranslate(moved, t));
@@ -582,7 +547,7 @@ TEST(QVSkewGridTest, RegularGridResamplesAMovedGrid) {
     source.SetSpacing(0.5f);
     Fill(source, affine);
     QVSkewGrid skew(source);
-    const std::vector<double> r = GridRotation(0.3, 0.5, -0.8);
+    const std::vector<double> r = EulerXYZClosedForm(0.3, 0.5, -0.8);
     const double t[3] = {0.25, -0.125, 0.5};
     QVSystem::QVRotate(skew, r.data());
     QVSystem::QVTranslate(skew, t);

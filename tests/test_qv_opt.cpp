@@ -9,6 +9,8 @@
 #include <limits>
 #include <vector>
 
+#include "support/test_support.h"
+
 namespace {
 
 using QVOpt::QVBFGSOpt;
@@ -17,21 +19,11 @@ using QVOpt::QVFunc1;
 using QVOpt::QVFunc2;
 using QVOpt::QVNewtonOpt;
 
+using hermite_test::MaxAbs;
+using hermite_test::Packed;
+
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
-
-/// Index of Hessian entry (i, j), j <= i, in the packed lower triangle by rows.
-std::size_t Packed(std::size_t i, std::size_t j) {
-    return i * (i + 1) / 2 + j;
-}
-
-double MaxAbs(const std::vector<double>& v) {
-    double m = 0.0;
-    for (double e : v) {
-        m = std::max(m, std::fabs(e));
-    }
-    return m;
-}
 
 /// The extended Rosenbrock function of an even number n of variables: the sum over the pairs
 /// (u, v) = (x_2k, x_2k+1) of 100 (v - u^2)^2 + (1 - u)^2. Its only minimum is at all ones,

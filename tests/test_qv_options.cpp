@@ -11,6 +11,7 @@
 
 #include "qv/error.h"
 #include "qv/options.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -19,30 +20,10 @@ using QVSystem::QVDoubleParameter;
 using QVSystem::QVErrorCallback;
 using QVSystem::QVOptions;
 using QVSystem::QVParameter;
-using QVSystem::QVSeverity;
 using QVSystem::QVThrow;
 using QVSystem::QVUIntParameter;
 
-/// Installs a recording handler for the lifetime of the guard and restores the previous one.
-/// With `throwOnFatal`, fatal errors become std::runtime_error so that tests can observe them.
-struct RecordingHandler {
-    explicit RecordingHandler(bool throwOnFatal = false) {
-        previous =
-            QVThrow.SetHandler([this, throwOnFatal](QVSeverity severity, const std::string& text) {
-                (severity == QVSeverity::Warning ? warnings : fatals).push_back(text);
-                if (severity == QVSeverity::Fatal && throwOnFatal) {
-                    throw std::runtime_error(text);
-                }
-            });
-    }
-    ~RecordingHandler() { QVThrow.SetHandler(std::move(previous)); }
-    RecordingHandler(const RecordingHandler&) = delete;
-    RecordingHandler& operator=(const RecordingHandler&) = delete;
-
-    QVErrorCallback previous;
-    std::vector<std::string> warnings;
-    std::vector<std::string> fatals;
-};
+using hermite_test::MessageRecorder;
 
 /// True when `text` contains `part`.
 bool Contains(const std::string& text, const std::string& part) {
@@ -185,7 +166,7 @@ TEST(QVParameterTest, UIntSetValueOutOfRangeIsRejectedWithOneWarning) {
     ASSERT_TRUE(parameter.AddLegalRange("100", "0"));
     ASSERT_TRUE(parameter.SetValue(12u));
 
-    RecordingHandler handler;
+    MessageRecorder handler;
     EXPECT_FALSE(parameter.SetValue(101u));
     ASSERT_EQ(handler.warnings.size(), 1u);
     EXPECT_PRED2(Contains, handler.warnings[0], "-NPolyMax");
@@ -202,7 +183,7 @@ TEST(QVParameterTest, UIntSetValueOutOfRangeIsRejectedWithOneWarning) {
 TEST(QVParameterTest, RejectedValueAtFreshIndexLeavesNoValue) {
     QVDoubleParameter parameter("-W", 1.0);
     ASSERT_TRUE(parameter.AddLegalRange("-1", "1"));
-    RecordingHandler handler;
+    MessageRecorder handler;
     EXPECT_FALSE(parameter.SetValue(1.0000001, 3));
     EXPECT_FALSE(parameter.SetValue(-2.0, 0));
     EXPECT_EQ(handler.warnings.size(), 2u);
@@ -214,7 +195,7 @@ TEST(QVParameterTest, RejectedValueAtFreshIndexLeavesNoValue) {
 }
 
 TEST(QVParameterTest, SetValueFromTextParsesEachType) {
-    RecordingHandler handler;
+    MessageRecorder handler;
     QVUIntParameter order("-A", 0u);
     EXPECT_TRUE(order.SetValueFromText(" 42 "));
     unsigned int u = 0;
@@ -248,7 +229,7 @@ TEST(QVParameterTest, SetValueFromTextRejectsBadTextWithOneWarningEach) {
     QVUIntParameter order("-A", 3u);
     QVDoubleParameter width("-B", 1.0);
     QVBoolParameter flag("-C", false);
-    RecordingHandler handler;
+    MessageRecorder handler;
 
     EXPECT_FALSE(order.SetValueFromText("abc"));
     EXPECT_EQ(handler.warnings.size(), 1u);
@@ -283,7 +264,7 @@ TEST(QVParameterTest, UnsignedTextAcceptsTheFull32BitRange) {
 }
 
 TEST(QVParameterTest, IndexBeyondTheLimitIsRefusedWithOneWarning) {
-    RecordingHandler handler;
+    MessageRecorder handler;
     QVDoubleParameter parameter("-Width", 1.0);
     EXPECT_FALSE(parameter.SetValue(2.0, 4294967295u));
     EXPECT_FALSE(parameter.SetValue(2.0, QVParameter::kMaxIndex));
@@ -296,7 +277,7 @@ TEST(QVParameterTest, IndexBeyondTheLimitIsRefusedWithOneWarning) {
 }
 
 TEST(QVParameterTest, NonFiniteDoublesAreRefused) {
-    RecordingHandler handler;
+    MessageRecorder handler;
     QVDoubleParameter free("-Lambda", 1.0);
     for (const char* text : {"nan", "NaN", "inf", "-inf", "1e400"}) {
         EXPECT_FALSE(free.SetValueFromText(text)) << text;
@@ -433,7 +414,7 @@ TEST(QVOptionsTest, GetReadsDefaultsBeforeAnythingIsSet) {
 
 TEST(QVOptionsTest, SetThenGetRoundTripsEachType) {
     QVOptions options = MakeTestOptions();
-    RecordingHandler handler;
+    MessageRecorder handler;
     EXPECT_TRUE(options.Set("-Count", "12"));
     EXPECT_TRUE(options.Set("-Scale", "-0.5"));
     EXPECT_TRUE(options.Set("-Flag", "true"));
@@ -467,7 +448,7 @@ TEST(QVOptionsTest, GetWithWrongTypeOrUnknownNameReturnsFalse) {
 
 TEST(QVOptionsTest, SetUnknownNameFailsWithExactlyOneWarning) {
     QVOptions options = MakeTestOptions();
-    RecordingHandler handler;
+    MessageRecorder handler;
     EXPECT_FALSE(options.Set("-Missing", "1"));
     ASSERT_EQ(handler.warnings.size(), 1u);
     EXPECT_PRED2(Contains, handler.warnings[0], "-Missing");
@@ -486,7 +467,7 @@ TEST(QVOptionsTest, SetUnparsableTextFailsWithExactlyOneWarningEach) {
     const Case cases[] = {{"-Count", "abc"}, {"-Count", "-3"},   {"-Count", "1.5x"},
                           {"-Scale", "abc"}, {"-Scale", "1.5x"}, {"-Flag", "abc"}};
     for (const Case& c : cases) {
-        RecordingHandler handler;
+        MessageRecorder handler;
         EXPECT_FALSE(options.Set(c.name, c.text)) << c.name << " " << c.text;
         ASSERT_EQ(handler.warnings.size(), 1u) << c.name << " " << c.text;
         EXPECT_PRED2(Contains, handler.warnings[0], c.name);
@@ -517,7 +498,7 @@ TEST(QVOptionsTest, SetOutOfRangeFailsWithExactlyOneWarningEach) {
                           {"-Scale", "4.5"},
                           {"-Scale", "-1.0001"}};
     for (const Case& c : cases) {
-        RecordingHandler handler;
+        MessageRecorder handler;
         EXPECT_FALSE(options.Set(c.name, c.text)) << c.name << " " << c.text;
         EXPECT_EQ(handler.warnings.size(), 1u) << c.name << " " << c.text;
     }
@@ -525,7 +506,7 @@ TEST(QVOptionsTest, SetOutOfRangeFailsWithExactlyOneWarningEach) {
     EXPECT_FALSE(options.GetParameter(1)->GetHasValue(0));
 
     // Both ends of each range are legal.
-    RecordingHandler handler;
+    MessageRecorder handler;
     EXPECT_TRUE(options.Set("-Count", "2"));
     EXPECT_TRUE(options.Set("-Count", "20"));
     EXPECT_TRUE(options.Set("-Scale", "-1"));
@@ -564,7 +545,7 @@ TEST(QVOptionsTest, CreateCopyCarriesValuesAndIsIndependent) {
     EXPECT_EQ(scale, 1.5);
 
     // The legal range travels with the copy.
-    RecordingHandler handler;
+    MessageRecorder handler;
     EXPECT_FALSE(copy->Set("-Count", "21"));
     EXPECT_EQ(handler.warnings.size(), 1u);
 }
@@ -620,7 +601,7 @@ TEST(QVOptionsTest, DescribeListsEveryParameterWithDefaultAndBrief) {
 TEST(QVOptionsTest, SlotOutsideRangeIsFatal) {
     QVOptions options = MakeTestOptions();
     const QVOptions& constant = options;
-    RecordingHandler handler(/*throwOnFatal=*/true);
+    MessageRecorder handler(/*throwOnFatal=*/true);
     EXPECT_THROW(options.GetParameter(3), std::runtime_error);
     EXPECT_THROW(constant.GetParameter(100), std::runtime_error);
     EXPECT_THROW(options.SetParameter(3, std::make_unique<QVBoolParameter>("-X", true)),
@@ -633,7 +614,7 @@ TEST(QVOptionsTest, SlotOutsideRangeIsFatal) {
 }
 
 TEST(QVOptionsTest, NestedGroupsAreFatal) {
-    RecordingHandler handler(/*throwOnFatal=*/true);
+    MessageRecorder handler(/*throwOnFatal=*/true);
     EXPECT_THROW(QVOptions("Grouped", 2, 1), std::runtime_error);
     EXPECT_EQ(handler.fatals.size(), 1u);
 }

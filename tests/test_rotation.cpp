@@ -41,6 +41,7 @@
 
 #include "hermite/hermite.h"
 #include "support/rotation_oracle.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -61,6 +62,11 @@ using QVHermiteMath::QVHermiteOptions;
 using QVHermiteMath::RotFromEulerXYZ;
 using QVHermiteMath::SMatrixSet;
 
+using hermite_test::EulerXYZClosedForm;
+using hermite_test::FixedOptions;
+using hermite_test::MakeGaussian;
+using hermite_test::MaxAbs;
+
 constexpr double kPi = ro::kPi;
 constexpr double kEps = std::numeric_limits<double>::epsilon();
 
@@ -71,14 +77,6 @@ std::vector<double> AsVector(const ro::Matrix3& m) {
 ro::Matrix3 AsMatrix(const std::vector<double>& v) {
     ro::Matrix3 m{};
     std::copy(v.begin(), v.begin() + 9, m.begin());
-    return m;
-}
-
-double MaxAbs(const std::vector<double>& v) {
-    double m = 0.0;
-    for (double x : v) {
-        m = std::max(m, std::abs(x));
-    }
     return m;
 }
 
@@ -98,11 +96,6 @@ std::string TripleText(const ro::Triple& t) {
 
 // ---------------------------------------------------------------------------------------------
 // Densities and expansions
-
-QVGaussian MakeGaussian(float w, float a, float x, float y, float z) {
-    const float centre[3] = {x, y, z};
-    return QVGaussian(w, a, centre, 0);
-}
 
 /// A few Gaussians with single-precision parameters, none on a coordinate plane, so that
 /// coefficients of every parity class are present.
@@ -142,12 +135,7 @@ std::vector<ro::Gaussian> Turned(const std::vector<ro::Gaussian>& gaussians, con
 
 /// The library's expansion of `gaussians` of order N with three equal, fixed lambdas.
 QVHermite Expand(const std::vector<QVGaussian>& gaussians, unsigned int N, double lambda) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(N);
-    for (unsigned int axis = 0; axis < 3; ++axis) {
-        options.SetLambda(axis, lambda);
-    }
-    options.SetUseOptimalLambdas(false);
+    QVHermiteOptions options = FixedOptions(N, lambda, lambda, lambda);
     QVHermite hermite;
     hermite.Setup(gaussians, options);
     return hermite;
@@ -187,18 +175,7 @@ TEST(EulerTest, EntriesFollowClosedForms) {
         const double a = random.Uniform(-kPi, kPi);
         const double b = random.Uniform(-kPi, kPi);
         const double c = random.Uniform(-kPi, kPi);
-        const double ca = std::cos(a), sa = std::sin(a);
-        const double cb = std::cos(b), sb = std::sin(b);
-        const double cc = std::cos(c), sc = std::sin(c);
-        const double expected[9] = {cb * cc,
-                                    -cb * sc,
-                                    sb,
-                                    sa * sb * cc + ca * sc,
-                                    ca * cc - sa * sb * sc,
-                                    -sa * cb,
-                                    sa * sc - ca * sb * cc,
-                                    sa * cc + ca * sb * sc,
-                                    ca * cb};
+        const std::vector<double> expected = EulerXYZClosedForm(a, b, c);
         const std::vector<double> R = RotFromEulerXYZ(a, b, c);
         ASSERT_EQ(R.size(), 9u);
         for (int i = 0; i < 9; ++i) {

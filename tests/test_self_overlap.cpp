@@ -19,14 +19,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <random>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "hermite/hermite.h"
 #include "qv/error.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -35,39 +32,11 @@ using QVHermiteMath::QVGaussianToHermite;
 using QVHermiteMath::QVHermiteOptions;
 using QVHermiteMath::QVHermiteSelfOverlap;
 
-// Carbon-like Gaussian: height 2.7 and exponent 0.811151803 give the volume of a carbon atom.
-constexpr float kCarbonPrefactor = 2.7f;
-constexpr float kCarbonExponent = 0.811151803f;
-
-// `count` carbon-like Gaussians at deterministic pseudo-random centres, coordinate i uniform in
-// [-spread[i], spread[i]]. The 24-bit fractions make every centre an exactly stored float.
-std::vector<QVGaussian> MakeDensity(unsigned int count, std::uint32_t seed, float sx, float sy,
-                                    float sz) {
-    std::mt19937 engine(seed);
-    const float spread[3] = {sx, sy, sz};
-    std::vector<QVGaussian> gaussians;
-    for (unsigned int g = 0; g < count; ++g) {
-        float centre[3];
-        for (unsigned int axis = 0; axis < 3; ++axis) {
-            const float u = static_cast<float>(engine() >> 8) * (1.0f / 16777216.0f);
-            centre[axis] = spread[axis] * (2.0f * u - 1.0f);
-        }
-        gaussians.emplace_back(kCarbonPrefactor, kCarbonExponent, centre, 0u);
-    }
-    return gaussians;
-}
-
-// Options with fixed order and lambdas; "-UseOptimalLambdas" off.
-QVHermiteOptions MakeOptions(unsigned int N, double lx, double ly, double lz, bool single) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(N);
-    options.SetLambda(0, lx);
-    options.SetLambda(1, ly);
-    options.SetLambda(2, lz);
-    options.SetUseSingleLambda(single);
-    options.SetUseOptimalLambdas(false);
-    return options;
-}
+using hermite_test::CentralDifference;
+using hermite_test::FixedOptions;
+using hermite_test::MakeDensity;
+using hermite_test::MessageRecorder;
+using hermite_test::Packed;
 
 // The self-overlap of the transform built with the given lambdas and the other settings of
 // `base`: the quantity the objective must negate.
@@ -81,37 +50,6 @@ double TransformSelfOverlap(const QVHermiteOptions& base, const std::vector<QVGa
     return transform.GetSelfOverlap();
 }
 
-// Position of the Hessian entry (i, j), j <= i, in the packed lower triangle by rows.
-unsigned int Packed(unsigned int i, unsigned int j) {
-    if (j > i) {
-        std::swap(i, j);
-    }
-    return i * (i + 1) / 2 + j;
-}
-
-// Collects every message sent to the process-wide error handler while it is alive, and puts
-// the previous handler back when it goes.
-class MessageCapture {
-public:
-    MessageCapture() {
-        previous_ = QVSystem::QVThrow.SetHandler(
-            [this](QVSystem::QVSeverity severity, const std::string& text) {
-                messages_.emplace_back(severity, text);
-            });
-    }
-    ~MessageCapture() { QVSystem::QVThrow.SetHandler(previous_); }
-    MessageCapture(const MessageCapture&) = delete;
-    MessageCapture& operator=(const MessageCapture&) = delete;
-
-    const std::vector<std::pair<QVSystem::QVSeverity, std::string>>& Messages() const {
-        return messages_;
-    }
-
-private:
-    QVSystem::QVErrorCallback previous_;
-    std::vector<std::pair<QVSystem::QVSeverity, std::string>> messages_;
-};
-
 class SelfOverlapObjectiveTest : public ::testing::Test {
 protected:
     // Nine Gaussians spread most along x and least along z: the optimal lambdas and the
@@ -123,8 +61,8 @@ protected:
 // Number of variables and the lambdas each evaluation uses
 
 TEST_F(SelfOverlapObjectiveTest, NumVarIsOneWithSingleLambdaAndThreeOtherwise) {
-    QVHermiteSelfOverlap single(MakeOptions(5, 1.0, 1.0, 1.0, true), density_);
-    QVHermiteSelfOverlap three(MakeOptions(5, 1.0, 1.0, 1.0, false), density_);
+    QVHermiteSelfOverlap single(FixedOptions(5, 1.0, 1.0, 1.0, true), density_);
+    QVHermiteSelfOverlap three(FixedOptions(5, 1.0, 1.0, 1.0, false), density_);
     EXPECT_EQ(single.NumVar(), 1u);
     EXPECT_EQ(three.NumVar(), 3u);
 
@@ -142,7 +80,7 @@ TEST_F(SelfOverlapObjectiveTest, SingleVariableValueUsesOneLambdaOnAllThreeAxes)
     // three by exp(x). Were any axis left at its old lambda, S would be that of an anisotropic
     // basis and differ from the isotropic transform below (the density is anisotropic, so the
     // difference is of order one).
-    const QVHermiteOptions options = MakeOptions(6, 0.6, 1.1, 1.5, true);
+    const QVHermiteOptions options = FixedOptions(6, 0.6, 1.1, 1.5, true);
     QVHermiteSelfOverlap objective(options, density_);
     for (const double lambda : {0.55, 0.8, 1.0, 1.35}) {
         const double x = std::log(lambda);
@@ -165,7 +103,7 @@ TEST_F(SelfOverlapObjectiveTest, SingleVariableHessianCallLeavesAllThreeLambdasE
     // The Hessian call of a one-variable objective sets the lambdas too; the value evaluated
     // afterwards at the same x is that of the isotropic basis exp(x), and the gradient it
     // returns is that of the gradient call at the same point.
-    const QVHermiteOptions options = MakeOptions(5, 0.7, 1.2, 0.9, true);
+    const QVHermiteOptions options = FixedOptions(5, 0.7, 1.2, 0.9, true);
     QVHermiteSelfOverlap objective(options, density_);
     const double x = std::log(0.85);
     double hessian[6] = {0, 0, 0, 0, 0, 0};
@@ -181,7 +119,7 @@ TEST_F(SelfOverlapObjectiveTest, SingleVariableHessianCallLeavesAllThreeLambdasE
 TEST_F(SelfOverlapObjectiveTest, ThreeVariableValueUsesExpOfEachVariableOnItsOwnAxis) {
     // Axis i must take lambda_i = exp(x_i): permuting the lambdas over the axes of this
     // anisotropic density changes S, so a mix-up of the axes would be seen.
-    const QVHermiteOptions options = MakeOptions(6, 1.0, 1.0, 1.0, false);
+    const QVHermiteOptions options = FixedOptions(6, 1.0, 1.0, 1.0, false);
     QVHermiteSelfOverlap objective(options, density_);
     const double lambdas[3] = {0.65, 0.95, 1.4};
     const double x[3] = {std::log(lambdas[0]), std::log(lambdas[1]), std::log(lambdas[2])};
@@ -198,7 +136,7 @@ TEST_F(SelfOverlapObjectiveTest, ThreeVariableValueUsesExpOfEachVariableOnItsOwn
 
 TEST_F(SelfOverlapObjectiveTest, ValueEqualsValueReturnedWithGradient) {
     for (const bool single : {true, false}) {
-        QVHermiteSelfOverlap objective(MakeOptions(5, 1.0, 1.0, 1.0, single), density_);
+        QVHermiteSelfOverlap objective(FixedOptions(5, 1.0, 1.0, 1.0, single), density_);
         const double points[3][3] = {{std::log(0.6), std::log(0.9), std::log(1.3)},
                                      {0.0, 0.0, 0.0},
                                      {std::log(1.2), std::log(0.75), std::log(1.05)}};
@@ -219,15 +157,15 @@ TEST_F(SelfOverlapObjectiveTest, ValueEqualsValueReturnedWithGradient) {
 
 TEST_F(SelfOverlapObjectiveTest, GetFComponentsAlwaysWarnsAndReturnsFalse) {
     for (const bool single : {true, false}) {
-        QVHermiteSelfOverlap objective(MakeOptions(5, 1.0, 1.0, 1.0, single), density_);
+        QVHermiteSelfOverlap objective(FixedOptions(5, 1.0, 1.0, 1.0, single), density_);
         const double x[3] = {std::log(0.9), std::log(1.1), 0.0};
-        MessageCapture capture;
+        MessageRecorder capture;
         // Repeated calls, before and after evaluations, behave the same.
         EXPECT_FALSE(objective.GetFComponents(x));
         objective(x);
         EXPECT_FALSE(objective.GetFComponents(x));
-        ASSERT_EQ(capture.Messages().size(), 2u) << "single " << single;
-        for (const auto& message : capture.Messages()) {
+        ASSERT_EQ(capture.messages.size(), 2u) << "single " << single;
+        for (const auto& message : capture.messages) {
             EXPECT_EQ(message.first, QVSystem::QVSeverity::Warning);
             EXPECT_EQ(message.second, "This method has not been implemented yet.");
         }
@@ -235,21 +173,21 @@ TEST_F(SelfOverlapObjectiveTest, GetFComponentsAlwaysWarnsAndReturnsFalse) {
 }
 
 TEST_F(SelfOverlapObjectiveTest, EvaluationsReportNoMessages) {
-    MessageCapture capture;
-    QVHermiteSelfOverlap objective(MakeOptions(5, 1.0, 1.0, 1.0, false), density_);
+    MessageRecorder capture;
+    QVHermiteSelfOverlap objective(FixedOptions(5, 1.0, 1.0, 1.0, false), density_);
     const double x[3] = {std::log(0.9), std::log(1.1), 0.0};
     double gradient[3], hessian[6];
     objective(x);
     objective(x, gradient);
     objective(x, hessian, gradient);
-    EXPECT_TRUE(capture.Messages().empty());
+    EXPECT_TRUE(capture.messages.empty());
 }
 
 // ---------------------------------------------------------------------------------------------
 // Hessian call
 
 TEST_F(SelfOverlapObjectiveTest, OneVariableHessianCallFillsOnlyTheGradient) {
-    QVHermiteSelfOverlap objective(MakeOptions(5, 1.0, 1.0, 1.0, true), density_);
+    QVHermiteSelfOverlap objective(FixedOptions(5, 1.0, 1.0, 1.0, true), density_);
     const double x = std::log(0.8);
     // Sentinels: any write to the Hessian buffer or past gradient[0] would change them.
     const double sentinel = -12345.678;
@@ -272,7 +210,7 @@ TEST_F(SelfOverlapObjectiveTest, OneVariableHessianCallFillsOnlyTheGradient) {
 }
 
 TEST_F(SelfOverlapObjectiveTest, ThreeVariableHessianCallGivesTheSameGradientAsTheGradientCall) {
-    QVHermiteSelfOverlap objective(MakeOptions(5, 1.0, 1.0, 1.0, false), density_);
+    QVHermiteSelfOverlap objective(FixedOptions(5, 1.0, 1.0, 1.0, false), density_);
     const double x[3] = {std::log(0.7), std::log(0.95), std::log(1.25)};
     double hessian[6];
     double gradientFromHessianCall[3];
@@ -289,7 +227,7 @@ TEST_F(SelfOverlapObjectiveTest, ThreeVariableHessianCallGivesTheSameGradientAsT
 
 TEST_F(SelfOverlapObjectiveTest, OneVariableGradientEqualsCentralDifference) {
     for (const unsigned int N : {3u, 6u, 9u}) {
-        QVHermiteSelfOverlap objective(MakeOptions(N, 1.0, 1.0, 1.0, true), density_);
+        QVHermiteSelfOverlap objective(FixedOptions(N, 1.0, 1.0, 1.0, true), density_);
         for (const double lambda : {0.5, 0.8, 1.1, 1.6}) {
             const double x = std::log(lambda);
             double gradient = 0.0;
@@ -297,8 +235,7 @@ TEST_F(SelfOverlapObjectiveTest, OneVariableGradientEqualsCentralDifference) {
             // S is smooth in log lambda on the scale of one unit; with h = 1e-4 the truncation
             // error h^2 |f'''| / 6 is ~1e-9 |S| and the rounding error eps |S| / h ~1e-12 |S|.
             const double h = 1e-4;
-            const double xp = x + h, xm = x - h;
-            const double difference = (objective(&xp) - objective(&xm)) / (2.0 * h);
+            const double difference = CentralDifference(objective, &x, 1, 0, h);
             EXPECT_NEAR(gradient, difference, 1e-7 * std::fabs(value))
                 << "N " << N << " lambda " << lambda;
         }
@@ -306,7 +243,7 @@ TEST_F(SelfOverlapObjectiveTest, OneVariableGradientEqualsCentralDifference) {
 }
 
 TEST_F(SelfOverlapObjectiveTest, ThreeVariableGradientEqualsCentralDifferences) {
-    QVHermiteSelfOverlap objective(MakeOptions(6, 1.0, 1.0, 1.0, false), density_);
+    QVHermiteSelfOverlap objective(FixedOptions(6, 1.0, 1.0, 1.0, false), density_);
     const double points[3][3] = {{std::log(0.7), std::log(0.95), std::log(1.25)},
                                  {0.0, 0.0, 0.0},
                                  {std::log(1.4), std::log(0.6), std::log(0.85)}};
@@ -316,18 +253,14 @@ TEST_F(SelfOverlapObjectiveTest, ThreeVariableGradientEqualsCentralDifferences) 
         for (unsigned int i = 0; i < 3; ++i) {
             // Same step and error budget as for one variable.
             const double h = 1e-4;
-            double xp[3] = {point[0], point[1], point[2]};
-            double xm[3] = {point[0], point[1], point[2]};
-            xp[i] += h;
-            xm[i] -= h;
-            const double difference = (objective(xp) - objective(xm)) / (2.0 * h);
+            const double difference = CentralDifference(objective, point, 3, i, h);
             EXPECT_NEAR(gradient[i], difference, 1e-7 * std::fabs(value)) << "axis " << i;
         }
     }
 }
 
 TEST_F(SelfOverlapObjectiveTest, ThreeVariableHessianEqualsCentralDifferencesOfGradient) {
-    QVHermiteSelfOverlap objective(MakeOptions(6, 1.0, 1.0, 1.0, false), density_);
+    QVHermiteSelfOverlap objective(FixedOptions(6, 1.0, 1.0, 1.0, false), density_);
     const double points[3][3] = {{std::log(0.7), std::log(0.95), std::log(1.25)},
                                  {0.0, 0.0, 0.0},
                                  {std::log(1.4), std::log(0.6), std::log(0.85)}};

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -29,6 +30,8 @@ using QVHermiteMath::HermiteMomentsMasterIntegral;
 using QVHermiteMath::QVHermiteFunc;
 using QVHermiteMath::SecondArgDeriv;
 using QVHermiteMath::SecondArgSecondDeriv;
+
+using hermite_test::HermitePolynomials;
 
 constexpr unsigned int kLargestOrder = 4294967295u;
 const double kPi = std::acos(-1.0);
@@ -60,19 +63,6 @@ std::uint64_t IntegerFactorial(unsigned int n) {
 
 // ---------------------------------------------------------------------------------------------
 // Hermite functions H_n(x) exp(-x^2/2)
-
-/// H_0..H_maxDegree at x by the three-term recurrence H_(n+1) = 2x H_n - 2n H_(n-1).
-std::vector<double> HermitePolynomialsByRecurrence(unsigned int maxDegree, double x) {
-    std::vector<double> h(maxDegree + 1);
-    h[0] = 1.0;
-    if (maxDegree >= 1) {
-        h[1] = 2.0 * x;
-    }
-    for (unsigned int n = 1; n < maxDegree; ++n) {
-        h[n + 1] = 2.0 * x * h[n] - 2.0 * n * h[n - 1];
-    }
-    return h;
-}
 
 /// The sum of the absolute values of the terms of the explicit sum of H_n(x) exp(-x^2/2):
 /// the magnitude against which cancellation in that sum is measured.
@@ -133,7 +123,7 @@ TEST(SpecialFunctionsTest, HermiteFunctionLowDegreesByHand) {
 TEST(SpecialFunctionsTest, HermiteFunctionAgreesWithThreeTermRecurrence) {
     const unsigned int max_degree = 15;
     for (double x : {0.0, 0.3, -0.7, 1.0, 1.9, -2.5, 3.2, -4.4, 5.0, 7.5}) {
-        const std::vector<double> h = HermitePolynomialsByRecurrence(max_degree, x);
+        const std::vector<double> h = HermitePolynomials(max_degree, x);
         const double gaussian = std::exp(-0.5 * x * x);
         for (unsigned int n = 0; n <= max_degree; ++n) {
             SCOPED_TRACE(testing::Message() << "n = " << n << ", x = " << x);

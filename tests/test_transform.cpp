@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -38,61 +39,24 @@ using QVHermiteMath::QVGaussian;
 using QVHermiteMath::QVGaussianToHermite;
 using QVHermiteMath::QVHermiteOptions;
 
-constexpr double kPi = 3.14159265358979323846;
+using hermite_test::CoefficientCount;
+using hermite_test::FirstDifference;
+using hermite_test::FixedOptionsSingleWhenEqual;
+using hermite_test::GaussianPairOverlap;
+using hermite_test::HermitePolynomials;
+using hermite_test::kPi;
+using hermite_test::LmnTriples;
+using hermite_test::MakeGaussian;
+using hermite_test::MaxAbs;
+using hermite_test::NormTable;
+using hermite_test::Packed;
+using hermite_test::Triple;
 
 // ---------------------------------------------------------------------------------------------
 // Independent helpers
 
-struct Triple {
-    unsigned int l, m, n;
-};
-
-std::size_t CoefficientCount(unsigned int N) {
-    const std::size_t n = N;
-    return (n + 1) * (n + 2) * (n + 3) / 6;
-}
-
-// All (l, m, n) with l + m + n <= N in storage order: by total degree, then l, then m.
-std::vector<Triple> LmnTriples(unsigned int N) {
-    std::vector<Triple> triples;
-    for (unsigned int s = 0; s <= N; ++s) {
-        for (unsigned int l = 0; l <= s; ++l) {
-            for (unsigned int m = 0; m <= s - l; ++m) {
-                triples.push_back({l, m, s - l - m});
-            }
-        }
-    }
-    return triples;
-}
-
-// K_k = 2^k k! sqrt(pi), the integral of H_k(u)^2 exp(-u^2), from the closed form.
-std::vector<double> ReferenceK(unsigned int N) {
-    std::vector<double> k(N + 1);
-    for (unsigned int i = 0; i <= N; ++i) {
-        k[i] = std::ldexp(std::tgamma(static_cast<double>(i) + 1.0), static_cast<int>(i)) *
-               std::sqrt(kPi);
-    }
-    return k;
-}
-
-QVGaussian MakeGaussian(float w, float a, float x, float y, float z) {
-    const float centre[3] = {x, y, z};
-    return QVGaussian(w, a, centre, 0);
-}
-
 float Centre(const QVGaussian& g, unsigned int axis) {
     return axis == 0 ? g.GetX() : axis == 1 ? g.GetY() : g.GetZ();
-}
-
-QVHermiteOptions MakeOptions(unsigned int N, double lx, double ly, double lz) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(N);
-    options.SetLambda(0, lx);
-    options.SetLambda(1, ly);
-    options.SetLambda(2, lz);
-    options.SetUseSingleLambda(lx == ly && ly == lz);
-    options.SetUseOptimalLambdas(false);
-    return options;
 }
 
 struct Lambdas {
@@ -101,8 +65,8 @@ struct Lambdas {
 
 QVGaussianToHermite Transform(unsigned int N, const Lambdas& lambdas,
                               const std::vector<QVGaussian>& gaussians, unsigned int flag) {
-    return QVGaussianToHermite(MakeOptions(N, lambdas.v[0], lambdas.v[1], lambdas.v[2]), gaussians,
-                               flag);
+    return QVGaussianToHermite(
+        FixedOptionsSingleWhenEqual(N, lambdas.v[0], lambdas.v[1], lambdas.v[2]), gaussians, flag);
 }
 
 // Every centre moved by `delta` along `axis` (float arithmetic; exact for the values used).
@@ -118,18 +82,6 @@ std::vector<QVGaussian> Moved(const std::vector<QVGaussian>& gaussians, unsigned
             g.SetZ(g.GetZ() + delta);
     }
     return moved;
-}
-
-// Physicists' Hermite polynomials H_0..H_kmax at u by the three-term recurrence
-// H_(k+1) = 2u H_k - 2k H_(k-1).
-void HermitePolynomials(unsigned int kmax, double u, std::vector<double>& h) {
-    h.assign(kmax + 1, 0.0);
-    h[0] = 1.0;
-    if (kmax >= 1)
-        h[1] = 2.0 * u;
-    for (unsigned int k = 1; k < kmax; ++k) {
-        h[k + 1] = 2.0 * u * h[k] - 2.0 * static_cast<double>(k) * h[k - 1];
-    }
 }
 
 // F_0..F_kmax of one axis by composite Simpson quadrature:
@@ -149,7 +101,7 @@ std::vector<double> QuadratureTable(unsigned int kmax, double lambda, double a, 
         const double x = mid - half + step * i;
         const double weight = (i == 0 || i == intervals) ? 1.0 : (i % 2 == 1 ? 4.0 : 2.0);
         const double envelope = std::exp(-a * (x - x0) * (x - x0) - 0.5 * lambda * lambda * x * x);
-        HermitePolynomials(kmax, lambda * x, h);
+        h = HermitePolynomials(kmax, lambda * x);
         for (unsigned int k = 0; k <= kmax; ++k) {
             sum[k] += weight * envelope * h[k];
         }
@@ -163,7 +115,7 @@ std::vector<double> QuadratureTable(unsigned int kmax, double lambda, double a, 
 // Coefficients from quadrature tables: c_lmn = sum_g w_g F^x_l F^y_m F^z_n / (K_l K_m K_n).
 std::vector<double> QuadratureCoefficients(unsigned int N, const Lambdas& lambdas,
                                            const std::vector<QVGaussian>& gaussians) {
-    const std::vector<double> K = ReferenceK(N);
+    const std::vector<double> K = NormTable(N);
     const std::vector<Triple> triples = LmnTriples(N);
     std::vector<double> c(triples.size(), 0.0);
     for (const QVGaussian& g : gaussians) {
@@ -187,14 +139,12 @@ double ExactSelfOverlap(const std::vector<QVGaussian>& gaussians) {
     double sum = 0.0;
     for (const QVGaussian& g : gaussians) {
         for (const QVGaussian& h : gaussians) {
-            const double a = g.GetExponent(), b = h.GetExponent();
             double d2 = 0.0;
             for (unsigned int axis = 0; axis < 3; ++axis) {
                 const double d = static_cast<double>(Centre(g, axis)) - Centre(h, axis);
                 d2 += d * d;
             }
-            sum += static_cast<double>(g.GetPrefactor()) * h.GetPrefactor() *
-                   std::pow(kPi / (a + b), 1.5) * std::exp(-(a * b / (a + b)) * d2);
+            sum += GaussianPairOverlap(g, h, d2);
         }
     }
     return sum;
@@ -236,7 +186,7 @@ void ExpectWeightedClose(const std::vector<double>& actual, const std::vector<do
 void ExpectNormalisedClose(const std::vector<double>& actual, const std::vector<double>& expected,
                            unsigned int N, unsigned int stride, double relativeTolerance,
                            const std::string& what) {
-    const std::vector<double> K = ReferenceK(N);
+    const std::vector<double> K = NormTable(N);
     const std::vector<Triple> triples = LmnTriples(N);
     std::vector<double> weight(expected.size(), 0.0);
     for (std::size_t i = 0; i < weight.size() && i / stride < triples.size(); ++i) {
@@ -250,7 +200,7 @@ void ExpectNormalisedClose(const std::vector<double>& actual, const std::vector<
 // Cauchy-Schwarz (|F_k| <= sqrt(lambda K_k) times the norm of the one-axis Gaussian).
 void ExpectTableClose(const std::vector<double>& actual, const std::vector<double>& expected,
                       double relativeTolerance, const std::string& what) {
-    const std::vector<double> K = ReferenceK(static_cast<unsigned int>(expected.size()));
+    const std::vector<double> K = NormTable(static_cast<unsigned int>(expected.size()));
     std::vector<double> weight(expected.size());
     for (std::size_t k = 0; k < weight.size(); ++k)
         weight[k] = 1.0 / std::sqrt(K[k]);
@@ -266,30 +216,9 @@ void ExpectScaledClose(const std::vector<double>& actual, const std::vector<doub
     }
 }
 
-double MaxAbs(const std::vector<double>& v) {
-    double m = 0.0;
-    for (double x : v)
-        m = std::max(m, std::fabs(x));
-    return m;
-}
-
-// Derivative of a vector-valued function at 0 by central differences with one Richardson step:
-// D(h) = (f(h) - f(-h)) / (2h) = f' + f''' h^2 / 6 + f^(5) h^4 / 120 + ..., so
-// (4 D(h) - D(2h)) / 3 = f' - f^(5) h^4 / 30 + O(h^6). The rounding error is about eps |f| / h.
-std::vector<double> FirstDifference(const std::function<std::vector<double>(double)>& f, double h) {
-    const std::vector<double> p1 = f(h), m1 = f(-h), p2 = f(2 * h), m2 = f(-2 * h);
-    std::vector<double> d(p1.size());
-    for (std::size_t i = 0; i < d.size(); ++i) {
-        const double dh = (p1[i] - m1[i]) / (2 * h);
-        const double d2h = (p2[i] - m2[i]) / (4 * h);
-        d[i] = (4.0 * dh - d2h) / 3.0;
-    }
-    return d;
-}
-
-// Second derivative at 0: (f(h) - 2 f(0) + f(-h)) / h^2 = f'' + f'''' h^2 / 12 + O(h^4); the same
-// Richardson step leaves f'' - f^(6) h^4 / 90 + O(h^6). The rounding error is about
-// eps |f| / h^2.
+// Second derivative at 0: (f(h) - 2 f(0) + f(-h)) / h^2 = f'' + f'''' h^2 / 12 + O(h^4); the
+// Richardson step of FirstDifference, (4 D(h) - D(2h)) / 3, leaves f'' - f^(6) h^4 / 90 + O(h^6).
+// The rounding error is about eps |f| / h^2.
 std::vector<double> SecondDifference(const std::function<std::vector<double>(double)>& f,
                                      double h) {
     const std::vector<double> p1 = f(h), m1 = f(-h), p2 = f(2 * h), m2 = f(-2 * h), z = f(0.0);
@@ -300,13 +229,6 @@ std::vector<double> SecondDifference(const std::function<std::vector<double>(dou
         d[i] = (4.0 * dh - d2h) / 3.0;
     }
     return d;
-}
-
-// Position of the pair (a, b) in the packed order xx, xy, yy, xz, yz, zz.
-unsigned int Packed(unsigned int a, unsigned int b) {
-    if (a > b)
-        std::swap(a, b);
-    return b * (b + 1) / 2 + a;
 }
 
 // Every `stride`-th entry starting at `offset`.
@@ -548,7 +470,7 @@ TEST(TransformEdgeCaseTest, KCoefficientsAreHermiteNorms) {
     const unsigned int N = 12;
     const QVGaussianToHermite t = Transform(N, kUnequal, ThreeGaussians(), 0);
     EXPECT_EQ(t.GetKCoeffs(), QVHermiteMath::computeKs(N));
-    const std::vector<double> K = ReferenceK(N);
+    const std::vector<double> K = NormTable(N);
     ASSERT_EQ(t.GetKCoeffs().size(), K.size());
     for (unsigned int i = 0; i <= N; ++i) {
         // Up to one rounding per factor of 2^i i!.
@@ -703,7 +625,7 @@ TEST(TransformQuadratureTest, SelfOverlapEqualsKWeightedSumOfQuadratureCoefficie
     const unsigned int N = 8;
     const std::vector<QVGaussian> gaussians = ThreeGaussians();
     const std::vector<double> c = QuadratureCoefficients(N, kUnequal, gaussians);
-    const std::vector<double> K = ReferenceK(N);
+    const std::vector<double> K = NormTable(N);
     const std::vector<Triple> triples = LmnTriples(N);
     double sum = 0.0;
     for (std::size_t i = 0; i < triples.size(); ++i) {
@@ -737,7 +659,7 @@ TEST(TransformQuadratureTest, LowOrderCoefficientsEqualThreeDimensionalProjectio
         const double lambda = kUnequal.v[axis];
         for (unsigned int i = 0; i < points; ++i) {
             const double u = lambda * grid[i];
-            HermitePolynomials(N, u, hp);
+            hp = HermitePolynomials(N, u);
             for (unsigned int k = 0; k <= N; ++k)
                 basis[axis][k][i] = hp[k] * std::exp(-0.5 * u * u);
         }
@@ -762,7 +684,7 @@ TEST(TransformQuadratureTest, LowOrderCoefficientsEqualThreeDimensionalProjectio
             }
         }
     }
-    const std::vector<double> K = ReferenceK(N);
+    const std::vector<double> K = NormTable(N);
     std::vector<double> expected(triples.size());
     for (std::size_t t = 0; t < triples.size(); ++t) {
         expected[t] = kUnequal.v[0] * kUnequal.v[1] * kUnequal.v[2] * h * h * h * integral[t] /
@@ -1088,7 +1010,7 @@ TEST(TransformConvolutionTest, TranslationalSecondDerivativeConvolutionIsSecondD
 // 2), the expected values are simple products.
 TEST(TransformConvolutionTest, CoefficientsConvolutionWeighsByPowerOfMinusSqrtTwoA) {
     const unsigned int N = 3;
-    const std::vector<double> K = ReferenceK(N);
+    const std::vector<double> K = NormTable(N);
     const std::vector<Triple> triples = LmnTriples(N);
     const std::vector<double> X1 = {1.0, -2.0, 0.5, 3.0}, Y1 = {0.25, 1.0, -1.0, 2.0},
                               Z1 = {2.0, 0.5, 1.5, -0.75};

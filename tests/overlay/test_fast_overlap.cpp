@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "../support/test_support.h"
 #include "hermite/hermite.h"
 #include "overlay/exact_overlap.h"
 #include "overlay/fast_overlap.h"
@@ -37,16 +38,6 @@ std::vector<QVGaussian> Molecule(std::uint32_t seed, unsigned int count) {
     return gaussians;
 }
 
-QVHermiteOptions Fixed(unsigned int order, double lambdaX, double lambdaY, double lambdaZ) {
-    QVHermiteOptions options;
-    options.SetNPolyMax(order);
-    options.SetLambda(0, lambdaX);
-    options.SetLambda(1, lambdaY);
-    options.SetLambda(2, lambdaZ);
-    options.SetUseOptimalLambdas(false);
-    return options;
-}
-
 struct Case {
     unsigned int referenceOrder, fitOrder;
     double referenceLambda[3], fitLambda[3];
@@ -67,10 +58,10 @@ TEST(FastOverlapTest, EqualsTheObjectiveObjectToRounding) {
         {-2.5, 1.4, 3.0, -1.5, 2.0, 0.75},
     };
     for (const Case& c : cases) {
-        QVHermiteOptions referenceOptions = Fixed(c.referenceOrder, c.referenceLambda[0],
-                                                  c.referenceLambda[1], c.referenceLambda[2]);
+        QVHermiteOptions referenceOptions = hermite_test::FixedOptions(
+            c.referenceOrder, c.referenceLambda[0], c.referenceLambda[1], c.referenceLambda[2]);
         QVHermiteOptions fitOptions =
-            Fixed(c.fitOrder, c.fitLambda[0], c.fitLambda[1], c.fitLambda[2]);
+            hermite_test::FixedOptions(c.fitOrder, c.fitLambda[0], c.fitLambda[1], c.fitLambda[2]);
         const std::vector<QVGaussian> reference = Molecule(11u, 12), fit = Molecule(12u, 9);
         QVHermiteOverlap objective;
         QVHermiteOptions o1 = referenceOptions, o2 = fitOptions;
@@ -101,7 +92,8 @@ TEST(FastExpansionTest, EqualsTheLibraryTransformBitForBit) {
     const std::vector<QVGaussian> gaussians = Molecule(31u, 17);
     for (unsigned int order : {0u, 1u, 5u, 9u}) {
         const double lambda[3] = {0.55, 0.7, 0.9};
-        const QVHermiteOptions options = Fixed(order, lambda[0], lambda[1], lambda[2]);
+        const QVHermiteOptions options =
+            hermite_test::FixedOptions(order, lambda[0], lambda[1], lambda[2]);
         const QVHermiteMath::QVGaussianToHermite transform(options, gaussians, 0);
         const Expansion direct = Expansion::Of(gaussians, order, lambda);
         ASSERT_EQ(direct.coefficients.size(), transform.GetHermiteCoefficients().size());
@@ -114,7 +106,7 @@ TEST(FastExpansionTest, EqualsTheLibraryTransformBitForBit) {
 
 /// Replacing the fit coefficients is the same as building the evaluation for the new fit.
 TEST(FastOverlapTest, SetFitCoefficientsEqualsANewEvaluation) {
-    QVHermiteOptions options = Fixed(5, 0.6, 0.6, 0.6);
+    QVHermiteOptions options = hermite_test::FixedOptions(5, 0.6, 0.6, 0.6);
     QVHermite reference, first, second;
     QVHermiteOptions o1 = options, o2 = options, o3 = options;
     reference.Setup(Molecule(1u, 10), o1);
