@@ -303,7 +303,6 @@ Query::Query(const QVMol& molecule, const Settings& settings)
     options.SetUseSingleLambda(true);
     options.SetUseOptimalLambdas(true);
     expansion_.Setup(prepared_.shape, options);
-    lambda_ = options.GetLambda(0);
 }
 
 Result Query::Overlay(const QVMol& molecule) const {

@@ -110,22 +110,19 @@ public:
     /// the result is the identity.
     Result Score(const QVChem::QVMol& fit) const;
 
-    const Settings& GetSettings() const { return settings_; }
-    /// The optimal single lambda of the query's expansion (1/angstrom).
-    double GetLambda() const { return lambda_; }
-    const QVHermiteMath::QVHermite& GetExpansion() const { return expansion_; }
+    /// The optimal single lambda of the query's expansion (1/angstrom), used for every fit.
+    double GetLambda() const { return expansion_.GetOptions().GetLambda(0); }
 
 private:
-    /// The scores of a fit pose (fit frame to query frame) with exact overlap `overlap` and
-    /// Hermite overlap `hermiteOverlap` of the expansions with self-overlaps
-    /// `fitHermiteSelfOverlap` (query) and the query's own.
+    /// The scores of a fit pose (fit frame to query frame), given the exact shape overlap at that
+    /// pose, the Hermite overlap of the two expansions and the Hermite self-overlap of the fit's
+    /// expansion.
     Scores ScorePose(const PreparedMolecule& fit, const QVChem::QVTrans& pose, double overlap,
                      double hermiteOverlap, double fitHermiteSelfOverlap) const;
 
     Settings settings_;
     PreparedMolecule prepared_;
     QVHermiteMath::QVHermite expansion_;
-    double lambda_ = 1.0;
 };
 
 /// Applies a rigid transform to every atom of a molecule.
