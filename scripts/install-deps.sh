@@ -9,7 +9,7 @@ packages=(
     libgtest-dev libbenchmark-dev
     clang-format
     gemmi-dev python3-gemmi python3-pytest
-    librdkit-dev rdkit-data python3-rdkit openbabel zlib1g-dev
+    librdkit-dev libboost-dev rdkit-data python3-rdkit openbabel zlib1g-dev
     python3-dev pybind11-dev python3-numpy
 )
 
