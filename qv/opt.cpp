@@ -63,6 +63,19 @@ bool ContinueAfter(QVCheckpoint* checkpoint, unsigned int iteration, const Point
                                    point.x.data(), point.f);
 }
 
+/// Makes `next` the current point after an accepted step: counts the iteration, publishes the
+/// point and reports it. False when the run should end here (the checkpoint asked to stop, or
+/// the step lowered f by no more than rounding).
+bool AcceptStep(Point& current, Point&& next, unsigned int& iteration, double* solution,
+                QVCheckpoint* checkpoint) {
+    const double previousValue = current.f;
+    current = std::move(next);
+    ++iteration;
+    Publish(current.x, solution);
+    return ContinueAfter(checkpoint, iteration, current) &&
+           !DecreaseIsRoundingOnly(previousValue, current.f);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Strong Wolfe line search (bracketing and zoom) for the quasi-Newton method.
 
@@ -463,12 +476,7 @@ double QVBFGSOpt::operator()(QVFunc1& objective, QVCheckpoint* checkpoint, const
             break;
         }
         inverseHessian.Update(next.x - current.x, next.g - current.g);
-        const double previousValue = current.f;
-        current = std::move(next);
-        ++iteration;
-        Publish(current.x, solution);
-        if (!ContinueAfter(checkpoint, iteration, current) ||
-            DecreaseIsRoundingOnly(previousValue, current.f)) {
+        if (!AcceptStep(current, std::move(next), iteration, solution, checkpoint)) {
             break;
         }
     }
@@ -513,12 +521,7 @@ double QVNewtonOpt::operator()(QVFunc2& objective, QVCheckpoint* checkpoint, con
         if (!moved) {
             break;
         }
-        const double previousValue = current.f;
-        current = std::move(next);
-        ++iteration;
-        Publish(current.x, solution);
-        if (!ContinueAfter(checkpoint, iteration, current) ||
-            DecreaseIsRoundingOnly(previousValue, current.f)) {
+        if (!AcceptStep(current, std::move(next), iteration, solution, checkpoint)) {
             break;
         }
     }
