@@ -86,6 +86,13 @@ ArgumentParser& ArgumentParser::Positional(const std::string& metavar, const std
     return *this;
 }
 
+ArgumentParser& ArgumentParser::RepeatedPositional(const std::string& metavar,
+                                                   const std::string& help) {
+    Positional(metavar, help);
+    lastPositionalRepeats_ = true;
+    return *this;
+}
+
 const ArgumentParser::OptionDescription* ArgumentParser::Find(const std::string& name) const {
     for (const OptionDescription& option : options_) {
         if (option.name == name) {
@@ -169,7 +176,7 @@ void ArgumentParser::CheckComplete(const CommandLine& line) const {
     if (line.positionals_.size() < positionals_.size()) {
         throw WithHelpHint("missing argument " + positionals_[line.positionals_.size()].metavar);
     }
-    if (line.positionals_.size() > positionals_.size()) {
+    if (line.positionals_.size() > positionals_.size() && !lastPositionalRepeats_) {
         throw WithHelpHint("unexpected argument '" + line.positionals_[positionals_.size()] + "'");
     }
 }

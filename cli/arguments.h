@@ -63,6 +63,8 @@ public:
                          const std::string& help, bool required = false);
     /// A required positional argument (in the order declared).
     ArgumentParser& Positional(const std::string& metavar, const std::string& help);
+    /// A last positional argument that takes one or more values.
+    ArgumentParser& RepeatedPositional(const std::string& metavar, const std::string& help);
 
     /// Parses the arguments after the subcommand's name. Throws `UsageError`.
     CommandLine Parse(const std::vector<std::string>& arguments) const;
@@ -100,6 +102,7 @@ private:
     std::string description_;
     std::vector<OptionDescription> options_;
     std::vector<PositionalDescription> positionals_;
+    bool lastPositionalRepeats_ = false;
 };
 
 // =============================================================================================

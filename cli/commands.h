@@ -22,6 +22,10 @@ struct Command {
 ArgumentParser OverlayParser();
 int RunOverlay(const CommandLine& line);
 
+/// `hermite prepare`: turns molecule files into a prepared library.
+ArgumentParser PrepareParser();
+int RunPrepare(const CommandLine& line);
+
 /// `hermite grid`: renders a molecule's Hermite density onto a map file.
 ArgumentParser GridParser();
 int RunGrid(const CommandLine& line);

@@ -7,10 +7,6 @@
 #include <cstdio>
 #include <iostream>
 
-#if defined(__SSE__)
-#include <xmmintrin.h>
-#endif
-
 #include "qv/error.h"
 
 namespace hermite::cli {
@@ -49,7 +45,18 @@ void AddReadOptions(ArgumentParser& parser, const std::string& seedAlsoFor) {
     parser.Option("--seed", "S",
                   "Random seed of the SMILES conformer generation" +
                       (seedAlsoFor.empty() ? std::string() : " and of " + seedAlsoFor) +
-                      ", 0 to 4294967295; default 42. The same seed gives the same results.");
+                      ", 0 to 4294967295; default 42. The same seed gives the same results. "
+                      "Each SMILES line is embedded with its own seed, a hash of S and the line "
+                      "number, so results do not depend on the number of threads.");
+    parser.Flag("--minimize",
+                "Minimise every generated SMILES conformer with the MMFF94 force field (at most "
+                "200 iterations).");
+    parser.Option("--prune-rms", "R",
+                  "Drop generated SMILES conformers within R angstrom heavy-atom RMS of an "
+                  "earlier one, 0 to 10; default 0 (keep all).");
+    parser.Option("--conformer-time-limit", "SECONDS",
+                  "Skip a SMILES, with a message, whose conformer generation takes longer than "
+                  "this, 0 (no limit) to 86400; default 60. Checked between embedding attempts.");
 }
 
 io::ReadOptions ReadOptionsFrom(const CommandLine& line) {
@@ -66,6 +73,9 @@ io::ReadOptions ReadOptionsFrom(const CommandLine& line) {
     options.smilesConformers =
         static_cast<unsigned int>(IntegerOption(line, "--conformers", 10, 1, 1000));
     options.seed = static_cast<unsigned int>(IntegerOption(line, "--seed", 42, 0, 4294967295LL));
+    options.minimize = line.Has("--minimize");
+    options.pruneRms = RealOption(line, "--prune-rms", 0.0, 0.0, 10.0);
+    options.conformerTimeLimit = RealOption(line, "--conformer-time-limit", 60.0, 0.0, 86400.0);
     return options;
 }
 
@@ -130,56 +140,6 @@ bool AnySkipped(const std::vector<io::Problem>& problems) {
         }
     }
     return false;
-}
-
-std::string DescribeSource(const io::Conformer& conformer) {
-    std::string text = conformer.File().empty() ? std::string("(no file)") : conformer.File();
-    if (conformer.Record() > 0) {
-        text += ", record " + std::to_string(conformer.Record());
-    }
-    if (!conformer.Title().empty()) {
-        text += " (" + OneLine(conformer.Title()) + ")";
-    }
-    return text;
-}
-
-bool HasFiniteCharges(const QVChem::QVMol& mol) {
-    for (const QVChem::QVAtom& atom : mol) {
-        if (!std::isfinite(atom.GetPartialCharge())) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// =============================================================================================
-// Threads
-
-unsigned int ResolveThreadCount(long long requested, unsigned int cores) {
-    const long long available = cores == 0 ? 1 : cores;
-    long long count = requested;
-    if (requested == 0) {
-        count = available;
-    } else if (requested < 0) {
-        count = available + requested;
-    }
-    return static_cast<unsigned int>(count < 1 ? 1 : count);
-}
-
-unsigned int CurrentFloatingPointState() {
-#if defined(__SSE__)
-    return _mm_getcsr();
-#else
-    return 0;
-#endif
-}
-
-void SetFloatingPointState(unsigned int state) {
-#if defined(__SSE__)
-    _mm_setcsr(state);
-#else
-    (void)state;
-#endif
 }
 
 // =============================================================================================

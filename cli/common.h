@@ -11,8 +11,13 @@
 
 #include "cli/arguments.h"
 #include "io/molecule_io.h"
+#include "screen/pipeline.h"
 
 namespace hermite::cli {
+
+using io::DescribeSource;
+using io::HasFiniteCharges;
+using screen::ResolveThreadCount;
 
 /// Exit statuses of every subcommand.
 enum ExitStatus : int {
@@ -74,30 +79,8 @@ FirstMolecule ReadFirstMolecule(const std::string& path, const io::ReadOptions& 
 FirstMolecule ReadInputMolecule(const std::string& command, const std::string& path,
                                 const io::ReadOptions& options, bool needCharges);
 
-/// "file, record 3 (title)": where a conformer came from, for messages.
-std::string DescribeSource(const io::Conformer& conformer);
-
 /// True when any of the problems made a record or file be skipped.
 bool AnySkipped(const std::vector<io::Problem>& problems);
-
-/// True when every atom of `mol` has a finite partial charge.
-bool HasFiniteCharges(const QVChem::QVMol& mol);
-
-// =============================================================================================
-// Threads
-
-/// The number of worker threads for a --threads value, by RDKit's convention: 0 means all
-/// cores, a negative -n all cores but n (at least 1), a positive value that many.
-/// `cores` is the number of cores (0 when unknown, taken as 1).
-unsigned int ResolveThreadCount(long long requested, unsigned int cores);
-
-/// The floating-point control state of the calling thread (SSE MXCSR; 0 where there is none).
-unsigned int CurrentFloatingPointState();
-/// Gives the calling thread the state captured by `CurrentFloatingPointState`, so that worker
-/// threads compute with the same flush-to-zero and denormals-are-zero modes as the main thread
-/// (the library sets them in the thread that loads it) and results do not depend on which
-/// thread computed them.
-void SetFloatingPointState(unsigned int state);
 
 // =============================================================================================
 // Library errors and signals

@@ -19,6 +19,8 @@ const std::vector<Command>& Commands() {
     static const std::vector<Command> commands = {
         {"overlay", "Overlay database molecules onto a query by shape and rank them.",
          &OverlayParser, &RunOverlay},
+        {"prepare", "Turn molecule files into a prepared library for fast screening.",
+         &PrepareParser, &RunPrepare},
         {"grid", "Render a molecule's Hermite density onto a CCP4/MRC or cube map.", &GridParser,
          &RunGrid},
         {"expand", "Print a molecule's Hermite expansion (lambdas, coefficients) as JSON.",

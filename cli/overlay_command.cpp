@@ -1,4 +1,4 @@
-// `hermite overlay`: screens database molecules against a query by shape (and electrostatics).
+// `hermite overlay`: screens database molecules against queries by shape (and electrostatics).
 
 #include <algorithm>
 #include <iostream>
@@ -9,8 +9,8 @@
 #include "cli/common.h"
 #include "cli/progress.h"
 #include "cli/score_output.h"
-#include "cli/screening.h"
 #include "io/atomic_file.h"
+#include "screen/screen.h"
 
 namespace hermite::cli {
 
@@ -23,35 +23,36 @@ constexpr std::size_t kTableRows = 10;
 
 /// Everything the command line of `hermite overlay` asks for.
 struct OverlayRequest {
-    std::string queryPath;
+    std::vector<std::string> queryPaths;
     std::vector<std::string> databasePaths;
     std::string hitsPath;    ///< empty: no hits file
     std::string scoresPath;  ///< empty: no score table
     io::ReadOptions read;
     overlay::Settings overlay;
-    ScreenSettings screen;
+    screen::ScreenSettings screen;
     bool quiet = false;
 };
 
 /// The request of a parsed command line; throws `UsageError` for a bad value.
 OverlayRequest RequestFrom(const CommandLine& line) {
     OverlayRequest request;
-    request.queryPath = line.Value("--query");
+    request.queryPaths = line.Values("--query");
     request.databasePaths = line.Values("--db");
     request.hitsPath = line.Value("--out");
     request.scoresPath = line.Value("--scores");
     request.read = ReadOptionsFrom(line);
     request.quiet = line.Has("--quiet");
 
-    ScreenSettings& screen = request.screen;
+    screen::ScreenSettings& screen = request.screen;
     const std::string rankBy = line.Value("--rank-by", "shape");
-    const std::optional<RankMetric> metric = ParseRankMetric(rankBy);
+    const std::optional<screen::RankMetric> metric = screen::ParseRankMetric(rankBy);
     if (!metric) {
         throw UsageError("--rank-by must be shape, combo, tversky-query or tversky-fit, got " +
                          rankBy);
     }
     screen.rankBy = *metric;
     screen.scoreOnly = line.Has("--score-only");
+    screen.perQuery = line.Has("--per-query");
     screen.cutoff = RealOption(line, "--cutoff", 0.0, -1e6, 1e6);
     screen.best = static_cast<std::size_t>(IntegerOption(line, "--best", 100, 1, 1000000000));
     const long long threads = IntegerOption(line, "--threads", 0, -100000, 100000);
@@ -61,10 +62,9 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     settings.order = OrderFrom(line, settings.order);
     settings.extraStarts = static_cast<unsigned int>(IntegerOption(line, "--starts", 0, 0, 1000));
     settings.seed = request.read.seed;
-    settings.electrostatics = line.Has("--electrostatics") || screen.rankBy == RankMetric::Combo;
-    screen.needCharges = settings.electrostatics;
-    // A shape-only screen keeps molecules whose charges cannot be computed (metals).
-    request.read.chargesRequired = settings.electrostatics;
+    settings.electrostatics =
+        line.Has("--electrostatics") || screen.rankBy == screen::RankMetric::Combo;
+    screen.read = request.read;
     return request;
 }
 
@@ -91,71 +91,56 @@ Outputs OpenOutputs(const OverlayRequest& request) {
     return outputs;
 }
 
-/// Reads the query: the first conformer of the first molecule of its file.
-FirstMolecule ReadQuery(const OverlayRequest& request) {
-    FirstMolecule query;
+/// Reads and prepares every conformer of every molecule of the query files.
+screen::QuerySet ReadQueries(const OverlayRequest& request) {
     try {
-        query = ReadFirstMolecule(request.queryPath, request.read);
-    } catch (const FatalError& error) {
+        return screen::ReadQueries(request.queryPaths, request.read, request.overlay);
+    } catch (const screen::QueryError& error) {
         throw FatalError(std::string("cannot read the query: ") + error.what());
     }
-    if (request.overlay.electrostatics && !HasFiniteCharges(query.conformer.Mol())) {
-        throw FatalError("cannot use the query " + DescribeSource(query.conformer) +
-                         ": its partial charges are not finite numbers; the electrostatic "
-                         "density needs them");
-    }
-    return query;
 }
 
-/// Writes the score table and the hits, then commits both; `*hitsWritten` counts the hits
-/// written. Returns false after printing why when an output could not be written (no output is
-/// then left half written).
-bool WriteOutputs(Outputs& outputs, const OverlayRequest& request, const ScreenResults& results,
-                  const OutputContext& context, unsigned long* hitsWritten) {
-    if (!request.scoresPath.empty()) {
-        if (!outputs.scores.Append(FormatScoreTable(results, context)) ||
-            !outputs.scores.Commit()) {
-            std::cerr << "hermite overlay: cannot write the scores: " << outputs.scores.Error()
+/// Writes the hits of every ranking and commits the hits file; `*hitsWritten` counts them.
+/// Returns false after printing why when the file could not be written (it is then left
+/// unwritten).
+bool WriteHits(io::SdfWriter& writer, const screen::ScreenReport& report,
+               const OutputContext& context, unsigned long* hitsWritten) {
+    for (const std::vector<screen::Hit>& hits : report.hits) {
+        for (const screen::Hit& hit : hits) {
+            if (writer.Write(hit.conformer, hit.row.result.transform, HitTags(hit, context))) {
+                continue;
+            }
+            if (!writer.Ok()) {
+                break;  // the file itself failed: Commit reports it
+            }
+            // RDKit could not write this one record; the others go on.
+            std::cerr << "hermite overlay: warning: hit " << hit.rank << ", "
+                      << DescribeSource(hit.conformer) << ", not written: " << writer.Error()
                       << "\n";
-            return false;
         }
     }
-    if (outputs.hits == nullptr) {
-        return true;
-    }
-    for (const Hit& hit : results.hits) {
-        const MoleculeOutcome& row = results.rows[hit.row];
-        const std::size_t rank = results.ranks[hit.row];
-        if (outputs.hits->Write(hit.conformer, hit.transform, HitTags(row, rank, context))) {
-            continue;
-        }
-        if (!outputs.hits->Ok()) {
-            break;  // the file itself failed: Commit reports it
-        }
-        // RDKit could not write this one record; the others go on.
-        std::cerr << "hermite overlay: warning: hit " << rank << ", "
-                  << DescribeSource(hit.conformer) << ", not written: " << outputs.hits->Error()
-                  << "\n";
-    }
-    *hitsWritten = outputs.hits->RecordsWritten();
-    if (!outputs.hits->Commit()) {
-        std::cerr << "hermite overlay: cannot write the hits: " << outputs.hits->Error() << "\n";
+    *hitsWritten = writer.RecordsWritten();
+    if (!writer.Commit()) {
+        std::cerr << "hermite overlay: cannot write the hits: " << writer.Error() << "\n";
         return false;
     }
     return true;
 }
 
-/// Prints a list of messages under a heading, the first `kListedProblems` of them.
-void PrintList(const std::string& heading, const std::vector<std::string>& messages) {
-    if (messages.empty()) {
+/// Prints a list of messages under a heading, the first `kListedProblems` of them;
+/// `total` counts the messages, of which `messages` holds the first (all by default).
+void PrintList(const std::string& heading, const std::vector<std::string>& messages,
+               std::size_t total = 0) {
+    total = std::max(total, messages.size());
+    if (total == 0) {
         return;
     }
     std::cerr << "hermite overlay: " << heading << "\n";
     for (std::size_t i = 0; i < messages.size() && i < kListedProblems; ++i) {
         std::cerr << "  " << messages[i] << "\n";
     }
-    if (messages.size() > kListedProblems) {
-        std::cerr << "  ... and " << messages.size() - kListedProblems << " more\n";
+    if (total > kListedProblems) {
+        std::cerr << "  ... and " << total - kListedProblems << " more\n";
     }
 }
 
@@ -175,9 +160,9 @@ struct ProblemMessages {
 };
 
 ProblemMessages CollectProblems(const std::vector<io::Problem>& queryProblems,
-                                const ScreenResults& results) {
+                                const std::vector<io::Problem>& databaseProblems) {
     ProblemMessages messages;
-    for (const auto* list : {&queryProblems, &results.problems}) {
+    for (const auto* list : {&queryProblems, &databaseProblems}) {
         for (const io::Problem& problem : *list) {
             std::vector<std::string>& list = !problem.skipped      ? messages.partial
                                              : problem.record == 0 ? messages.files
@@ -188,111 +173,148 @@ ProblemMessages CollectProblems(const std::vector<io::Problem>& queryProblems,
     return messages;
 }
 
-/// The molecules that failed and the library's warnings, as messages naming the molecule.
-void CollectFailures(const ScreenResults& results, std::vector<std::string>& failed,
-                     std::vector<std::string>& warnings) {
-    for (const MoleculeOutcome& row : results.rows) {
+/// What the screen's rows left for the summary: the molecules that failed, the library's
+/// warnings, and the rows at or above the cutoff in each ranking.
+struct RowSummary {
+    std::vector<std::string> failed;
+    std::vector<std::string> warnings;
+    std::vector<unsigned long> passing;
+    unsigned long rows = 0;
+
+    /// `ranking`: the row's ranking (0, or its query molecule with --per-query).
+    void Add(const screen::Row& row, std::size_t ranking, double cutoff) {
+        ++rows;
         const std::string where =
             row.file + ", record " + std::to_string(row.record) + " (" + OneLine(row.title) + ")";
-        if (!row.Ok()) {
+        if (!row.Ok() && failed.size() < kListedProblems + 1) {
             failed.push_back(where + ": " + row.error);
         }
+        failedCount += row.Ok() ? 0 : 1;
         for (const std::string& warning : row.warnings) {
-            warnings.push_back(where + ": " + warning);
+            if (warnings.size() < kListedProblems + 1) {
+                warnings.push_back(where + ": " + warning);
+            }
+            ++warningCount;
         }
+        if (ranking >= passing.size()) {
+            passing.resize(ranking + 1, 0);
+        }
+        passing[ranking] += row.Ok() && screen::PassesCutoff(row.rankScore, cutoff) ? 1 : 0;
     }
+
+    unsigned long failedCount = 0;
+    unsigned long warningCount = 0;
+};
+
+/// The number of query conformers, for the summary.
+std::string DescribeQueries(const screen::QuerySet& queries) {
+    if (queries.conformers.size() == 1) {
+        return DescribeSource(queries.conformers.front().source);
+    }
+    return Count(queries.titles.size(), "molecule") + ", " +
+           Count(queries.conformers.size(), "conformer");
 }
 
 /// The final summary on standard error.
-void PrintSummary(const OverlayRequest& request, const FirstMolecule& query,
-                  const ScreenResults& results, const ProblemMessages& problems, double seconds,
-                  unsigned long hitsWritten) {
-    std::cerr << "hermite overlay: query " << DescribeSource(query.conformer) << "\n";
-    const double rate = seconds > 0.0 ? results.overlays / seconds : 0.0;
-    std::cerr << "hermite overlay: " << Count(results.molecules, "molecule") << " read from "
+void PrintSummary(const OverlayRequest& request, const screen::QuerySet& queries,
+                  const screen::ScreenReport& report, const ProblemMessages& problems,
+                  const RowSummary& rows, unsigned long hitsWritten) {
+    std::cerr << "hermite overlay: query " << DescribeQueries(queries) << "\n";
+    const double rate = report.seconds > 0.0 ? report.counts.overlays / report.seconds : 0.0;
+    const double kernel =
+        report.overlaySeconds > 0.0 ? report.counts.overlays / report.overlaySeconds : 0.0;
+    std::cerr << "hermite overlay: " << Count(report.counts.molecules, "molecule") << " read from "
               << Count(request.databasePaths.size(), "file")
               << (problems.files.empty()
                       ? ""
                       : " (" + std::to_string(problems.files.size()) + " could not be read)")
-              << ", " << Count(results.overlays, "conformer") << " "
-              << (request.screen.scoreOnly ? "scored" : "overlaid") << " in "
-              << FormatFixed(seconds, 2) << " s (" << FormatFixed(rate, 1) << " overlays/s, "
-              << Count(request.screen.threads, "thread") << ")\n";
+              << ", " << Count(report.counts.conformers, "conformer") << ", "
+              << Count(report.counts.overlays, request.screen.scoreOnly ? "score" : "overlay")
+              << " in " << FormatFixed(report.seconds, 2) << " s (" << FormatFixed(rate, 1)
+              << " overlays/s, " << Count(request.screen.threads, "thread")
+              << "; overlay kernel: " << FormatFixed(kernel, 1) << " overlays/s per thread)\n";
     PrintList(Count(problems.files.size(), "file") + " could not be read:", problems.files);
     PrintList(Count(problems.records.size(), "record") + " skipped:", problems.records);
     PrintList(Count(problems.partial.size(), "record") + " partly used:", problems.partial);
-    std::vector<std::string> failed;
-    std::vector<std::string> warnings;
-    CollectFailures(results, failed, warnings);
-    PrintList(Count(failed.size(), "molecule") + " could not be overlaid:", failed);
-    PrintList(Count(warnings.size(), "warning") + ":", warnings);
+    PrintList(Count(rows.failedCount, "molecule") + " could not be overlaid:", rows.failed,
+              rows.failedCount);
+    PrintList(Count(rows.warningCount, "warning") + ":", rows.warnings, rows.warningCount);
     if (!request.hitsPath.empty()) {
         std::cerr << "hermite overlay: " << Count(hitsWritten, "hit") << " written to "
                   << request.hitsPath << "\n";
     }
     if (!request.scoresPath.empty()) {
-        std::cerr << "hermite overlay: " << Count(results.rows.size(), "row")
-                  << " of scores written to " << request.scoresPath << "\n";
+        std::cerr << "hermite overlay: " << Count(rows.rows, "row") << " of scores written to "
+                  << request.scoresPath << "\n";
     }
-}
-
-/// True when any molecule could not be overlaid.
-bool AnyFailed(const ScreenResults& results) {
-    return std::any_of(results.rows.begin(), results.rows.end(),
-                       [](const MoleculeOutcome& row) { return !row.Ok(); });
 }
 
 }  // namespace
 
 ArgumentParser OverlayParser() {
     ArgumentParser parser(
-        "overlay", "--query FILE --db FILE [FILE...] [options]",
-        "Overlays every molecule of the database files onto a query molecule by shape (and "
-        "optionally electrostatics) and ranks them. The query is the first conformer of the "
-        "first molecule of its file. Every conformer of every database molecule is overlaid "
-        "(consecutive SD records with the same title are the conformers of one molecule; "
-        "SMILES get generated conformers) and the best conformer by the rank metric is kept "
-        "(the first of equal ones).\n"
+        "overlay", "--query FILE [FILE...] --db FILE [FILE...] [options]",
+        "Overlays every molecule of the database files onto the query by shape (and optionally "
+        "electrostatics) and ranks them. The query is every conformer of every molecule of the "
+        "query files. Every conformer of every database molecule is overlaid onto every query "
+        "conformer (consecutive SD records with the same title are the conformers of one "
+        "molecule; SMILES get generated conformers) and each database molecule keeps its best "
+        "pair by the rank metric (the first of equal ones, query conformers first). With "
+        "--per-query each query molecule ranks the database on its own.\n"
         "\n"
         "Files: SD (.sdf, .sd, .mol), MOL2 (.mol2) and SMILES (.smi, .smiles), each also "
-        "gzip-compressed (.gz). Records that cannot be used are skipped with a message naming "
-        "file and record; the others go on.\n"
+        "gzip-compressed (.gz), and prepared libraries made by 'hermite prepare' (recognised by "
+        "their content; they are read in chunks without any chemistry and give the same scores "
+        "as their source files). Records that cannot be used are skipped with a message naming "
+        "file and record; the others go on. Reading, preparation and overlays run on all "
+        "worker threads; memory stays bounded whatever the size of the database.\n"
         "\n"
         "Outputs: the ranked table of the best hits on standard output; with --out the hits as "
         "SD records moved onto the query, with their titles and data items and tags "
         "hermite_rank, hermite_shape_tanimoto, hermite_hermite_tanimoto, hermite_tversky_query, "
         "hermite_tversky_fit (with electrostatics also hermite_es_tanimoto, hermite_es_carbo, "
-        "hermite_combo), hermite_conformer (1-based) and hermite_query; with --scores a "
-        "tab-separated table with one row per database molecule in input order. Files appear "
-        "complete or not at all. Outputs are the same for any number of threads.\n"
+        "hermite_combo), hermite_conformer, hermite_query and hermite_query_conformer (1-based "
+        "indices of the database conformer, the query molecule and its conformer) and "
+        "hermite_query_title; with --scores a tab-separated table with one row per database "
+        "molecule (per query molecule with --per-query) in input order, written as the screen "
+        "goes. Files appear complete or not at all. Outputs are the same for any number of "
+        "threads.\n"
         "\n"
         "Progress goes to standard error: a bar with rate and ETA on a terminal, a line every 5 "
         "seconds or 10% otherwise; then a summary (molecules read, records skipped with the "
-        "reasons, overlays per second, where the outputs went).\n"
+        "reasons, overlays per second end to end and of the overlay kernel alone, where the "
+        "outputs went).\n"
         "\n"
         "Exit status: 0 when everything was read and processed; 1 when any record or file was "
         "skipped (the results are still written); 2 for a mistake on the command line; 3 when "
         "the query cannot be read or an output cannot be written; 130 when interrupted (no "
         "output written).");
-    parser.Option("--query", "FILE", "The query molecule (its first conformer).", true)
-        .List("--db", "FILE", "Database files to screen, read in the order given.", true)
+    parser.List("--query", "FILE", "Query files: every conformer of every molecule is used.", true)
+        .List("--db", "FILE",
+              "Database files (molecule files or prepared libraries), read in the order given.",
+              true)
         .Option("--out", "FILE",
                 "Write the best hits, ranked, to this SD file, each moved onto the query.")
         .Option("--scores", "FILE",
                 "Write the scores of every database molecule to this TSV, in input order, "
                 "with the columns title, file, record and conformer (of the best conformer), "
-                "conformers, rank (empty below the cutoff), shape_tanimoto, hermite_tanimoto, "
-                "tversky_query, tversky_fit (with electrostatics also es_tanimoto, es_carbo, "
-                "combo) and status (ok, or error: and the reason). Scores have 4 decimals.")
-        .Option("--best", "N", "Hits written to --out at most (1 or more); default 100.")
+                "conformers, query and query_conformer (of the best pair, 1-based), "
+                "shape_tanimoto, hermite_tanimoto, tversky_query, tversky_fit (with "
+                "electrostatics also es_tanimoto, es_carbo, combo) and status (ok, or error: and "
+                "the reason). Scores have 4 decimals.")
+        .Option("--best", "N",
+                "Hits written to --out at most (1 or more), per query molecule with "
+                "--per-query; default 100.")
         .Option("--cutoff", "C",
-                "Only molecules with a rank score of at least C are hits and get a rank; "
-                "default 0.")
+                "Only molecules with a rank score of at least C are hits; default 0.")
         .Option("--rank-by", "METRIC",
                 "Rank metric: shape (exact shape Tanimoto, the default), combo (shape + "
                 "electrostatic Tanimoto, 0 to 2; implies --electrostatics), tversky-query or "
                 "tversky-fit (shape Tversky weighted 0.95 to the query or to the database "
                 "molecule).")
+        .Flag("--per-query",
+              "Rank the database separately for each query molecule (one row per database "
+              "molecule and query molecule, one hit list per query molecule).")
         .Option("--threads", "T",
                 "Worker threads: 0 (the default) for all cores, a negative -n for all cores but "
                 "n, a positive number for that many.");
@@ -317,54 +339,64 @@ int RunOverlay(const CommandLine& line) {
     CatchInterrupts();
 
     Outputs outputs = OpenOutputs(request);
-    const FirstMolecule query = ReadQuery(request);
-    if (query.hasMore && !request.quiet) {
-        std::cerr << "hermite overlay: note: the query file holds more than one molecule or "
-                     "conformer; using the first, "
-                  << DescribeSource(query.conformer) << "\n";
-    }
-    std::unique_ptr<overlay::Query> prepared;
-    try {
-        prepared = std::make_unique<overlay::Query>(query.conformer.Mol(), request.overlay);
-    } catch (const LibraryError& error) {
-        throw FatalError("cannot prepare the query " + DescribeSource(query.conformer) + ": " +
-                         error.what());
-    }
+    const screen::QuerySet queries = ReadQueries(request);
+    OutputContext context;
+    context.queryTitles = queries.titles;
+    context.electrostatics = request.overlay.electrostatics;
+    context.rankBy = request.screen.rankBy;
+    context.cutoff = request.screen.cutoff;
 
+    bool scoresFailed =
+        !request.scoresPath.empty() && !outputs.scores.Append(ScoreTableHeader(context));
+    RowSummary rows;
+    screen::ScreenCallbacks callbacks;
+    callbacks.row = [&](const screen::Row& row) {
+        rows.Add(row, request.screen.perQuery ? row.query : 0, request.screen.cutoff);
+        if (!request.scoresPath.empty() && !scoresFailed) {
+            scoresFailed = !outputs.scores.Append(ScoreTableLine(row, context));
+        }
+    };
     ProgressReporter progress("overlay", !request.quiet);
-    ScreenResults results;
+    callbacks.progress = [&](const screen::ScreenProgress& counts) {
+        progress.Update(counts.molecules, counts.overlays);
+    };
+    callbacks.stop = [&] { return Interrupted() || scoresFailed; };
+
+    screen::ScreenReport report;
     {
         std::unique_ptr<MoleculeCounter> counter;
         if (!request.quiet) {
             counter = std::make_unique<MoleculeCounter>(request.databasePaths, progress);
         }
         progress.Start();
-        results = Screen(*prepared, request.databasePaths, request.read, request.screen, progress);
+        screen::RunControl control;
+        report = screen::Screen(queries, screen::Database::Files(request.databasePaths),
+                                request.screen, callbacks, control);
         progress.Stop();
     }
-    const double seconds = progress.Elapsed();
-    if (results.interrupted) {
+    if (report.interrupted && !scoresFailed) {
         std::cerr << "hermite overlay: interrupted; no output written\n";
         return kExitInterrupted;
     }
-
-    OutputContext context;
-    context.queryTitle = query.conformer.Title();
-    context.electrostatics = request.overlay.electrostatics;
-    context.rankBy = request.screen.rankBy;
-    context.cutoff = request.screen.cutoff;
-    unsigned long hitsWritten = 0;
-    if (!WriteOutputs(outputs, request, results, context, &hitsWritten)) {
+    if (scoresFailed || (!request.scoresPath.empty() && !outputs.scores.Commit())) {
+        std::cerr << "hermite overlay: cannot write the scores: " << outputs.scores.Error() << "\n";
         return kExitUnusable;
     }
-    std::cout << FormatRankedTable(results, context, std::min(kTableRows, request.screen.best))
+
+    unsigned long hitsWritten = 0;
+    if (outputs.hits != nullptr && !WriteHits(*outputs.hits, report, context, &hitsWritten)) {
+        return kExitUnusable;
+    }
+    rows.passing.resize(report.hits.size(), 0);
+    std::cout << FormatRankedTable(report.hits, context, report.counts.molecules, rows.passing,
+                                   std::min(kTableRows, request.screen.best))
               << std::flush;
 
-    const ProblemMessages problems = CollectProblems(query.problems, results);
+    const ProblemMessages problems = CollectProblems(queries.problems, report.problems);
     if (!request.quiet) {
-        PrintSummary(request, query, results, problems, seconds, hitsWritten);
+        PrintSummary(request, queries, report, problems, rows, hitsWritten);
     }
-    return problems.AnySkipped() || AnyFailed(results) ? kExitSkipped : kExitOk;
+    return problems.AnySkipped() || report.failed > 0 ? kExitSkipped : kExitOk;
 }
 
 }  // namespace hermite::cli

@@ -9,8 +9,7 @@
 #include <iostream>
 
 #include "io/molecule_io.h"
-#include "io/record_source.h"
-#include "io/text_source.h"
+#include "io/prepared_library.h"
 
 namespace hermite::cli {
 
@@ -50,8 +49,11 @@ std::string FormatDuration(double seconds) {
 // =============================================================================================
 // ProgressReporter
 
-ProgressReporter::ProgressReporter(std::string label, bool enabled)
-    : label_(std::move(label)), enabled_(enabled), terminal_(::isatty(STDERR_FILENO) == 1) {}
+ProgressReporter::ProgressReporter(std::string label, bool enabled, std::string unit)
+    : label_(std::move(label)),
+      unit_(std::move(unit)),
+      enabled_(enabled),
+      terminal_(::isatty(STDERR_FILENO) == 1) {}
 
 ProgressReporter::~ProgressReporter() {
     Stop();
@@ -79,9 +81,9 @@ void ProgressReporter::Stop() {
     }
 }
 
-void ProgressReporter::Advance(unsigned long molecules, unsigned long overlays) {
-    molecules_.fetch_add(molecules);
-    overlays_.fetch_add(overlays);
+void ProgressReporter::Update(unsigned long molecules, unsigned long work) {
+    molecules_.store(molecules);
+    overlays_.store(work);
 }
 
 double ProgressReporter::Elapsed() const {
@@ -131,8 +133,8 @@ std::string ProgressReporter::Report(bool forTerminal) const {
     if (total > 0) {
         text += "/" + std::to_string(total);
     }
-    text +=
-        std::string(" molecules") + (forTerminal ? "  " : ", ") + FormatRate(rate) + " overlays/s";
+    text += std::string(" molecules") + (forTerminal ? "  " : ", ") + FormatRate(rate) + " " +
+            unit_ + "/s";
     if (total > 0 && done > 0) {
         const double left = elapsed * static_cast<double>(total - done) / done;
         text += std::string(forTerminal ? "  " : ", ") + "ETA " + FormatDuration(left);
@@ -163,26 +165,15 @@ MoleculeCounter::~MoleculeCounter() {
 }
 
 unsigned long MoleculeCounter::Count(const std::string& path) const {
-    const io::FileFormat format = io::FormatFromPath(path);
-    if (format == io::FileFormat::Unknown) {
-        return 0;
+    if (io::IsPreparedLibrary(path)) {
+        const io::PreparedLibraryReader library(path);
+        return library.Ok() ? static_cast<unsigned long>(library.NumMolecules()) : 0;
     }
-    io::TextSource text(path);
-    if (!text.Ok()) {
-        return 0;
-    }
-    const std::unique_ptr<io::RecordSource> records = io::MakeRecordSource(format, text);
-    io::RawRecord record;
-    std::string previousTitle;
+    io::RecordReader records(path);
+    io::RecordGroup group;
     unsigned long molecules = 0;
-    while (!stop_.load() && records->Next(record)) {
-        // SD conformers: consecutive records with the same non-empty title are one molecule.
-        const bool sameMolecule =
-            format == io::FileFormat::Sdf && !record.title.empty() && record.title == previousTitle;
-        if (!sameMolecule) {
-            ++molecules;
-        }
-        previousTitle = record.title;
+    while (!stop_.load() && records.Next(group)) {
+        ++molecules;
     }
     return stop_.load() ? 0 : molecules;
 }

@@ -29,8 +29,9 @@ namespace hermite::cli {
 /// thread.
 class ProgressReporter {
 public:
-    /// `label` starts every line ("overlay"); nothing is shown unless `enabled`.
-    ProgressReporter(std::string label, bool enabled);
+    /// `label` starts every line ("overlay"); `unit` names the work whose rate is shown
+    /// ("overlays"); nothing is shown unless `enabled`.
+    ProgressReporter(std::string label, bool enabled, std::string unit = "overlays");
     ~ProgressReporter();
     ProgressReporter(const ProgressReporter&) = delete;
     ProgressReporter& operator=(const ProgressReporter&) = delete;
@@ -42,8 +43,8 @@ public:
 
     /// The number of molecules in all (0: not known).
     void SetTotal(unsigned long molecules) { total_.store(molecules); }
-    /// Counts finished work.
-    void Advance(unsigned long molecules, unsigned long overlays);
+    /// The work done so far: molecules and units of work (overlays, conformers).
+    void Update(unsigned long molecules, unsigned long work);
 
     /// Seconds since `Start`.
     double Elapsed() const;
@@ -56,6 +57,7 @@ private:
     std::string Report(bool forTerminal) const;
 
     std::string label_;
+    std::string unit_;
     bool enabled_;
     bool terminal_;
     Clock::time_point start_;
@@ -70,8 +72,9 @@ private:
 };
 
 /// Counts the molecules of files in a background thread, for the progress total: SD records
-/// (consecutive records with the same non-empty title count once), MOL2 records and SMILES
-/// lines. Reads the files as text only, much faster than the chemistry.
+/// (consecutive records with the same non-empty title count once), MOL2 records, SMILES
+/// lines and the molecules of prepared libraries. Reads the files as text only, much faster
+/// than the chemistry.
 class MoleculeCounter {
 public:
     /// Starts counting `paths`; calls `reporter.SetTotal` with the sum when done. Files that

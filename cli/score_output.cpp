@@ -77,42 +77,82 @@ private:
     std::vector<std::vector<std::string>> rows_;
 };
 
-}  // namespace
-
-std::string FormatScoreTable(const ScreenResults& results, const OutputContext& context) {
-    std::string text =
-        "title\tfile\trecord\tconformer\tconformers\trank\tshape_tanimoto\thermite_tanimoto\t"
-        "tversky_query\ttversky_fit";
-    text += context.electrostatics ? "\tes_tanimoto\tes_carbo\tcombo\tstatus\n" : "\tstatus\n";
-    for (std::size_t i = 0; i < results.rows.size(); ++i) {
-        const MoleculeOutcome& row = results.rows[i];
-        const overlay::Scores& s = row.result.scores;
-        std::string line = OneLine(row.title) + "\t" + OneLine(row.file) + "\t" +
-                           std::to_string(row.record) + "\t" + std::to_string(row.conformer) +
-                           "\t" + std::to_string(row.conformers) + "\t" +
-                           (results.ranks[i] > 0 ? std::to_string(results.ranks[i]) : "");
-        if (row.Ok()) {
-            line += "\t" + Score(s.shapeTanimoto) + "\t" + Score(s.hermiteTanimoto) + "\t" +
-                    Score(s.shapeTverskyQuery) + "\t" + Score(s.shapeTverskyFit);
-            if (context.electrostatics) {
-                line += "\t" + Score(s.electrostaticTanimoto) + "\t" + Score(s.electrostaticCarbo) +
-                        "\t" + Score(s.combo);
-            }
-            line += "\tok";
-        } else {
-            line += std::string(context.electrostatics ? 7 : 4, '\t') +
-                    "\terror: " + OneLine(row.error);
-        }
-        text += line + "\n";
+/// The aligned table of the best `limit` hits of one ranking ("No hits." when there is none).
+std::string FormatHits(const std::vector<screen::Hit>& hits, const OutputContext& context,
+                       std::size_t limit) {
+    if (hits.empty() || limit == 0) {
+        return "No hits.\n";
     }
-    return text;
+    std::vector<std::string> header = {"rank",   "title",  "shape",    "hermite", "tv_query",
+                                       "tv_fit", "es_tan", "es_carbo", "combo",   "conf"};
+    if (!context.electrostatics) {
+        header.erase(header.begin() + 6, header.begin() + 9);
+    }
+    if (context.queryTitles.size() > 1) {
+        header.push_back("query");
+    }
+    std::vector<bool> leftAligned(header.size(), false);
+    leftAligned[1] = true;
+    AlignedTable table(leftAligned);
+    table.Add(header);
+    for (std::size_t i = 0; i < hits.size() && i < limit; ++i) {
+        const screen::Row& row = hits[i].row;
+        const overlay::Scores& s = row.result.scores;
+        std::vector<std::string> cells = {
+            std::to_string(hits[i].rank), Truncate(OneLine(row.title), kMaxTitleWidth),
+            Score(s.shapeTanimoto),       Score(s.hermiteTanimoto),
+            Score(s.shapeTverskyQuery),   Score(s.shapeTverskyFit)};
+        if (context.electrostatics) {
+            cells.push_back(Score(s.electrostaticTanimoto));
+            cells.push_back(Score(s.electrostaticCarbo));
+            cells.push_back(Score(s.combo));
+        }
+        cells.push_back(std::to_string(row.conformer));
+        if (context.queryTitles.size() > 1) {
+            cells.push_back(std::to_string(row.query + 1) + "." +
+                            std::to_string(row.queryConformer));
+        }
+        table.Add(cells);
+    }
+    return table.Format();
 }
 
-io::SdProperties HitTags(const MoleculeOutcome& row, std::size_t rank,
-                         const OutputContext& context) {
+}  // namespace
+
+std::string ScoreTableHeader(const OutputContext& context) {
+    std::string text =
+        "title\tfile\trecord\tconformer\tconformers\tquery\tquery_conformer\tshape_tanimoto\t"
+        "hermite_tanimoto\ttversky_query\ttversky_fit";
+    return text +
+           (context.electrostatics ? "\tes_tanimoto\tes_carbo\tcombo\tstatus\n" : "\tstatus\n");
+}
+
+std::string ScoreTableLine(const screen::Row& row, const OutputContext& context) {
+    const overlay::Scores& s = row.result.scores;
+    std::string line = OneLine(row.title) + "\t" + OneLine(row.file) + "\t" +
+                       std::to_string(row.record) + "\t" + std::to_string(row.conformer) + "\t" +
+                       std::to_string(row.conformers) + "\t" + std::to_string(row.query + 1) +
+                       "\t" + (row.Ok() ? std::to_string(row.queryConformer) : "");
+    if (row.Ok()) {
+        line += "\t" + Score(s.shapeTanimoto) + "\t" + Score(s.hermiteTanimoto) + "\t" +
+                Score(s.shapeTverskyQuery) + "\t" + Score(s.shapeTverskyFit);
+        if (context.electrostatics) {
+            line += "\t" + Score(s.electrostaticTanimoto) + "\t" + Score(s.electrostaticCarbo) +
+                    "\t" + Score(s.combo);
+        }
+        line += "\tok";
+    } else {
+        line +=
+            std::string(context.electrostatics ? 7 : 4, '\t') + "\terror: " + OneLine(row.error);
+    }
+    return line + "\n";
+}
+
+io::SdProperties HitTags(const screen::Hit& hit, const OutputContext& context) {
+    const screen::Row& row = hit.row;
     const overlay::Scores& s = row.result.scores;
     io::SdProperties tags = {
-        {"hermite_rank", std::to_string(rank)},
+        {"hermite_rank", std::to_string(hit.rank)},
         {"hermite_shape_tanimoto", Score(s.shapeTanimoto)},
         {"hermite_hermite_tanimoto", Score(s.hermiteTanimoto)},
         {"hermite_tversky_query", Score(s.shapeTverskyQuery)},
@@ -124,51 +164,27 @@ io::SdProperties HitTags(const MoleculeOutcome& row, std::size_t rank,
         tags.push_back({"hermite_combo", Score(s.combo)});
     }
     tags.push_back({"hermite_conformer", std::to_string(row.conformer)});
-    tags.push_back({"hermite_query", OneLine(context.queryTitle)});
+    tags.push_back({"hermite_query", std::to_string(row.query + 1)});
+    tags.push_back({"hermite_query_conformer", std::to_string(row.queryConformer)});
+    tags.push_back({"hermite_query_title", OneLine(context.queryTitles.at(row.query))});
     return tags;
 }
 
-std::string FormatRankedTable(const ScreenResults& results, const OutputContext& context,
-                              std::size_t limit) {
-    std::size_t passing = 0;
-    for (const std::size_t rank : results.ranks) {
-        passing += rank > 0 ? 1 : 0;
+std::string FormatRankedTable(const std::vector<std::vector<screen::Hit>>& rankings,
+                              const OutputContext& context, unsigned long molecules,
+                              const std::vector<unsigned long>& passing, std::size_t limit) {
+    std::string text;
+    for (std::size_t r = 0; r < rankings.size(); ++r) {
+        const std::string query =
+            rankings.size() == 1 && context.queryTitles.size() > 1
+                ? std::to_string(context.queryTitles.size()) + " query molecules"
+                : "Query: " + OneLine(context.queryTitles.at(r));
+        text += (r == 0 ? "" : "\n") + query + "; " + std::to_string(molecules) + " molecules, " +
+                std::to_string(passing.at(r)) + " with " + screen::RankMetricLabel(context.rankBy) +
+                " >= " + Score(context.cutoff) + "\n";
+        text += FormatHits(rankings[r], context, limit);
     }
-    std::string text = "Query: " + OneLine(context.queryTitle) + "; " +
-                       std::to_string(results.rows.size()) + " molecules, " +
-                       std::to_string(passing) + " with " + RankMetricLabel(context.rankBy) +
-                       " >= " + Score(context.cutoff) + "\n";
-    if (results.hits.empty() || limit == 0) {
-        return text + "No hits.\n";
-    }
-
-    std::vector<std::string> header = {"rank",   "title",  "shape",    "hermite", "tv_query",
-                                       "tv_fit", "es_tan", "es_carbo", "combo",   "conf"};
-    if (!context.electrostatics) {
-        header.erase(header.begin() + 6, header.begin() + 9);
-    }
-    std::vector<bool> leftAligned(header.size(), false);
-    leftAligned[1] = true;
-    AlignedTable table(leftAligned);
-    table.Add(header);
-    for (std::size_t i = 0; i < results.hits.size() && i < limit; ++i) {
-        const MoleculeOutcome& row = results.rows[results.hits[i].row];
-        const overlay::Scores& s = row.result.scores;
-        std::vector<std::string> cells = {std::to_string(results.ranks[results.hits[i].row]),
-                                          Truncate(OneLine(row.title), kMaxTitleWidth),
-                                          Score(s.shapeTanimoto),
-                                          Score(s.hermiteTanimoto),
-                                          Score(s.shapeTverskyQuery),
-                                          Score(s.shapeTverskyFit)};
-        if (context.electrostatics) {
-            cells.push_back(Score(s.electrostaticTanimoto));
-            cells.push_back(Score(s.electrostaticCarbo));
-            cells.push_back(Score(s.combo));
-        }
-        cells.push_back(std::to_string(row.conformer));
-        table.Add(cells);
-    }
-    return text + table.Format();
+    return text;
 }
 
 }  // namespace hermite::cli

@@ -8,38 +8,44 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
-#include "cli/screening.h"
 #include "io/molecule_io.h"
+#include "screen/screen.h"
 
 namespace hermite::cli {
 
 /// What the outputs need to know besides the results.
 struct OutputContext {
-    /// The query's title.
-    std::string queryTitle;
+    /// The titles of the query molecules.
+    std::vector<std::string> queryTitles;
     /// Whether the electrostatic scores were computed (their columns and tags appear only then).
     bool electrostatics = false;
-    RankMetric rankBy = RankMetric::Shape;
+    screen::RankMetric rankBy = screen::RankMetric::Shape;
     double cutoff = 0.0;
 };
 
-/// The score table: a header line, then one line per database molecule in input order, with
-/// the columns title, file, record, conformer, conformers, rank (empty below the cutoff),
-/// shape_tanimoto, hermite_tanimoto, tversky_query, tversky_fit, with electrostatics
-/// es_tanimoto, es_carbo, combo, and status ("ok" or "error: <reason>").
-std::string FormatScoreTable(const ScreenResults& results, const OutputContext& context);
+/// The header line of the score table: the columns title, file, record, conformer, conformers,
+/// query, query_conformer, shape_tanimoto, hermite_tanimoto, tversky_query, tversky_fit, with
+/// electrostatics es_tanimoto, es_carbo, combo, and status.
+std::string ScoreTableHeader(const OutputContext& context);
+
+/// One line of the score table: a database molecule (against one query molecule in per-query
+/// mode) with its best conformer (1-based), the conformers overlaid, the query molecule and
+/// query conformer of the best pair (1-based), the scores, and status ("ok" or "error: ...").
+std::string ScoreTableLine(const screen::Row& row, const OutputContext& context);
 
 /// The SD tags of a hit: hermite_rank, hermite_shape_tanimoto, hermite_hermite_tanimoto,
 /// hermite_tversky_query, hermite_tversky_fit, with electrostatics hermite_es_tanimoto,
-/// hermite_es_carbo and hermite_combo, then hermite_conformer (1-based) and hermite_query (the
-/// query's title).
-io::SdProperties HitTags(const MoleculeOutcome& row, std::size_t rank,
-                         const OutputContext& context);
+/// hermite_es_carbo and hermite_combo, then hermite_conformer, hermite_query and
+/// hermite_query_conformer (1-based indices) and hermite_query_title.
+io::SdProperties HitTags(const screen::Hit& hit, const OutputContext& context);
 
-/// The ranked table for standard output: the best `limit` hits with rank, title, scores and
-/// conformer, in aligned columns, under a line that names the query and the ranking.
-std::string FormatRankedTable(const ScreenResults& results, const OutputContext& context,
-                              std::size_t limit);
+/// The ranked table for standard output: for each ranking, a line that names the query and
+/// the ranking, then the best `limit` hits with rank, title, scores and conformer, in aligned
+/// columns. `molecules` and `passing` count the rows and those at or above the cutoff.
+std::string FormatRankedTable(const std::vector<std::vector<screen::Hit>>& rankings,
+                              const OutputContext& context, unsigned long molecules,
+                              const std::vector<unsigned long>& passing, std::size_t limit);
 
 }  // namespace hermite::cli

@@ -51,6 +51,10 @@ std::vector<double> CheckedAtomCharges(const RDKit::ROMol& molecule,
                                        const InputChargeSource& inputCharges,
                                        std::vector<std::string>& notes) {
     std::vector<double> charges;
+    if (!options.computeCharges) {
+        charges.resize(molecule.getNumAtoms(), std::numeric_limits<double>::quiet_NaN());
+        return charges;
+    }
     try {
         charges = AtomCharges(molecule, options, inputCharges);
         RequireFiniteCharges(charges, selected);
@@ -139,6 +143,32 @@ Conformer::Conformer(QVChem::QVMol mol) : mol_(std::move(mol)) {
     for (unsigned int i = 0; i < mol_.NumAtoms(); ++i) {
         recordAtomIndices_.push_back(i);
     }
+}
+
+bool HasFiniteCharges(const QVChem::QVMol& mol) {
+    for (const QVChem::QVAtom& atom : mol) {
+        if (!std::isfinite(atom.GetPartialCharge())) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string DescribeSource(const Conformer& conformer) {
+    std::string text = conformer.File().empty() ? std::string("(no file)") : conformer.File();
+    if (conformer.Record() > 0) {
+        text += ", record " + std::to_string(conformer.Record());
+    }
+    if (!conformer.Title().empty()) {
+        std::string title = conformer.Title();
+        for (char& c : title) {
+            if (c == '\n' || c == '\r' || c == '\t') {
+                c = ' ';
+            }
+        }
+        text += " (" + title + ")";
+    }
+    return text;
 }
 
 unsigned int Conformer::NumRecordAtoms() const {

@@ -24,6 +24,7 @@
 /// concurrently, except that one conformer must not be written by two writers at once.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -77,7 +78,28 @@ struct ReadOptions {
     /// charges on the atoms concerned (all atoms if none could be computed), and the cause is
     /// reported as a `Problem` with `skipped` false.
     bool chargesRequired = true;
+    /// Compute partial charges at all. When false (shape-only work) every charge is NaN and
+    /// nothing is reported about them; this saves the charge model's time.
+    bool computeCharges = true;
+    /// Minimise each embedded SMILES conformer with the MMFF94 force field (at most 200
+    /// iterations; molecules MMFF94 cannot type keep their embedded coordinates, with a note).
+    bool minimize = false;
+    /// Embedded conformers closer than this heavy-atom RMS (angstrom, after alignment) to an
+    /// earlier one are dropped by the embedder; 0 keeps them all.
+    double pruneRms = 0.0;
+    /// Seconds one SMILES may spend in conformer generation before it is skipped with a
+    /// message; 0 means no limit. Checked between the embedding attempts of RDKit, so one
+    /// attempt of a very large molecule can overrun it.
+    double conformerTimeLimit = 60.0;
+    /// When not null and set, conformer generation stops at its next check and the record is
+    /// skipped ("interrupted"); the flag must outlive the reading.
+    const std::atomic<bool>* cancel = nullptr;
 };
+
+/// The seed of the conformer embedding of the SMILES on line `record` for a run seeded with
+/// `seed`: a hash of both, so that every record gets its own random stream whatever thread or
+/// order it is parsed in. Always in 0..2^31 - 1 (RDKit's seeds are signed ints).
+unsigned int RecordSeed(unsigned int seed, unsigned int record);
 
 // =============================================================================================
 // Problems
@@ -148,6 +170,13 @@ private:
     std::shared_ptr<const RecordData> recordData_;
 };
 
+/// "file, record 3 (title)": where a conformer came from, for messages ("(no file)" for a
+/// conformer made in memory; line breaks in the title become spaces).
+std::string DescribeSource(const Conformer& conformer);
+
+/// True when every atom of `mol` has a finite partial charge.
+bool HasFiniteCharges(const QVChem::QVMol& mol);
+
 /// A molecule and its conformers: consecutive SD records with the same (non-empty) title, the
 /// embedded conformers of one SMILES, or one MOL2 record. Never empty when returned by a reader.
 struct Molecule {
@@ -166,6 +195,64 @@ enum class FileFormat { Unknown, Sdf, Mol2, Smiles };
 /// The format of a path by its extension.
 FileFormat FormatFromPath(const std::string& path);
 
+/// The text of one record, before any chemistry.
+struct RawRecord {
+    /// The record's lines, each ending in '\n' (SMILES: the SMILES alone).
+    std::string text;
+    /// The title: first line of an SD record, molecule name of a MOL2 record, name of a SMILES
+    /// line (the SMILES itself if it has no name). Surrounding white space removed.
+    std::string title;
+    /// 1-based record number (SMILES: line number).
+    unsigned int number = 0;
+};
+
+/// The records of one molecule as text: consecutive SD records with the same non-empty title,
+/// or one MOL2 record, or one SMILES line.
+struct RecordGroup {
+    /// The file as given to the reader.
+    std::string file;
+    FileFormat format = FileFormat::Unknown;
+    /// The title of the first record.
+    std::string title;
+    /// At least one record, in file order.
+    std::vector<RawRecord> records;
+};
+
+/// Splits a file into the record groups of its molecules without any chemistry: the cheap,
+/// serial part of reading. `ParseMolecule` does the chemistry, in any thread.
+class RecordReader {
+public:
+    /// Opens `path`. Never throws for bad input: a missing or unreadable file or an unknown
+    /// extension leaves `Ok()` false with the reason in `Error()`.
+    explicit RecordReader(const std::string& path);
+    ~RecordReader();
+    RecordReader(RecordReader&&) noexcept;
+    RecordReader& operator=(RecordReader&&) noexcept;
+
+    /// True when the file was opened and its format recognised.
+    bool Ok() const;
+    /// The next molecule's records; false at the end of the file or when a read error stopped
+    /// reading (then `Error()` says why, e.g. a truncated gzip stream).
+    bool Next(RecordGroup& out);
+    /// Why the file could not be opened or read to its end; empty otherwise.
+    const std::string& Error() const;
+    FileFormat Format() const;
+    /// Records read so far.
+    unsigned long RecordsRead() const;
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+/// The molecule of a record group: every usable conformer of its records (RDKit parsing and
+/// sanitisation, SMILES embedding, partial charges). Records that cannot be used are appended
+/// to `problems` (as are partial problems), in record order, and the molecule has no conformer
+/// when none could be used. Never throws for bad input. Thread-safe: groups may be parsed in
+/// any number of threads at once.
+Molecule ParseMolecule(const RecordGroup& group, const ReadOptions& options,
+                       std::vector<Problem>& problems);
+
 /// Reads molecules one at a time from a file, streaming (the file is never held in memory as a
 /// whole).
 ///
@@ -173,9 +260,10 @@ FileFormat FormatFromPath(const std::string& path);
 /// (records that are skipped still end a run of titles). MOL2: one molecule per record, parsed
 /// by RDKit's Tripos MOL2 parser. SMILES: one molecule per line, "SMILES [name]" (the name is
 /// the rest of the line; without one the SMILES is the title); empty lines and lines starting
-/// with '#' are ignored. Each SMILES is embedded with hydrogens by RDKit ETKDGv3 with the
-/// reader's seed, `smilesConformers` times; the hydrogens are removed afterwards unless
-/// requested.
+/// with '#' are ignored. Each SMILES is embedded with hydrogens by RDKit ETKDGv3,
+/// `smilesConformers` times, seeded with `RecordSeed(seed, line)` (optionally pruned and
+/// MMFF94-minimised, see `ReadOptions`); the hydrogens stay in the record, so that written
+/// conformers carry them, and belong to the density only with `ReadOptions::hydrogens`.
 ///
 /// Skipped records (see `Problem`) are reported and reading goes on: unparsable records,
 /// records without 3-D coordinates (an RDKit conformer marked 2-D, or more than 3 atoms all at

@@ -1,11 +1,11 @@
-// The molecule reader: records grouped into molecules, problems collected, counters kept.
+// Reading molecules: files split into record groups (text only), then parsed into molecules.
 
 #include <RDGeneral/RDLog.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 
-#include "io/conformer_builder.h"
 #include "io/molecule_io.h"
 #include "io/record_parsers.h"
 #include "io/record_source.h"
@@ -36,6 +36,23 @@ std::string Extension(const std::string& path) {
     return dot == std::string::npos ? std::string() : name.substr(dot + 1);
 }
 
+/// The conformers of one record, its problems appended to `problems`.
+std::vector<Conformer> ParseOneRecord(const RecordGroup& group, const RawRecord& record,
+                                      const ReadOptions& options, std::vector<Problem>& problems) {
+    try {
+        ParsedRecord parsed = ParseRecord(group.format, record, group.file, options);
+        for (const std::string& note : parsed.notes) {
+            problems.push_back({group.file, record.number, record.title, note, false});
+        }
+        return std::move(parsed.conformers);
+    } catch (const std::exception& error) {
+        problems.push_back({group.file, record.number, record.title, error.what(), true});
+    } catch (...) {
+        problems.push_back({group.file, record.number, record.title, "unexpected error", true});
+    }
+    return {};
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -64,6 +81,15 @@ const char* ChargeModelName(ChargeModel model) {
             return "input";
     }
     return "unknown";
+}
+
+unsigned int RecordSeed(unsigned int seed, unsigned int record) {
+    // splitmix64 of both numbers: neighbouring records get unrelated streams.
+    std::uint64_t z = (static_cast<std::uint64_t>(seed) << 32 | record) + 0x9e3779b97f4a7c15ull;
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
+    z ^= z >> 31;
+    return static_cast<unsigned int>(z & 0x7fffffffu);
 }
 
 FileFormat FormatFromPath(const std::string& path) {
@@ -103,136 +129,145 @@ void SetRDKitLogging(bool enabled) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// RecordReader
+
+struct RecordReader::State {
+    explicit State(const std::string& path)
+        : path(path), format(FormatFromPath(path)), text(path) {}
+
+    std::string path;
+    FileFormat format;
+    TextSource text;
+    std::unique_ptr<RecordSource> records;
+    std::string error;
+    /// The record read ahead: the first of the next group (SD grouping looks one record ahead).
+    RawRecord ahead;
+    bool hasAhead = false;
+    unsigned long recordsRead = 0;
+
+    bool ReadAhead() {
+        hasAhead = records->Next(ahead);
+        if (hasAhead) {
+            ++recordsRead;
+        } else if (!records->Error().empty()) {
+            error = records->Error();
+        }
+        return hasAhead;
+    }
+};
+
+RecordReader::RecordReader(const std::string& path) : state_(std::make_unique<State>(path)) {
+    if (!state_->text.Ok()) {
+        state_->error = state_->text.Error();
+    } else if (state_->format == FileFormat::Unknown) {
+        state_->error =
+            "unknown file extension (expected .sdf, .sd, .mol, .mol2, .smi or .smiles, "
+            "optionally followed by .gz)";
+    } else {
+        state_->records = MakeRecordSource(state_->format, state_->text);
+        state_->ReadAhead();
+    }
+}
+
+RecordReader::~RecordReader() = default;
+RecordReader::RecordReader(RecordReader&&) noexcept = default;
+RecordReader& RecordReader::operator=(RecordReader&&) noexcept = default;
+
+bool RecordReader::Ok() const {
+    return state_ != nullptr && state_->records != nullptr;
+}
+
+bool RecordReader::Next(RecordGroup& out) {
+    State& state = *state_;
+    if (!Ok() || !state.hasAhead) {
+        return false;
+    }
+    out.file = state.path;
+    out.format = state.format;
+    out.title = state.ahead.title;
+    out.records.clear();
+    out.records.push_back(std::move(state.ahead));
+    // SD records join the group while their (non-empty) title repeats; other formats give one
+    // molecule per record.
+    const bool groupByTitle = state.format == FileFormat::Sdf && !out.title.empty();
+    while (state.ReadAhead() && groupByTitle && state.ahead.title == out.title) {
+        out.records.push_back(std::move(state.ahead));
+    }
+    return true;
+}
+
+const std::string& RecordReader::Error() const {
+    return state_->error;
+}
+FileFormat RecordReader::Format() const {
+    return state_->format;
+}
+unsigned long RecordReader::RecordsRead() const {
+    return state_->recordsRead;
+}
+
+Molecule ParseMolecule(const RecordGroup& group, const ReadOptions& options,
+                       std::vector<Problem>& problems) {
+    Molecule molecule;
+    molecule.title = group.title;
+    for (const RawRecord& record : group.records) {
+        std::vector<Conformer> conformers = ParseOneRecord(group, record, options, problems);
+        std::move(conformers.begin(), conformers.end(), std::back_inserter(molecule.conformers));
+    }
+    return molecule;
+}
+
+// ---------------------------------------------------------------------------------------------
 // MoleculeReader
 
 struct MoleculeReader::State {
     State(const std::string& path, const ReadOptions& options)
-        : path(path), options(options), format(FormatFromPath(path)), text(path) {}
-
-    /// Records a problem of the whole file.
-    void FileProblem(const std::string& reason) { problems.push_back({path, 0, "", reason, true}); }
-
-    /// Reads and parses the next record into `record` and `conformers` (empty when the record
-    /// is skipped), recording its problems. False at the end of the file.
-    bool ReadRecord(RawRecord& record, std::vector<Conformer>& conformers);
-
-    /// Makes `pending` a new molecule titled like `record`; returns the previous one if it has
-    /// conformers.
-    bool StartMolecule(const RawRecord& record, std::vector<Conformer> conformers,
-                       Molecule& finished);
-
-    /// Hands `molecule` out through `out` and counts it.
-    bool Deliver(Molecule& molecule, Molecule& out);
+        : path(path), options(options), records(path) {
+        if (!records.Ok()) {
+            problems.push_back({path, 0, "", records.Error(), true});
+        }
+    }
 
     std::string path;
     ReadOptions options;
-    FileFormat format;
-    TextSource text;
-    std::unique_ptr<RecordSource> records;
+    RecordReader records;
     std::vector<Problem> problems;
-    Molecule pending;
-    bool hasPending = false;
-    bool finished = false;
-    unsigned long recordsRead = 0;
+    bool errorReported = false;
     unsigned long recordsSkipped = 0;
     unsigned long moleculesReturned = 0;
     unsigned long conformersReturned = 0;
 };
 
-bool MoleculeReader::State::ReadRecord(RawRecord& record, std::vector<Conformer>& conformers) {
-    conformers.clear();
-    if (!records->Next(record)) {
-        if (!records->Error().empty()) {
-            FileProblem(records->Error());
-        }
-        return false;
-    }
-    ++recordsRead;
-    try {
-        ParsedRecord parsed = ParseRecord(format, record, path, options);
-        conformers = std::move(parsed.conformers);
-        for (const std::string& note : parsed.notes) {
-            problems.push_back({path, record.number, record.title, note, false});
-        }
-    } catch (const std::exception& error) {
-        problems.push_back({path, record.number, record.title, error.what(), true});
-        ++recordsSkipped;
-    } catch (...) {
-        problems.push_back({path, record.number, record.title, "unexpected error", true});
-        ++recordsSkipped;
-    }
-    return true;
-}
-
-bool MoleculeReader::State::StartMolecule(const RawRecord& record,
-                                          std::vector<Conformer> conformers, Molecule& finished) {
-    const bool hadMolecule = hasPending && !pending.conformers.empty();
-    if (hadMolecule) {
-        finished = std::move(pending);
-    }
-    pending = Molecule{record.title, std::move(conformers)};
-    hasPending = true;
-    return hadMolecule;
-}
-
-bool MoleculeReader::State::Deliver(Molecule& molecule, Molecule& out) {
-    ++moleculesReturned;
-    conformersReturned += molecule.conformers.size();
-    out = std::move(molecule);
-    molecule = Molecule();
-    return true;
-}
-
 MoleculeReader::MoleculeReader(const std::string& path, const ReadOptions& options)
-    : state_(std::make_unique<State>(path, options)) {
-    if (!state_->text.Ok()) {
-        state_->FileProblem(state_->text.Error());
-    } else if (state_->format == FileFormat::Unknown) {
-        state_->FileProblem(
-            "unknown file extension (expected .sdf, .sd, .mol, .mol2, .smi or "
-            ".smiles, optionally followed by .gz)");
-    } else {
-        state_->records = MakeRecordSource(state_->format, state_->text);
-    }
-}
+    : state_(std::make_unique<State>(path, options)) {}
 
 MoleculeReader::~MoleculeReader() = default;
 MoleculeReader::MoleculeReader(MoleculeReader&&) noexcept = default;
 MoleculeReader& MoleculeReader::operator=(MoleculeReader&&) noexcept = default;
 
 bool MoleculeReader::Ok() const {
-    return state_ != nullptr && state_->records != nullptr;
+    return state_ != nullptr && state_->records.Ok();
 }
 
 bool MoleculeReader::Next(Molecule& out) {
     State& state = *state_;
-    if (!Ok() || state.finished) {
-        return false;
-    }
-    // SD records join the pending molecule while their title repeats; other formats give one
-    // molecule per record.
-    const bool groupByTitle = state.format == FileFormat::Sdf;
-    RawRecord record;
-    std::vector<Conformer> conformers;
-    Molecule finished;
-    while (state.ReadRecord(record, conformers)) {
-        const bool continuesPending = groupByTitle && state.hasPending && !record.title.empty() &&
-                                      record.title == state.pending.title;
-        if (continuesPending) {
-            std::move(conformers.begin(), conformers.end(),
-                      std::back_inserter(state.pending.conformers));
-        } else if (state.StartMolecule(record, std::move(conformers), finished)) {
-            return state.Deliver(finished, out);
-        }
-        if (!groupByTitle && !state.pending.conformers.empty()) {
-            state.hasPending = false;
-            return state.Deliver(state.pending, out);
+    RecordGroup group;
+    while (state.records.Next(group)) {
+        const std::size_t before = state.problems.size();
+        Molecule molecule = ParseMolecule(group, state.options, state.problems);
+        state.recordsSkipped += static_cast<unsigned long>(
+            std::count_if(state.problems.begin() + static_cast<std::ptrdiff_t>(before),
+                          state.problems.end(), [](const Problem& p) { return p.skipped; }));
+        if (!molecule.conformers.empty()) {
+            ++state.moleculesReturned;
+            state.conformersReturned += molecule.conformers.size();
+            out = std::move(molecule);
+            return true;
         }
     }
-    state.finished = true;
-    if (state.hasPending && !state.pending.conformers.empty()) {
-        state.hasPending = false;
-        return state.Deliver(state.pending, out);
+    if (Ok() && !state.records.Error().empty() && !state.errorReported) {
+        state.errorReported = true;
+        state.problems.push_back({state.path, 0, "", state.records.Error(), true});
     }
     return false;
 }
@@ -241,10 +276,10 @@ const std::vector<Problem>& MoleculeReader::Problems() const {
     return state_->problems;
 }
 FileFormat MoleculeReader::Format() const {
-    return state_->format;
+    return state_->records.Format();
 }
 unsigned long MoleculeReader::RecordsRead() const {
-    return state_->recordsRead;
+    return state_->records.RecordsRead();
 }
 unsigned long MoleculeReader::RecordsSkipped() const {
     return state_->recordsSkipped;

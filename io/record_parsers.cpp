@@ -1,14 +1,20 @@
-// SD, MOL2 and SMILES records through RDKit's parsers; SMILES embedded with ETKDGv3.
+// SD, MOL2 and SMILES records through RDKit's parsers; SMILES embedded with ETKDGv3 (optionally
+// minimised with MMFF94), under a time limit and a cancellation flag.
 
 #include "io/record_parsers.h"
 
+#include <ForceField/ForceField.h>
 #include <GraphMol/DistGeomHelpers/Embedder.h>
 #include <GraphMol/FileParsers/FileParsers.h>
+#include <GraphMol/ForceFieldHelpers/MMFF/AtomTyper.h>
+#include <GraphMol/ForceFieldHelpers/MMFF/Builder.h>
 #include <GraphMol/MolOps.h>
 #include <GraphMol/RWMol.h>
 #include <GraphMol/SmilesParse/SmilesParse.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <memory>
 
 #include "io/conformer_builder.h"
@@ -112,17 +118,84 @@ ParsedRecord ParseMol2Record(const RawRecord& record, const std::string& file,
                           [&parsed] { return Mol2Charges(parsed); });
 }
 
-/// Embeds `count` conformers of `molecule` (hydrogens explicit) with ETKDGv3 and `seed`;
-/// returns the ids of those that could be embedded.
-std::vector<int> EmbedConformers(RDKit::RWMol& molecule, unsigned int count, unsigned int seed) {
+/// The limits of the conformer generation running in this thread: RDKit's embedder calls
+/// `CheckEmbedding` between its attempts, and a plain function pointer cannot carry state.
+struct EmbeddingLimits {
+    const std::atomic<bool>* cancel = nullptr;
+    std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
+};
+thread_local EmbeddingLimits embeddingLimits;
+
+/// Thrown through RDKit's embedder to stop it; caught in `EmbedConformers`.
+struct EmbeddingStopped {
+    std::string reason;
+};
+
+/// Throws `EmbeddingStopped` when the run was cancelled or the record's time is up.
+void CheckEmbedding(unsigned int /*attempt*/ = 0) {
+    const EmbeddingLimits& limits = embeddingLimits;
+    if (limits.cancel != nullptr && limits.cancel->load(std::memory_order_relaxed)) {
+        throw EmbeddingStopped{"interrupted"};
+    }
+    if (std::chrono::steady_clock::now() > limits.deadline) {
+        throw EmbeddingStopped{"conformer generation took longer than the time limit"};
+    }
+}
+
+/// Sets the limits of this thread's conformer generation for the lifetime of the object.
+class EmbeddingScope {
+public:
+    explicit EmbeddingScope(const ReadOptions& options) {
+        embeddingLimits.cancel = options.cancel;
+        if (options.conformerTimeLimit > 0.0) {
+            embeddingLimits.deadline =
+                std::chrono::steady_clock::now() +
+                std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                    std::chrono::duration<double>(options.conformerTimeLimit));
+        }
+    }
+    ~EmbeddingScope() { embeddingLimits = EmbeddingLimits(); }
+    EmbeddingScope(const EmbeddingScope&) = delete;
+    EmbeddingScope& operator=(const EmbeddingScope&) = delete;
+};
+
+/// Embeds `count` conformers of `molecule` (hydrogens explicit) with ETKDGv3 and `seed`,
+/// pruned by `options.pruneRms`; returns the ids of those that could be embedded.
+std::vector<int> EmbedConformers(RDKit::RWMol& molecule, unsigned int count, unsigned int seed,
+                                 const ReadOptions& options) {
     RDKit::DGeomHelpers::EmbedParameters parameters = RDKit::DGeomHelpers::ETKDGv3;
     parameters.randomSeed = static_cast<int>(seed & 0x7fffffffu);
     parameters.numThreads = 1;
+    parameters.pruneRmsThresh = options.pruneRms > 0.0 ? options.pruneRms : -1.0;
+    parameters.callback = &CheckEmbedding;
     try {
         return RDKit::DGeomHelpers::EmbedMultipleConfs(molecule, count, parameters);
+    } catch (const EmbeddingStopped& stopped) {
+        throw RecordError(stopped.reason);
     } catch (const std::exception& error) {
         throw RecordError(std::string("3-D embedding failed: ") + error.what());
     }
+}
+
+/// Minimises every conformer of `molecule` with MMFF94 (at most 200 iterations each), checking
+/// the limits between conformers. Returns a note when MMFF94 cannot type the molecule.
+std::string MinimizeConformers(RDKit::RWMol& molecule, const std::vector<int>& conformerIds) {
+    RDKit::MMFF::MMFFMolProperties properties(molecule);
+    if (!properties.isValid()) {
+        return "not minimised: MMFF94 atom typing failed";
+    }
+    for (int conformerId : conformerIds) {
+        try {
+            CheckEmbedding();
+        } catch (const EmbeddingStopped& stopped) {
+            throw RecordError(stopped.reason);
+        }
+        std::unique_ptr<ForceFields::ForceField> field(
+            RDKit::MMFF::constructForceField(molecule, &properties, 100.0, conformerId));
+        field->initialize();
+        field->minimize(200);
+    }
+    return "";
 }
 
 ParsedRecord ParseSmilesRecord(const RawRecord& record, const std::string& file,
@@ -131,24 +204,32 @@ ParsedRecord ParseSmilesRecord(const RawRecord& record, const std::string& file,
         ParseWithRDKit([&] { return RDKit::SmilesToMol(record.text); },
                        "RDKit could not parse the SMILES '" + record.text + "'");
     RequireAtoms(*molecule);
-    if (options.charges == ChargeModel::Input && options.chargesRequired) {
+    if (options.charges == ChargeModel::Input && options.chargesRequired &&
+        options.computeCharges) {
         throw RecordError(NoSmilesCharges);  // before the costly embedding
     }
     const unsigned int wanted = std::max(1u, options.smilesConformers);
     RDKit::MolOps::addHs(*molecule);
-    const std::vector<int> embedded = EmbedConformers(*molecule, wanted, options.seed);
+    const EmbeddingScope limits(options);
+    const std::vector<int> embedded =
+        EmbedConformers(*molecule, wanted, RecordSeed(options.seed, record.number), options);
     if (embedded.empty()) {
         throw RecordError("no 3-D conformer could be embedded (RDKit ETKDG)");
     }
-    if (!options.hydrogens) {
-        RDKit::MolOps::removeHs(*molecule);
-    }
-    std::shared_ptr<const RDKit::ROMol> shared(std::move(molecule));
     ParsedRecord parsed;
+    if (options.minimize) {
+        const std::string note = MinimizeConformers(*molecule, embedded);
+        if (!note.empty()) {
+            parsed.notes.push_back(note);
+        }
+    }
+    // The hydrogens stay in the record (written hits carry them); the atom selection decides
+    // whether they belong to the density.
+    std::shared_ptr<const RDKit::ROMol> shared(std::move(molecule));
     parsed.conformers = BuildConformers(
         shared, embedded, InfoOf(record, file, {}), options,
         []() -> std::vector<double> { throw RecordError(NoSmilesCharges); }, parsed.notes);
-    if (embedded.size() < wanted) {
+    if (embedded.size() < wanted && options.pruneRms <= 0.0) {
         parsed.notes.push_back(std::to_string(wanted - embedded.size()) + " of " +
                                std::to_string(wanted) +
                                " conformers could not be embedded (RDKit ETKDG)");

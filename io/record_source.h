@@ -10,17 +10,6 @@
 
 namespace hermite::io {
 
-/// The text of one record, before any chemistry.
-struct RawRecord {
-    /// The record's lines, each ending in '\n' (SMILES: the SMILES alone).
-    std::string text;
-    /// The title: first line of an SD record, molecule name of a MOL2 record, name of a SMILES
-    /// line (the SMILES itself if it has no name). Surrounding white space removed.
-    std::string title;
-    /// 1-based record number (SMILES: line number).
-    unsigned int number = 0;
-};
-
 /// A file as a sequence of records.
 class RecordSource {
 public:

@@ -2,6 +2,7 @@
 
 #include <GraphMol/Conformer.h>
 #include <GraphMol/FileParsers/FileParsers.h>
+#include <GraphMol/MolOps.h>
 #include <GraphMol/RWMol.h>
 
 #include <stdexcept>
@@ -32,13 +33,23 @@ RDKit::RWMol AtomsOnly(const QVChem::QVMol& mol) {
     return molecule;
 }
 
-/// A copy of the conformer's record (or its atoms) with only its coordinates.
+/// A copy of the conformer's record (or its atoms) with only its coordinates. Its
+/// stereochemistry is the one of these coordinates: records read from 3-D files have it
+/// already, while conformers embedded from a SMILES that leaves a centre open get the
+/// configuration the embedding chose, so that a record is written the same whether it comes
+/// from its source or from a prepared library.
 RDKit::RWMol RecordCopy(const Conformer& conformer) {
     const Conformer::RecordData* data = ConformerAccess::Data(conformer);
     if (data == nullptr) {
         return AtomsOnly(conformer.Mol());
     }
-    return RDKit::RWMol(*data->molecule, false, data->conformerId);
+    RDKit::RWMol copy(*data->molecule, false, data->conformerId);
+    if (copy.getConformer().is3D()) {
+        copy.updatePropertyCache(false);
+        RDKit::MolOps::assignChiralTypesFrom3D(copy, copy.getConformer().getId(), true);
+        RDKit::MolOps::assignStereochemistry(copy, true, true);
+    }
+    return copy;
 }
 
 /// Moves every atom of the molecule's conformer by `pose`.

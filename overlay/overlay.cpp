@@ -283,10 +283,17 @@ void Refine(const std::vector<QVGaussian>& query, const std::vector<QVGaussian>&
 
 }  // namespace
 
-PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings) {
-    const std::vector<QVGaussian> shapeInput = QVHermiteMath::QVMolToGaussians(molecule);
-    toFrame = PrincipalFrame(shapeInput);
-    shape = Moved(shapeInput, toFrame);
+QVTrans PrincipalFrameOf(const QVMol& molecule) {
+    return PrincipalFrame(QVHermiteMath::QVMolToGaussians(molecule));
+}
+
+PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings)
+    : PreparedMolecule(molecule, settings, PrincipalFrameOf(molecule)) {}
+
+PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings,
+                                   const QVTrans& frame)
+    : toFrame(frame) {
+    shape = Moved(QVHermiteMath::QVMolToGaussians(molecule), toFrame);
     shapeSelfOverlap = QVHermiteMath::GaussianOverlap(shape, shape);
     if (settings.electrostatics) {
         electrostatic = Moved(
@@ -306,7 +313,10 @@ Query::Query(const QVMol& molecule, const Settings& settings)
 }
 
 Result Query::Overlay(const QVMol& molecule) const {
-    const PreparedMolecule fit(molecule, settings_);
+    return Overlay(PreparedMolecule(molecule, settings_));
+}
+
+Result Query::Overlay(const PreparedMolecule& fit) const {
     const Expansion query = Expansion::From(expansion_);
     const Expansion fitExpansion = Expansion::Of(fit.shape, query.order, query.lambda);
     const double tolerance = settings_.relativeTolerance * prepared_.shapeSelfOverlap;
@@ -336,7 +346,10 @@ Result Query::Overlay(const QVMol& molecule) const {
 }
 
 Result Query::Score(const QVMol& molecule) const {
-    const PreparedMolecule fit(molecule, settings_);
+    return Score(PreparedMolecule(molecule, settings_));
+}
+
+Result Query::Score(const PreparedMolecule& fit) const {
     // The fit as it lies, seen from the query's frame.
     const QVTrans pose = fit.toFrame.Inverse().Then(prepared_.toFrame);
     const Expansion query = Expansion::From(expansion_);

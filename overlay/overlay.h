@@ -94,8 +94,18 @@ struct PreparedMolecule {
     double shapeSelfOverlap = 0.0;
     double electrostaticSelfOverlap = 0.0;
 
+    /// The densities of `molecule` (at least one atom) in its principal frame, computed here.
     PreparedMolecule(const QVChem::QVMol& molecule, const Settings& settings);
+    /// The same with a principal frame computed before (by `PrincipalFrameOf` of the same
+    /// molecule, for example stored in a prepared library): the results are identical.
+    PreparedMolecule(const QVChem::QVMol& molecule, const Settings& settings,
+                     const QVChem::QVTrans& frame);
 };
+
+/// The rigid transform from input coordinates into the principal frame of the shape density
+/// of `molecule` (at least one atom): exact centroid at the origin, the axes of the exact
+/// second-moment tensor, largest moment first, along x, y, z, right-handed.
+QVChem::QVTrans PrincipalFrameOf(const QVChem::QVMol& molecule);
 
 /// A query prepared for overlays: frame, densities and expansion.
 class Query {
@@ -105,10 +115,17 @@ public:
 
     /// Overlays `fit` (at least one atom) onto the query.
     Result Overlay(const QVChem::QVMol& fit) const;
+    /// Overlays a fit prepared with the query's settings (the same result as from its molecule).
+    Result Overlay(const PreparedMolecule& fit) const;
 
     /// Scores `fit` (at least one atom) in its input pose, without moving it; the transform of
     /// the result is the identity.
     Result Score(const QVChem::QVMol& fit) const;
+    /// Scores a fit prepared with the query's settings in its input pose.
+    Result Score(const PreparedMolecule& fit) const;
+
+    /// The settings the query was prepared with; fits must be prepared with the same.
+    const Settings& GetSettings() const { return settings_; }
 
     /// The optimal single lambda of the query's expansion (1/angstrom), used for every fit.
     double GetLambda() const { return expansion_.GetOptions().GetLambda(0); }

@@ -11,6 +11,7 @@ packages=(
     gemmi-dev python3-gemmi python3-pytest
     librdkit-dev libboost-dev rdkit-data python3-rdkit openbabel zlib1g-dev
     python3-dev pybind11-dev python3-numpy
+    libhdf5-dev python3-h5py
 )
 
 missing=()

@@ -10,4 +10,8 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
 cmake --build build -j"$(nproc)"
 
 cdk2=/usr/share/RDKit/Contrib/Fastcluster/testdata/cdk2.sdf
-./build/cli/hermite overlay --query "$cdk2" --db "$cdk2" --out hits.sdf --scores scores.tsv
+# Every molecule of a query file is a query: the first ligand goes to a file of its own.
+query=$(mktemp --suffix=.sdf)
+trap 'rm -f "$query"' EXIT
+awk '{ print } /^\$\$\$\$/ { exit }' "$cdk2" >"$query"
+./build/cli/hermite overlay --query "$query" --db "$cdk2" --out hits.sdf --scores scores.tsv

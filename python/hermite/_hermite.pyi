@@ -2,6 +2,7 @@
 
 from typing import (
     Any,
+    Callable,
     Dict,
     Iterable,
     Iterator,
@@ -387,6 +388,7 @@ def screen(
     *,
     threads: int = 0,
     score_only: bool = False,
+    progress: Optional[Callable[[int, int], None]] = None,
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
     starts: int = ...,

@@ -11,6 +11,7 @@
 
 #include "common.h"
 #include "overlay/overlay.h"
+#include "screen/screen.h"
 
 namespace hermite::python {
 
@@ -215,106 +216,73 @@ std::string ResultRepr(const OverlayResultObject& r) {
 // ---------------------------------------------------------------------------------------------
 // Screening
 
-/// The number of worker threads: 0 means all cores, -n all cores but n (at least 1).
-unsigned int ThreadCount(long long requested, std::size_t jobs) {
-    const long long cores = std::max(1u, std::thread::hardware_concurrency());
-    long long threads = requested;
-    if (requested == 0) {
-        threads = cores;
-    } else if (requested < 0) {
-        threads = std::max(1LL, cores + requested);
+/// Overlays (or scores) every fit on the screening engine's worker threads, in input order.
+/// The calling thread holds no GIL while the engine runs, but takes it every 100 ms to let
+/// Python handle signals: an interrupt stops the workers after the molecules in progress and
+/// is raised. A molecule the library fails on raises `LibraryError` naming it, after the
+/// library's warnings.
+std::vector<Result> RunScreen(const screen::QuerySet& queries, const std::vector<QVMol>& fits,
+                              unsigned int threadCount, bool scoreOnly, py::handle progress) {
+    std::vector<io::Molecule> molecules;
+    molecules.reserve(fits.size());
+    for (const QVMol& fit : fits) {
+        molecules.push_back(io::Molecule{fit.GetTitle(), {io::Conformer(fit)}});
     }
-    threads = std::min<long long>(
-        {threads, 1024, static_cast<long long>(std::max<std::size_t>(jobs, 1))});
-    return static_cast<unsigned int>(threads);
-}
-
-/// Overlays (or scores) every fit on worker threads, in input order. The calling thread holds
-/// no GIL while it waits, but takes it every 100 ms to let Python handle signals: an interrupt
-/// stops the workers after the molecules in progress and is raised.
-std::vector<Result> RunScreen(const Query& query, const std::vector<QVMol>& fits,
-                              unsigned int threadCount, bool scoreOnly) {
-    Diagnostics diagnostics;
-    std::vector<Result> results(fits.size());
-    std::vector<std::exception_ptr> errors(fits.size());
-    std::atomic<std::size_t> next{0};
-    std::atomic<bool> stop{false};
-    std::mutex mutex;
-    std::condition_variable finished;
-    unsigned int running = threadCount;
-
-    std::vector<std::thread> workers;
-    const auto work = [&] {
-        {
-            ThreadRoute route(diagnostics);
-            FloatingPointScope mode;
-            for (std::size_t i = next.fetch_add(1); i < fits.size() && !stop.load();
-                 i = next.fetch_add(1)) {
-                try {
-                    results[i] = scoreOnly ? query.Score(fits[i]) : query.Overlay(fits[i]);
-                } catch (...) {
-                    errors[i] = std::current_exception();
-                    stop = true;
-                }
-            }
-        }
-        std::lock_guard<std::mutex> lock(mutex);
-        --running;
-        finished.notify_all();
+    screen::ScreenSettings settings;
+    settings.scoreOnly = scoreOnly;
+    settings.best = 0;
+    settings.threads = threadCount;
+    std::vector<screen::Row> rows;
+    rows.reserve(fits.size());
+    screen::ScreenCallbacks callbacks;
+    callbacks.row = [&rows](const screen::Row& row) { rows.push_back(row); };
+    // A signal or an exception of the progress callback stops the run; it is raised afterwards.
+    bool interrupted = false;
+    std::exception_ptr callbackError;
+    callbacks.stop = [&interrupted, &callbackError] {
+        py::gil_scoped_acquire gil;
+        interrupted = interrupted || callbackError || PyErr_CheckSignals() != 0;
+        return interrupted;
     };
-    const auto joinAll = [&] {
-        for (std::thread& worker : workers) {
-            worker.join();
-        }
-    };
-    {
-        py::gil_scoped_release release;
-        try {
-            for (unsigned int t = 0; t < threadCount; ++t) {
-                workers.emplace_back(work);
+    if (!progress.is_none()) {
+        callbacks.progress = [&progress, &callbackError](const screen::ScreenProgress& counts) {
+            py::gil_scoped_acquire gil;
+            if (callbackError) {
+                return;
             }
-        } catch (...) {
-            // No thread could be started: stop and wait for those that were, then report.
-            stop = true;
-            joinAll();
-            throw;
-        }
-    }
-    while (true) {
-        bool done = false;
-        {
-            py::gil_scoped_release release;
-            std::unique_lock<std::mutex> lock(mutex);
-            done = finished.wait_for(lock, std::chrono::milliseconds(100),
-                                     [&] { return running == 0; });
-        }
-        if (done) {
-            break;
-        }
-        if (PyErr_CheckSignals() != 0) {
-            stop = true;
-            {
-                py::gil_scoped_release release;
-                joinAll();
-            }
-            throw py::error_already_set();
-        }
-    }
-    {
-        py::gil_scoped_release release;
-        joinAll();
-    }
-    for (std::size_t i = 0; i < fits.size(); ++i) {
-        if (errors[i]) {
-            EmitWarnings(diagnostics);
             try {
-                std::rethrow_exception(errors[i]);
-            } catch (const LibraryError& error) {
-                throw LibraryError("molecules[" + std::to_string(i) + "]: " + error.what());
+                progress(counts.molecules, counts.overlays);
+            } catch (...) {
+                callbackError = std::current_exception();
             }
+        };
+    }
+    {
+        py::gil_scoped_release release;
+        screen::RunControl control;
+        screen::Screen(queries, screen::Database::Molecules(std::move(molecules)), settings,
+                       callbacks, control);
+    }
+    if (callbackError) {
+        std::rethrow_exception(callbackError);
+    }
+    if (interrupted) {
+        throw py::error_already_set();
+    }
+    Diagnostics diagnostics;
+    for (const screen::Row& row : rows) {
+        for (const std::string& warning : row.warnings) {
+            diagnostics.AddWarning(warning);
         }
     }
     EmitWarnings(diagnostics);
+    std::vector<Result> results;
+    for (const screen::Row& row : rows) {
+        if (!row.Ok()) {
+            throw LibraryError("molecules[" + std::to_string(row.position) + "]: " + row.error);
+        }
+        results.push_back(row.result);
+    }
     return results;
 }
 
@@ -331,17 +299,30 @@ std::vector<QVMol> FitMolecules(py::handle molecules) {
 }
 
 py::list ScreenResults(py::handle query, py::handle molecules, long long threads,
-                       py::handle settings, const py::kwargs& kwargs, bool scoreOnly) {
+                       py::handle settings, const py::kwargs& kwargs, bool scoreOnly,
+                       py::handle progress) {
+    if (!progress.is_none() && !PyCallable_Check(progress.ptr())) {
+        throw py::type_error("progress must be callable or None");
+    }
     const QVMol& queryMol = MoleculeArgument(query, "query");
     const Settings resolved = ResolveSettings(settings, kwargs);
     const std::vector<QVMol> fits = FitMolecules(molecules);
     if (threads < -1024 || threads > 1024) {
         throw py::value_error("threads must lie in -1024..1024, got " + std::to_string(threads));
     }
-    const unsigned int threadCount = ThreadCount(threads, fits.size());
-    std::unique_ptr<Query> prepared;
-    RunLibrary([&] { prepared = std::make_unique<Query>(queryMol, resolved); });
-    const std::vector<Result> results = RunScreen(*prepared, fits, threadCount, scoreOnly);
+    const unsigned int threadCount = std::min<unsigned int>(
+        screen::ResolveThreadCount(threads, std::thread::hardware_concurrency()),
+        static_cast<unsigned int>(
+            std::max<std::size_t>(1, std::min<std::size_t>(fits.size(), 1024))));
+    const io::Molecule queryMolecule{queryMol.GetTitle(), {io::Conformer(queryMol)}};
+    const screen::QuerySet queries = RunLibrary([&] {
+        try {
+            return screen::MakeQueries({queryMolecule}, resolved);
+        } catch (const screen::QueryError& error) {
+            throw LibraryError(error.what());
+        }
+    });
+    const std::vector<Result> results = RunScreen(queries, fits, threadCount, scoreOnly, progress);
     py::list list;
     for (std::size_t i = 0; i < results.size(); ++i) {
         list.append(MakeResult(results[i], fits[i], queryMol.GetTitle(), resolved.electrostatics));
@@ -651,6 +632,9 @@ Args:
     molecules: an iterable of hermite.Molecule.
     threads: worker threads: 0 all cores, n > 0 that many, -n all cores but n.
     score_only: score the molecules in their own poses instead of overlaying them.
+    progress: None, or a callable ``progress(molecules_done, overlays_done)`` called on the
+        calling thread about every 100 ms and once at the end; an exception it raises stops
+        the screen and is raised.
 )doc") + SettingsDoc() + R"doc(
 Returns:
     list of hermite.OverlayResult, one per molecule.
@@ -658,11 +642,12 @@ Returns:
     m.def(
         "screen",
         [](py::object query, py::object molecules, long long threads, bool scoreOnly,
-           py::object settings, py::kwargs kwargs) {
-            return ScreenResults(query, molecules, threads, settings, kwargs, scoreOnly);
+           py::object progress, py::object settings, py::kwargs kwargs) {
+            return ScreenResults(query, molecules, threads, settings, kwargs, scoreOnly, progress);
         },
         py::arg("query"), py::arg("molecules"), py::kw_only(), py::arg("threads") = 0,
-        py::arg("score_only") = false, py::arg("settings") = py::none(), screenDoc.c_str());
+        py::arg("score_only") = false, py::arg("progress") = py::none(),
+        py::arg("settings") = py::none(), screenDoc.c_str());
 }
 
 }  // namespace hermite::python

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import pickle
-from typing import Any, List
+from typing import Any, List, Tuple
 
 import numpy as np
 import pytest
@@ -120,6 +120,27 @@ def test_screen_in_input_order_and_independent_of_threads(cdk2: List[hermite.Mol
     np.testing.assert_array_equal(one.transform, single[5].transform)
     assert single[0].scores.shape_tanimoto == pytest.approx(1.0, abs=1e-6)
     assert hermite.screen(cdk2[0], [], threads=2) == []
+
+
+def test_screen_reports_progress_and_stops_on_its_exceptions(
+        cdk2: List[hermite.Molecule]) -> None:
+    calls: List[Tuple[int, int]] = []
+    results = hermite.screen(cdk2[0], cdk2 * 3, threads=2,
+                             progress=lambda done, overlays: calls.append((done, overlays)))
+    assert len(results) == 141
+    assert calls and calls[-1] == (141, 141)
+    assert all(a[0] <= b[0] for a, b in zip(calls, calls[1:]))
+
+    class Stop(Exception):
+        pass
+
+    def stop(done: int, overlays: int) -> None:
+        raise Stop(f"stopped at {done}")
+
+    with pytest.raises(Stop, match="stopped at"):
+        hermite.screen(cdk2[0], cdk2 * 20, threads=2, progress=stop)
+    with pytest.raises(TypeError, match="progress must be callable"):
+        hermite.screen(cdk2[0], cdk2[:2], progress=3)  # type: ignore[arg-type]
 
 
 def test_screen_score_only(cdk2: List[hermite.Molecule]) -> None:

@@ -8,6 +8,7 @@ import csv
 import math
 import os
 import subprocess
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -36,6 +37,18 @@ def cdk2_records():
     """The 47 SD records of the CDK2 set as text, each ending with its '$$$$' line."""
     text = CDK2.read_text()
     return [record + "$$$$\n" for record in text.split("$$$$\n") if record.strip()]
+
+
+def query_file():
+    """A file holding the first CDK2 ligand alone (every molecule of a query file is a query),
+    in a temporary directory that lives as long as the test process."""
+    directory = Path(tempfile.mkdtemp(prefix="hermite-query-"))
+    return write_sdf(directory / "query.sdf", cdk2_records()[:1])
+
+
+def ranked(rows, column="shape_tanimoto"):
+    """Score-table rows in rank order: highest score first, ties in input order."""
+    return sorted(rows, key=lambda row: -float(row[column]))
 
 
 def write_sdf(path, records):
@@ -92,3 +105,27 @@ def expansion_value(expansion, point):
     hx, hy, hz = (hermite_polynomials(order, u) for u in scaled)
     total = sum(value * hx[l] * hy[m] * hz[n] for l, m, n, value in expansion["coefficients"])
     return total * math.exp(-0.5 * sum(u * u for u in scaled))
+
+
+def retitled(record, title):
+    """An SD record with another title."""
+    return title + "\n" + record.split("\n", 1)[1]
+
+
+def sd_record_texts(path):
+    """The records of an SD file as text, each ending with its '$$$$' line."""
+    return [record + "$$$$\n" for record in Path(path).read_text().split("$$$$\n")
+            if record.strip()]
+
+
+def sd_elements(record_text):
+    """The element symbols of the atoms of a V2000 molfile record, in atom order."""
+    lines = record_text.split("\n")
+    count = int(lines[3][:3])
+    return [lines[4 + i][31:34].strip() for i in range(count)]
+
+
+def write_smiles(path, entries):
+    """Writes (smiles, title) pairs as a SMILES file, one per line, and returns its path."""
+    Path(path).write_text("".join(f"{smiles} {title}\n" for smiles, title in entries))
+    return Path(path)

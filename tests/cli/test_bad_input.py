@@ -9,7 +9,10 @@ import time
 
 import pytest
 
-from hermite_cli_support import CDK2, HERMITE, cdk2_records, read_sdf, read_tsv, run, write_sdf
+from hermite_cli_support import (CDK2, HERMITE, cdk2_records, query_file, read_sdf, read_tsv, run,
+                                 write_sdf)
+
+QUERY = query_file()
 
 GARBAGE = "garbage title\nthis is not a molfile\n\n  3  2  0  0\nM  END\n$$$$\n"
 
@@ -53,7 +56,7 @@ $$$$
 
 def overlay(tmp_path, *db, extra=()):
     """Runs an overlay of the first CDK2 ligand against `db` with scores and hits."""
-    return run("overlay", "--query", CDK2, "--db", *db, "--scores", "scores.tsv", "--out",
+    return run("overlay", "--query", QUERY, "--db", *db, "--scores", "scores.tsv", "--out",
                "hits.sdf", *extra, cwd=tmp_path)
 
 
@@ -164,7 +167,7 @@ def test_unknown_file_extension(tmp_path):
 def test_output_directory_missing(tmp_path, option):
     outputs = {"--scores": "scores.tsv", "--out": "hits.sdf", option: "nodir/file"}
     arguments = [item for pair in outputs.items() for item in pair]
-    result = run("overlay", "--query", CDK2, "--db", CDK2, *arguments, cwd=tmp_path)
+    result = run("overlay", "--query", QUERY, "--db", CDK2, *arguments, cwd=tmp_path)
     assert result.returncode == 3
     assert "nodir/file" in result.stderr
     # Nothing at all is left behind: neither outputs nor temporary files.
@@ -173,7 +176,7 @@ def test_output_directory_missing(tmp_path, option):
 
 def test_existing_outputs_survive_a_failed_run(tmp_path):
     (tmp_path / "scores.tsv").write_text("old scores\n")
-    result = run("overlay", "--query", CDK2, "--db", CDK2, "--scores", "scores.tsv", "--out",
+    result = run("overlay", "--query", QUERY, "--db", CDK2, "--scores", "scores.tsv", "--out",
                  "nodir/hits.sdf", cwd=tmp_path)
     assert result.returncode == 3
     assert (tmp_path / "scores.tsv").read_text() == "old scores\n"
@@ -183,7 +186,7 @@ def test_existing_outputs_survive_a_failed_run(tmp_path):
 def test_interrupted_run_leaves_no_file(tmp_path):
     # A database large enough to be interrupted in the middle.
     (tmp_path / "big.sdf").write_text(CDK2.read_text() * 100)
-    process = subprocess.Popen([HERMITE, "overlay", "--query", str(CDK2), "--db", "big.sdf",
+    process = subprocess.Popen([HERMITE, "overlay", "--query", str(QUERY), "--db", "big.sdf",
                                 "--scores", "scores.tsv", "--out", "hits.sdf", "--threads", "1",
                                 "--starts", "20"],
                                cwd=tmp_path, stdout=subprocess.PIPE, stderr=subprocess.PIPE,

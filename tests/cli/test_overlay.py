@@ -4,7 +4,11 @@ import math
 
 import pytest
 
-from hermite_cli_support import CDK2, cdk2_records, read_sdf, read_tsv, run, sd_coordinates
+from hermite_cli_support import (CDK2, cdk2_records, query_file, ranked, read_sdf, read_tsv, run,
+                                 sd_coordinates)
+
+# The first CDK2 ligand alone: every molecule of a query file is a query.
+QUERY = query_file()
 
 SCORE_COLUMNS = ["shape_tanimoto", "hermite_tanimoto", "tversky_query", "tversky_fit"]
 ES_COLUMNS = ["es_tanimoto", "es_carbo", "combo"]
@@ -14,7 +18,7 @@ ES_COLUMNS = ["es_tanimoto", "es_carbo", "combo"]
 def screen(tmp_path_factory):
     """One default run with hits and scores, shared by the tests of this module."""
     directory = tmp_path_factory.mktemp("screen")
-    result = run("overlay", "--query", CDK2, "--db", CDK2, "--out", "hits.sdf",
+    result = run("overlay", "--query", QUERY, "--db", CDK2, "--out", "hits.sdf",
                  "--scores", "scores.tsv", "--best", "20", "--threads", "2", cwd=directory)
     return directory, result
 
@@ -22,34 +26,29 @@ def screen(tmp_path_factory):
 def test_exit_status_and_summary(screen):
     _, result = screen
     assert result.returncode == 0, result.stderr
-    assert "47 molecules read from 1 file, 47 conformers overlaid" in result.stderr
-    assert "overlays/s" in result.stderr
+    assert "47 molecules read from 1 file, 47 conformers, 47 overlays" in result.stderr
+    assert "overlays/s" in result.stderr and "overlay kernel:" in result.stderr
     assert "20 hits written to hits.sdf" in result.stderr
     assert "47 rows of scores written to scores.tsv" in result.stderr
-    # The query file holds 47 molecules: the tool says which one is the query.
-    assert "using the first" in result.stderr and "record 1 (ZINC03814457)" in result.stderr
+    assert "query " in result.stderr and "record 1 (ZINC03814457)" in result.stderr
 
 
 def test_score_table_has_one_row_per_molecule_in_input_order(screen):
     directory, _ = screen
     rows = read_tsv(directory / "scores.tsv")
     header = (directory / "scores.tsv").read_text().split("\n")[0].split("\t")
-    assert header == ["title", "file", "record", "conformer", "conformers", "rank",
-                      *SCORE_COLUMNS, "status"]
+    assert header == ["title", "file", "record", "conformer", "conformers", "query",
+                      "query_conformer", *SCORE_COLUMNS, "status"]
     titles = [record.split("\n")[0] for record in cdk2_records()]
     assert [row["title"] for row in rows] == titles
     assert [int(row["record"]) for row in rows] == list(range(1, 48))
     for row in rows:
         assert row["status"] == "ok"
         assert row["conformer"] == "1" and row["conformers"] == "1"
+        assert row["query"] == "1" and row["query_conformer"] == "1"
         for column in SCORE_COLUMNS:
             assert len(row[column].split(".")[1]) == 4  # four decimals
         assert 0.0 <= float(row["shape_tanimoto"]) <= 1.0
-    # Ranks 1..47 (cutoff 0), consistent with the shape Tanimoto.
-    ranks = sorted(rows, key=lambda row: int(row["rank"]))
-    assert [int(row["rank"]) for row in ranks] == list(range(1, 48))
-    shapes = [float(row["shape_tanimoto"]) for row in ranks]
-    assert shapes == sorted(shapes, reverse=True)
 
 
 def test_first_hit_is_the_query_itself(screen):
@@ -59,17 +58,19 @@ def test_first_hit_is_the_query_itself(screen):
     assert title == "ZINC03814457"
     assert tags["hermite_rank"] == "1"
     assert float(tags["hermite_shape_tanimoto"]) >= 0.99
-    assert tags["hermite_query"] == "ZINC03814457"
+    assert tags["hermite_query"] == "1" and tags["hermite_query_conformer"] == "1"
+    assert tags["hermite_query_title"] == "ZINC03814457"
 
 
 def test_hits_file_holds_the_best_with_tags_and_titles(screen):
     directory, _ = screen
     hits = read_sdf(directory / "hits.sdf")
     rows = {row["title"]: row for row in read_tsv(directory / "scores.tsv")}
-    assert len(hits) == 20
+    expected = [row["title"] for row in ranked(read_tsv(directory / "scores.tsv"))][:20]
+    assert [title for title, _ in hits] == expected
     for rank, (title, tags) in enumerate(hits, start=1):
         assert title in rows
-        assert tags["hermite_rank"] == str(rank) == rows[title]["rank"]
+        assert tags["hermite_rank"] == str(rank)
         assert tags["hermite_shape_tanimoto"] == rows[title]["shape_tanimoto"]
         assert tags["hermite_hermite_tanimoto"] == rows[title]["hermite_tanimoto"]
         assert tags["hermite_tversky_query"] == rows[title]["tversky_query"]
@@ -112,7 +113,7 @@ def test_output_identical_for_any_thread_count(tmp_path):
     for threads in ["1", "2", "-1", "0"]:
         directory = tmp_path / f"t{threads}"
         directory.mkdir()
-        result = run("overlay", "--query", CDK2, "--db", CDK2, "--out", "hits.sdf", "--scores",
+        result = run("overlay", "--query", QUERY, "--db", CDK2, "--out", "hits.sdf", "--scores",
                      "scores.tsv", "--threads", threads, "--starts", "2", "--quiet",
                      cwd=directory)
         assert result.returncode == 0, result.stderr
@@ -123,15 +124,15 @@ def test_output_identical_for_any_thread_count(tmp_path):
 
 
 def test_score_only_scores_input_poses(tmp_path):
-    result = run("overlay", "--query", CDK2, "--db", CDK2, "--scores", "scores.tsv",
+    result = run("overlay", "--query", QUERY, "--db", CDK2, "--scores", "scores.tsv",
                  "--score-only", "--quiet", cwd=tmp_path)
     assert result.returncode == 0, result.stderr
     rows = read_tsv(tmp_path / "scores.tsv")
     assert len(rows) == 47
-    assert rows[0]["rank"] == "1" and rows[0]["shape_tanimoto"] == "1.0000"
+    assert rows[0]["shape_tanimoto"] == "1.0000"
     # The CDK2 ligands are docked poses, already roughly superposed: scores in place are
     # lower than after the overlay for some, and never higher by more than rounding.
-    optimised = run("overlay", "--query", CDK2, "--db", CDK2, "--scores", "opt.tsv", "--quiet",
+    optimised = run("overlay", "--query", QUERY, "--db", CDK2, "--scores", "opt.tsv", "--quiet",
                     cwd=tmp_path)
     assert optimised.returncode == 0
     best = read_tsv(tmp_path / "opt.tsv")
@@ -142,7 +143,7 @@ def test_score_only_scores_input_poses(tmp_path):
 
 
 def test_electrostatics_columns_and_tags(tmp_path):
-    result = run("overlay", "--query", CDK2, "--db", CDK2, "--electrostatics", "--scores",
+    result = run("overlay", "--query", QUERY, "--db", CDK2, "--electrostatics", "--scores",
                  "scores.tsv", "--out", "hits.sdf", "--best", "3", "--quiet", cwd=tmp_path)
     assert result.returncode == 0, result.stderr
     header = (tmp_path / "scores.tsv").read_text().split("\n")[0].split("\t")
@@ -163,26 +164,23 @@ def test_electrostatics_columns_and_tags(tmp_path):
 
 
 def test_rank_by_combo_implies_electrostatics(tmp_path):
-    result = run("overlay", "--query", CDK2, "--db", CDK2, "--rank-by", "combo", "--scores",
-                 "scores.tsv", "--quiet", cwd=tmp_path)
+    result = run("overlay", "--query", QUERY, "--db", CDK2, "--rank-by", "combo", "--scores",
+                 "scores.tsv", "--out", "hits.sdf", "--quiet", cwd=tmp_path)
     assert result.returncode == 0, result.stderr
-    rows = read_tsv(tmp_path / "scores.tsv")
-    ranked = sorted(rows, key=lambda row: int(row["rank"]))
-    combos = [float(row["combo"]) for row in ranked]
+    combos = [float(tags["hermite_combo"]) for _, tags in read_sdf(tmp_path / "hits.sdf")]
+    assert len(combos) == 47
     assert combos == sorted(combos, reverse=True)
+    assert combos[0] == max(float(row["combo"]) for row in read_tsv(tmp_path / "scores.tsv"))
     assert "combo score" in result.stdout.splitlines()[0]
 
 
 def test_cutoff_and_best(tmp_path):
-    result = run("overlay", "--query", CDK2, "--db", CDK2, "--scores", "scores.tsv", "--out",
+    result = run("overlay", "--query", QUERY, "--db", CDK2, "--scores", "scores.tsv", "--out",
                  "hits.sdf", "--cutoff", "0.8", "--best", "4", "--quiet", cwd=tmp_path)
     assert result.returncode == 0, result.stderr
     rows = read_tsv(tmp_path / "scores.tsv")
     assert len(rows) == 47
-    for row in rows:
-        passes = float(row["shape_tanimoto"]) >= 0.8
-        assert (row["rank"] != "") == passes
-    passing = sum(1 for row in rows if row["rank"])
+    passing = sum(1 for row in rows if float(row["shape_tanimoto"]) >= 0.8)
     assert passing >= 5
     assert len(read_sdf(tmp_path / "hits.sdf")) == 4
     table = result.stdout.splitlines()
@@ -191,18 +189,17 @@ def test_cutoff_and_best(tmp_path):
 
 
 def test_tversky_ranking(tmp_path):
-    result = run("overlay", "--query", CDK2, "--db", CDK2, "--scores", "scores.tsv",
+    result = run("overlay", "--query", QUERY, "--db", CDK2, "--out", "hits.sdf",
                  "--rank-by", "tversky-fit", "--quiet", cwd=tmp_path)
     assert result.returncode == 0
-    ranked = sorted(read_tsv(tmp_path / "scores.tsv"), key=lambda row: int(row["rank"]))
-    values = [float(row["tversky_fit"]) for row in ranked]
-    assert values == sorted(values, reverse=True)
+    values = [float(tags["hermite_tversky_fit"]) for _, tags in read_sdf(tmp_path / "hits.sdf")]
+    assert len(values) == 47 and values == sorted(values, reverse=True)
 
 
 def test_smiles_database_gets_conformers(tmp_path):
     smiles = tmp_path / "db.smi"
     smiles.write_text("c1ccccc1C(=O)O benzoic_acid\nCCO ethanol\n")
-    result = run("overlay", "--query", CDK2, "--db", smiles, "--scores", "scores.tsv",
+    result = run("overlay", "--query", QUERY, "--db", smiles, "--scores", "scores.tsv",
                  "--out", "hits.sdf", "--conformers", "3", "--seed", "7", "--quiet",
                  cwd=tmp_path)
     assert result.returncode == 0, result.stderr
@@ -228,7 +225,7 @@ def test_best_conformer_is_kept(tmp_path):
     db.write_text(retitled(records[1], "multi") + retitled(records[0], "multi") +
                   retitled(records[2], "multi") + retitled(records[0], "twin") +
                   retitled(records[0], "twin"))
-    result = run("overlay", "--query", CDK2, "--db", db, "--scores", "scores.tsv", "--out",
+    result = run("overlay", "--query", QUERY, "--db", db, "--scores", "scores.tsv", "--out",
                  "hits.sdf", "--quiet", cwd=tmp_path)
     assert result.returncode == 0, result.stderr
     rows = read_tsv(tmp_path / "scores.tsv")

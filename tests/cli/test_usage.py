@@ -92,8 +92,6 @@ def test_order_above_range():
      "--rank-by must be shape, combo, tversky-query or tversky-fit, got volume"),
     (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--charges", "eem"],
      "--charges must be gasteiger, mmff or input, got eem"),
-    (["overlay", "--query", "x.sdf", "--query", "y.sdf", "--db", "y.sdf"],
-     "--query given more than once"),
     (["grid", "m.sdf", "--out", "m.ccp4"], "missing required option --spacing"),
     (["grid", "m.sdf", "--spacing", "0", "--out", "m.ccp4"], "--spacing must be a number"),
     (["grid", "m.sdf", "--spacing", "-0.5", "--out", "m.ccp4"], "--spacing must be a number"),

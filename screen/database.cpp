@@ -1,0 +1,267 @@
+// Reading database inputs without chemistry, and preparing their molecules in the workers.
+
+#include "screen/database.h"
+
+#include <cctype>
+#include <cmath>
+#include <utility>
+
+namespace hermite::screen {
+
+namespace {
+
+/// A problem of a whole file; `reason` may start with the file's name, which is not repeated.
+io::Problem FileProblem(const std::string& path, const std::string& reason) {
+    const std::string prefix = path + ": ";
+    const bool named = reason.compare(0, prefix.size(), prefix) == 0;
+    return io::Problem{path, 0, "", named ? reason.substr(prefix.size()) : reason, true};
+}
+
+/// True when `path` ends in .h5 or .hdf5 (any case): meant as a prepared library.
+bool NamedLikeALibrary(const std::string& path) {
+    std::string lower;
+    for (char c : path.substr(
+             path.find_last_of('.') == std::string::npos ? path.size() : path.find_last_of('.'))) {
+        lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return lower == ".h5" || lower == ".hdf5";
+}
+
+/// Why a prepared library cannot serve a run with `requirements`; empty when it can.
+std::string LibraryMismatch(const io::LibraryPreparation& preparation,
+                            const DatabaseRequirements& requirements) {
+    if (preparation.hydrogens != requirements.hydrogens) {
+        return preparation.hydrogens
+                   ? "the library was prepared with hydrogens; add --hydrogens"
+                   : "the library was prepared without hydrogens; prepare it with --hydrogens";
+    }
+    if (!requirements.charges) {
+        return "";
+    }
+    const std::string wanted = io::ChargeModelName(requirements.chargeModel);
+    if (preparation.charges == "none") {
+        return "the library has no partial charges (it was prepared with --no-charges)";
+    }
+    if (preparation.charges != wanted) {
+        return "the library's partial charges are " + preparation.charges + ", not " + wanted +
+               "; use --charges " + preparation.charges + " or prepare it with --charges " + wanted;
+    }
+    return "";
+}
+
+/// Reads files one after the other: molecule files as record groups, prepared libraries in
+/// chunks of molecules.
+class FileReader : public Database::Reader {
+public:
+    FileReader(std::vector<std::string> paths, const DatabaseRequirements& requirements,
+               std::size_t chunk)
+        : paths_(std::move(paths)), requirements_(requirements), chunk_(chunk) {}
+
+    bool Next(SourceMolecule& out) override {
+        out = SourceMolecule();
+        while (true) {
+            if (records_ != nullptr && NextRecordGroup(out)) {
+                return true;
+            }
+            if (library_ != nullptr && NextLibraryMolecule(out)) {
+                return true;
+            }
+            if (records_ == nullptr && library_ == nullptr && !OpenNext(out)) {
+                // Only problems left to report, at the end.
+                return !out.problems.empty();
+            }
+        }
+    }
+
+private:
+    bool NextRecordGroup(SourceMolecule& out) {
+        if (records_->Next(out.records)) {
+            out.kind = SourceMolecule::Kind::Records;
+            return true;
+        }
+        if (!records_->Error().empty()) {
+            out.problems.push_back(FileProblem(paths_[current_], records_->Error()));
+        }
+        records_.reset();
+        return false;
+    }
+
+    bool NextLibraryMolecule(SourceMolecule& out) {
+        if (buffered_ == buffer_.size()) {
+            buffer_.clear();
+            buffered_ = 0;
+            if (nextMolecule_ >= library_->NumMolecules() ||
+                !library_->Read(nextMolecule_, chunk_, buffer_)) {
+                if (nextMolecule_ < library_->NumMolecules()) {
+                    out.problems.push_back(FileProblem(paths_[current_], library_->Error()));
+                }
+                library_.reset();
+                return false;
+            }
+            nextMolecule_ += buffer_.size();
+        }
+        out.kind = SourceMolecule::Kind::Library;
+        out.prepared = std::move(buffer_[buffered_++]);
+        out.library = current_;
+        return true;
+    }
+
+    /// Opens the next file; false when there is none. Files that cannot be used add a problem
+    /// to `out` and are passed over.
+    bool OpenNext(SourceMolecule& out) {
+        while (next_ < paths_.size()) {
+            current_ = next_++;
+            const std::string& path = paths_[current_];
+            if (io::IsPreparedLibrary(path)) {
+                auto library = std::make_unique<io::PreparedLibraryReader>(path);
+                std::string mismatch = library->Ok()
+                                           ? LibraryMismatch(library->Preparation(), requirements_)
+                                           : library->Error();
+                if (mismatch.empty()) {
+                    library_ = std::move(library);
+                    nextMolecule_ = 0;
+                    return true;
+                }
+                out.problems.push_back(FileProblem(path, mismatch));
+                continue;
+            }
+            auto records = std::make_unique<io::RecordReader>(path);
+            if (records->Ok()) {
+                records_ = std::move(records);
+                return true;
+            }
+            out.problems.push_back(FileProblem(
+                path, NamedLikeALibrary(path) && io::FormatFromPath(path) == io::FileFormat::Unknown
+                          ? "not a prepared library (no HDF5 signature) and not a molecule file"
+                          : records->Error()));
+        }
+        return false;
+    }
+
+    std::vector<std::string> paths_;
+    DatabaseRequirements requirements_;
+    std::size_t chunk_;
+    std::size_t next_ = 0;
+    std::size_t current_ = 0;
+    std::unique_ptr<io::RecordReader> records_;
+    std::unique_ptr<io::PreparedLibraryReader> library_;
+    std::size_t nextMolecule_ = 0;
+    std::vector<io::LibraryMolecule> buffer_;
+    std::size_t buffered_ = 0;
+};
+
+/// Hands out molecules given in memory.
+class MemoryReader : public Database::Reader {
+public:
+    explicit MemoryReader(std::vector<io::Molecule> molecules) : molecules_(std::move(molecules)) {}
+
+    bool Next(SourceMolecule& out) override {
+        if (next_ == molecules_.size()) {
+            return false;
+        }
+        out = SourceMolecule();
+        out.kind = SourceMolecule::Kind::Parsed;
+        out.parsed = std::move(molecules_[next_++]);
+        return true;
+    }
+
+private:
+    std::vector<io::Molecule> molecules_;
+    std::size_t next_ = 0;
+};
+
+/// False, with a problem recorded, for a conformer whose charges are needed but not finite
+/// (Gasteiger charges of metals can be NaN).
+bool UsableCharges(const QVChem::QVMol& mol, const std::string& file, unsigned int record,
+                   const io::ReadOptions& read, std::vector<io::Problem>& problems) {
+    if (io::HasFiniteCharges(mol)) {
+        return true;
+    }
+    problems.push_back({file, record, mol.GetTitle(),
+                        std::string("partial charges (") + io::ChargeModelName(read.charges) +
+                            ") are not finite numbers; the electrostatic density needs them",
+                        true});
+    return false;
+}
+
+/// Adds the conformers of a parsed molecule.
+void AddParsedFits(io::Molecule& molecule, const io::ReadOptions& read,
+                   const overlay::Settings& overlay, bool needCharges, PreparedEntry& entry) {
+    for (io::Conformer& conformer : molecule.conformers) {
+        if (conformer.Mol().NumAtoms() == 0 ||
+            (needCharges && !UsableCharges(conformer.Mol(), conformer.File(), conformer.Record(),
+                                           read, entry.problems))) {
+            continue;
+        }
+        overlay::PreparedMolecule prepared(conformer.Mol(), overlay);
+        const std::string file = conformer.File();
+        const unsigned int record = conformer.Record();
+        entry.fits.push_back(
+            Fit{std::move(conformer), file, record, std::move(prepared), kNoIndex});
+    }
+}
+
+/// Adds the conformers of a prepared-library molecule, with their stored frames.
+void AddLibraryFits(io::LibraryMolecule& molecule, const io::ReadOptions& read,
+                    const overlay::Settings& overlay, bool needCharges, PreparedEntry& entry) {
+    for (io::LibraryConformer& stored : molecule.conformers) {
+        if (needCharges &&
+            !UsableCharges(stored.mol, stored.file, stored.record, read, entry.problems)) {
+            continue;
+        }
+        overlay::PreparedMolecule prepared(stored.mol, overlay, stored.frame);
+        entry.fits.push_back(Fit{io::Conformer(std::move(stored.mol)), std::move(stored.file),
+                                 stored.record, std::move(prepared), stored.index});
+    }
+}
+
+}  // namespace
+
+Database Database::Files(std::vector<std::string> paths) {
+    Database database;
+    database.paths_ = std::move(paths);
+    return database;
+}
+
+Database Database::Molecules(std::vector<io::Molecule> molecules) {
+    Database database;
+    database.molecules_ = std::move(molecules);
+    return database;
+}
+
+std::unique_ptr<Database::Reader> Database::Open(const DatabaseRequirements& requirements,
+                                                 std::size_t libraryChunk) {
+    if (!molecules_.empty()) {
+        return std::make_unique<MemoryReader>(std::move(molecules_));
+    }
+    return std::make_unique<FileReader>(paths_, requirements,
+                                        std::max<std::size_t>(1, libraryChunk));
+}
+
+PreparedEntry PrepareEntry(SourceMolecule& source, const io::ReadOptions& read,
+                           const overlay::Settings& overlay, bool needCharges) {
+    PreparedEntry entry;
+    entry.problems = std::move(source.problems);
+    switch (source.kind) {
+        case SourceMolecule::Kind::ProblemsOnly:
+            break;
+        case SourceMolecule::Kind::Records: {
+            io::Molecule molecule = io::ParseMolecule(source.records, read, entry.problems);
+            entry.title = source.records.title;
+            AddParsedFits(molecule, read, overlay, needCharges, entry);
+            break;
+        }
+        case SourceMolecule::Kind::Library:
+            entry.title = source.prepared.title;
+            entry.library = source.library;
+            AddLibraryFits(source.prepared, read, overlay, needCharges, entry);
+            break;
+        case SourceMolecule::Kind::Parsed:
+            entry.title = source.parsed.title;
+            AddParsedFits(source.parsed, read, overlay, needCharges, entry);
+            break;
+    }
+    return entry;
+}
+
+}  // namespace hermite::screen

@@ -1,0 +1,62 @@
+/// \file
+/// Preparing a library: every conformer of the input files parsed, its charges computed and
+/// its principal frame found, on all worker threads, and written in input order to a prepared
+/// library (see `io/prepared_library.h`), with memory bounded by the queue sizes.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "io/molecule_io.h"
+#include "io/prepared_library.h"
+#include "screen/pipeline.h"
+
+namespace hermite::screen {
+
+/// How a library is prepared.
+struct PrepareSettings {
+    /// How the inputs are read: atom selection, charge model, conformer generation. Charges
+    /// that cannot be computed (metals) are kept as NaN with a note; such conformers can serve
+    /// shape screens only.
+    io::ReadOptions read;
+    /// Compute partial charges (needed by electrostatic screens).
+    bool charges = true;
+    unsigned int threads = 1;
+    std::size_t queueCapacity = 0;
+};
+
+/// Counts of a running preparation.
+struct PrepareProgress {
+    unsigned long molecules = 0;
+    unsigned long conformers = 0;
+};
+
+/// What the caller hears while a library is prepared; every member may be empty.
+struct PrepareCallbacks {
+    std::function<void(const PrepareProgress&)> progress;
+    std::function<bool()> stop;
+};
+
+/// What a preparation did.
+struct PrepareReport {
+    PrepareProgress counts;
+    /// Files and records that could not be used, and partial problems, in reading order.
+    std::vector<io::Problem> problems;
+    std::size_t peakInFlight = 0;
+    double seconds = 0.0;
+    bool interrupted = false;
+    /// Why writing the library failed; empty when it did not. The writer is not committed.
+    std::string writeError;
+};
+
+/// The library's record of how it was prepared.
+io::LibraryPreparation PreparationOf(const PrepareSettings& settings);
+
+/// Reads `inputs` (molecule files) and adds every usable molecule to `writer`, in input order.
+/// The caller commits the writer.
+PrepareReport PrepareLibrary(const std::vector<std::string>& inputs,
+                             io::PreparedLibraryWriter& writer, const PrepareSettings& settings,
+                             const PrepareCallbacks& callbacks, RunControl& control);
+
+}  // namespace hermite::screen

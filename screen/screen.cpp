@@ -1,0 +1,343 @@
+// The screening engine: queries, the overlay stage, and ranking in input order.
+
+#include "screen/screen.h"
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <map>
+#include <utility>
+
+#include "screen/library_messages.h"
+
+namespace hermite::screen {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// A database molecule prepared and overlaid, on its way to the ranking. Only what the
+/// ranking needs travels: the rows, and the conformers of the rows that may still be hits. The
+/// rest (RDKit molecules, densities) is freed by the worker that made it, which keeps the
+/// consumer's thread light and the memory in flight small.
+struct Outcome {
+    std::vector<io::Problem> problems;
+    /// One row per ranking; empty when the molecule has no usable conformer.
+    std::vector<Row> rows;
+    /// For each row, its best conformer when the row may be a hit (`Hit::conformer` and
+    /// `Hit::library...` filled), else a hit with an empty conformer and `score` NaN.
+    std::vector<Hit> candidates;
+    unsigned long conformers = 0;
+    unsigned long overlays = 0;
+    Clock::duration overlayTime{};
+};
+
+/// The score a row must beat to enter each ranking's hit list, published by the consumer and
+/// read by the workers. It only grows, so a worker that sees an old value keeps too much,
+/// never too little.
+class Thresholds {
+public:
+    explicit Thresholds(std::size_t rankings) : values_(rankings) {
+        for (std::atomic<double>& value : values_) {
+            value.store(-INFINITY);
+        }
+    }
+    double Get(std::size_t ranking) const { return values_[ranking].load(); }
+    void Set(std::size_t ranking, double value) { values_[ranking].store(value); }
+
+private:
+    std::vector<std::atomic<double>> values_;
+};
+
+/// Overlays every conformer of `entry` onto every query conformer and keeps the best pair of
+/// each ranking in `outcome.rows`; `bestFit` gets the index of each row's best conformer.
+void OverlayEntry(const QuerySet& queries, const ScreenSettings& settings,
+                  const PreparedEntry& entry, Outcome& outcome, std::vector<std::size_t>& bestFit) {
+    const std::vector<Fit>& fits = entry.fits;
+    if (fits.empty()) {
+        return;
+    }
+    const std::size_t rankings = settings.perQuery ? queries.titles.size() : 1;
+    outcome.rows.assign(rankings, Row());
+    bestFit.assign(rankings, 0);
+    // used[r][i]: conformer i was overlaid in ranking r.
+    std::vector<std::vector<bool>> used(rankings, std::vector<bool>(fits.size(), false));
+    std::vector<std::string> firstError(rankings);
+    const Clock::time_point start = Clock::now();
+    for (const QueryConformer& query : queries.conformers) {
+        const std::size_t r = settings.perQuery ? query.molecule : 0;
+        Row& row = outcome.rows[r];
+        for (std::size_t i = 0; i < fits.size(); ++i) {
+            overlay::Result result;
+            try {
+                MessageCapture capture(row.warnings);
+                result = settings.scoreOnly ? query.query->Score(fits[i].prepared)
+                                            : query.query->Overlay(fits[i].prepared);
+            } catch (const std::exception& error) {
+                // One failing conformer does not lose the others.
+                const std::string message = "conformer " + std::to_string(i + 1) +
+                                            " could not be overlaid: " + error.what();
+                row.warnings.push_back(message);
+                if (firstError[r].empty()) {
+                    firstError[r] = message;
+                }
+                continue;
+            }
+            ++outcome.overlays;
+            used[r][i] = true;
+            const double score = RankScore(settings.rankBy, result.scores);
+            if (row.conformer == 0 || RanksBefore(score, row.rankScore)) {
+                row.conformer = static_cast<unsigned int>(i + 1);
+                row.query = query.molecule;
+                row.queryConformer = query.conformer;
+                row.result = result;
+                row.rankScore = score;
+                bestFit[r] = i;
+            }
+        }
+    }
+    outcome.overlayTime = Clock::now() - start;
+    outcome.conformers = static_cast<unsigned long>(fits.size());
+    for (std::size_t r = 0; r < rankings; ++r) {
+        Row& row = outcome.rows[r];
+        row.title = entry.title;
+        row.conformers = 0;
+        for (bool u : used[r]) {
+            row.conformers += u ? 1u : 0u;
+        }
+        const Fit& fit = fits[bestFit[r]];
+        row.file = fit.file;
+        row.record = fit.record;
+        if (row.conformer == 0) {
+            row.query = settings.perQuery ? r : 0;
+            row.rankScore = NAN;
+            row.error = firstError[r].empty() ? "no conformer could be overlaid" : firstError[r];
+        }
+    }
+}
+
+/// Keeps, for each row that may still enter its hit list, the conformer to write.
+void KeepCandidates(const ScreenSettings& settings, const Thresholds& thresholds,
+                    const PreparedEntry& entry, const std::vector<std::size_t>& bestFit,
+                    Outcome& outcome) {
+    outcome.candidates.assign(outcome.rows.size(), Hit());
+    for (std::size_t r = 0; r < outcome.rows.size(); ++r) {
+        const Row& row = outcome.rows[r];
+        Hit& candidate = outcome.candidates[r];
+        candidate.score = NAN;
+        // A newcomer must beat the last hit: a tie loses, as it comes later in input order.
+        if (!row.Ok() || !PassesCutoff(row.rankScore, settings.cutoff) ||
+            !(row.rankScore > thresholds.Get(r))) {
+            continue;
+        }
+        const Fit& fit = entry.fits[bestFit[r]];
+        candidate.conformer = fit.conformer;
+        candidate.score = row.rankScore;
+        candidate.library = entry.library;
+        candidate.libraryConformer = fit.libraryConformer;
+    }
+}
+
+/// Loads the records of the hits that came from prepared libraries; hits that cannot be loaded
+/// are dropped with a problem.
+void LoadLibraryHits(const std::vector<std::string>& paths, ScreenReport& report) {
+    std::map<std::size_t, std::unique_ptr<io::PreparedLibraryReader>> libraries;
+    for (std::vector<Hit>& hits : report.hits) {
+        std::vector<Hit> loaded;
+        for (Hit& hit : hits) {
+            if (hit.library == kNoIndex) {
+                loaded.push_back(std::move(hit));
+                continue;
+            }
+            std::unique_ptr<io::PreparedLibraryReader>& library = libraries[hit.library];
+            if (library == nullptr) {
+                library = std::make_unique<io::PreparedLibraryReader>(paths[hit.library]);
+            }
+            io::Conformer conformer;
+            if (library->Ok() && library->LoadConformer(hit.libraryConformer, conformer)) {
+                hit.conformer = std::move(conformer);
+                loaded.push_back(std::move(hit));
+            } else {
+                report.problems.push_back(
+                    {paths[hit.library], 0, hit.row.title,
+                     "the hit's record could not be loaded: " + library->Error(), true});
+            }
+        }
+        hits = std::move(loaded);
+    }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Queries
+
+QuerySet MakeQueries(const std::vector<io::Molecule>& molecules,
+                     const overlay::Settings& settings) {
+    QuerySet queries;
+    for (std::size_t m = 0; m < molecules.size(); ++m) {
+        queries.titles.push_back(molecules[m].title);
+        const std::vector<io::Conformer>& conformers = molecules[m].conformers;
+        for (std::size_t k = 0; k < conformers.size(); ++k) {
+            const io::Conformer& conformer = conformers[k];
+            if (settings.electrostatics && !io::HasFiniteCharges(conformer.Mol())) {
+                throw QueryError("cannot use the query " + io::DescribeSource(conformer) +
+                                 ": its partial charges are not finite numbers; the "
+                                 "electrostatic density needs them");
+            }
+            QueryConformer query;
+            query.molecule = m;
+            query.conformer = static_cast<unsigned int>(k + 1);
+            query.source = conformer;
+            std::vector<std::string> warnings;
+            try {
+                MessageCapture capture(warnings);
+                query.query = std::make_shared<const overlay::Query>(conformer.Mol(), settings);
+            } catch (const std::exception& error) {
+                throw QueryError("cannot prepare the query " + io::DescribeSource(conformer) +
+                                 ": " + error.what());
+            }
+            for (const std::string& warning : warnings) {
+                queries.problems.push_back(
+                    {conformer.File(), conformer.Record(), conformer.Title(), warning, false});
+            }
+            queries.conformers.push_back(std::move(query));
+        }
+    }
+    if (queries.conformers.empty()) {
+        throw QueryError("no query molecule");
+    }
+    return queries;
+}
+
+QuerySet ReadQueries(const std::vector<std::string>& paths, const io::ReadOptions& read,
+                     const overlay::Settings& settings) {
+    io::ReadOptions options = read;
+    options.computeCharges = settings.electrostatics;
+    options.chargesRequired = settings.electrostatics;
+    std::vector<io::Molecule> molecules;
+    std::vector<io::Problem> problems;
+    for (const std::string& path : paths) {
+        io::MoleculeReader reader(path, options);
+        const std::size_t before = molecules.size();
+        io::Molecule molecule;
+        while (reader.Next(molecule)) {
+            molecules.push_back(std::move(molecule));
+        }
+        problems.insert(problems.end(), reader.Problems().begin(), reader.Problems().end());
+        if (!reader.Ok()) {
+            throw QueryError(reader.Problems().front().Message());
+        }
+        if (molecules.size() == before) {
+            std::string message = path + ": no usable query molecule";
+            for (const io::Problem& problem : reader.Problems()) {
+                message += "\n  " + problem.Message();
+            }
+            throw QueryError(message);
+        }
+    }
+    QuerySet queries = MakeQueries(molecules, settings);
+    problems.insert(problems.end(), queries.problems.begin(), queries.problems.end());
+    queries.problems = std::move(problems);
+    return queries;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Screening
+
+ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSettings& settings,
+                    const ScreenCallbacks& callbacks, RunControl& control) {
+    const Clock::time_point start = Clock::now();
+    const overlay::Settings& overlaySettings = queries.conformers.front().query->GetSettings();
+    io::ReadOptions read = settings.read;
+    read.computeCharges = overlaySettings.electrostatics;
+    read.chargesRequired = overlaySettings.electrostatics;
+    read.cancel = &control.Flag();
+
+    DatabaseRequirements requirements;
+    requirements.hydrogens = read.hydrogens;
+    requirements.charges = overlaySettings.electrostatics;
+    requirements.chargeModel = read.charges;
+    std::unique_ptr<Database::Reader> reader = database.Open(requirements);
+
+    const std::size_t rankings = settings.perQuery ? queries.titles.size() : 1;
+    std::vector<BestList<Hit>> lists(rankings, BestList<Hit>(settings.best));
+    Thresholds thresholds(rankings);
+    ScreenReport report;
+    Clock::duration overlayTime{};
+    std::size_t position = 0;
+
+    const std::function<bool(SourceMolecule&)> produce = [&](SourceMolecule& source) {
+        return reader->Next(source);
+    };
+    const std::function<Outcome(SourceMolecule&)> work = [&](SourceMolecule& source) {
+        PreparedEntry entry =
+            PrepareEntry(source, read, overlaySettings, overlaySettings.electrostatics);
+        Outcome outcome;
+        std::vector<std::size_t> bestFit;
+        OverlayEntry(queries, settings, entry, outcome, bestFit);
+        KeepCandidates(settings, thresholds, entry, bestFit, outcome);
+        outcome.problems = std::move(entry.problems);
+        return outcome;
+    };
+    const std::function<void(Outcome&)> consume = [&](Outcome& outcome) {
+        report.problems.insert(report.problems.end(), outcome.problems.begin(),
+                               outcome.problems.end());
+        if (outcome.rows.empty()) {
+            return;
+        }
+        ++report.counts.molecules;
+        report.counts.conformers += outcome.conformers;
+        report.counts.overlays += outcome.overlays;
+        overlayTime += outcome.overlayTime;
+        for (std::size_t r = 0; r < outcome.rows.size(); ++r) {
+            Row& row = outcome.rows[r];
+            row.position = position;
+            if (callbacks.row) {
+                callbacks.row(row);
+            }
+            report.failed += row.Ok() ? 0 : 1;
+            Hit& candidate = outcome.candidates[r];
+            if (std::isnan(candidate.score)) {
+                continue;
+            }
+            candidate.row = std::move(row);
+            candidate.position = position;
+            lists[r].Offer(std::move(candidate));
+            thresholds.Set(r, lists[r].Threshold());
+        }
+        ++position;
+    };
+    const std::function<void()> poll = [&] {
+        if (callbacks.stop && callbacks.stop()) {
+            control.Cancel();
+        }
+        if (callbacks.progress) {
+            callbacks.progress(report.counts);
+        }
+    };
+
+    PipelineOptions options;
+    options.workers = settings.threads;
+    options.queueCapacity = settings.queueCapacity;
+    const PipelineStatistics statistics =
+        RunOrderedPipeline<SourceMolecule, Outcome>(options, control, produce, work, consume, poll);
+
+    report.interrupted = statistics.cancelled;
+    report.peakInFlight = statistics.peakInFlight;
+    report.overlaySeconds = std::chrono::duration<double>(overlayTime).count();
+    for (BestList<Hit>& list : lists) {
+        std::vector<Hit> hits = list.Sorted();
+        for (std::size_t i = 0; i < hits.size(); ++i) {
+            hits[i].rank = i + 1;
+        }
+        report.hits.push_back(std::move(hits));
+    }
+    if (!report.interrupted) {
+        LoadLibraryHits(database.Paths(), report);
+    }
+    report.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return report;
+}
+
+}  // namespace hermite::screen
