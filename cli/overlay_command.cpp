@@ -149,26 +149,38 @@ std::string Count(std::size_t n, const std::string& noun) {
     return std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
 }
 
-/// The problems as messages: files that could not be read, records skipped, and partial
-/// problems (a record that still gave a molecule).
+/// The problems as messages (files that could not be read, records skipped, and partial
+/// problems: a record that still gave a molecule), with their counts.
 struct ProblemMessages {
     std::vector<std::string> files;
     std::vector<std::string> records;
     std::vector<std::string> partial;
+    unsigned long fileCount = 0;
+    unsigned long recordCount = 0;
+    unsigned long partialCount = 0;
 
-    bool AnySkipped() const { return !files.empty() || !records.empty(); }
+    void Add(const io::Problem& problem) {
+        std::vector<std::string>& list = !problem.skipped      ? partial
+                                         : problem.record == 0 ? files
+                                                               : records;
+        list.push_back(problem.Message());
+    }
+    bool AnySkipped() const { return fileCount + recordCount > 0; }
 };
 
 ProblemMessages CollectProblems(const std::vector<io::Problem>& queryProblems,
-                                const std::vector<io::Problem>& databaseProblems) {
+                                const screen::ProblemLog& databaseProblems) {
+    screen::ProblemLog log;
+    log.Add(queryProblems);
     ProblemMessages messages;
-    for (const auto* list : {&queryProblems, &databaseProblems}) {
-        for (const io::Problem& problem : *list) {
-            std::vector<std::string>& list = !problem.skipped      ? messages.partial
-                                             : problem.record == 0 ? messages.files
-                                                                   : messages.records;
-            list.push_back(problem.Message());
+    const screen::ProblemLog* const sources[] = {&log, &databaseProblems};
+    for (const screen::ProblemLog* source : sources) {
+        for (const io::Problem& problem : source->Kept()) {
+            messages.Add(problem);
         }
+        messages.fileCount += source->Files();
+        messages.recordCount += source->Records();
+        messages.partialCount += source->Partial();
     }
     return messages;
 }
@@ -225,17 +237,20 @@ void PrintSummary(const OverlayRequest& request, const screen::QuerySet& queries
         report.overlaySeconds > 0.0 ? report.counts.overlays / report.overlaySeconds : 0.0;
     std::cerr << "hermite overlay: " << Count(report.counts.molecules, "molecule") << " read from "
               << Count(request.databasePaths.size(), "file")
-              << (problems.files.empty()
+              << (problems.fileCount == 0
                       ? ""
-                      : " (" + std::to_string(problems.files.size()) + " could not be read)")
+                      : " (" + std::to_string(problems.fileCount) + " could not be read)")
               << ", " << Count(report.counts.conformers, "conformer") << ", "
               << Count(report.counts.overlays, request.screen.scoreOnly ? "score" : "overlay")
               << " in " << FormatFixed(report.seconds, 2) << " s (" << FormatFixed(rate, 1)
               << " overlays/s, " << Count(request.screen.threads, "thread")
               << "; overlay kernel: " << FormatFixed(kernel, 1) << " overlays/s per thread)\n";
-    PrintList(Count(problems.files.size(), "file") + " could not be read:", problems.files);
-    PrintList(Count(problems.records.size(), "record") + " skipped:", problems.records);
-    PrintList(Count(problems.partial.size(), "record") + " partly used:", problems.partial);
+    PrintList(Count(problems.fileCount, "file") + " could not be read:", problems.files,
+              problems.fileCount);
+    PrintList(Count(problems.recordCount, "record") + " skipped:", problems.records,
+              problems.recordCount);
+    PrintList(Count(problems.partialCount, "record") + " partly used:", problems.partial,
+              problems.partialCount);
     PrintList(Count(rows.failedCount, "molecule") + " could not be overlaid:", rows.failed,
               rows.failedCount);
     PrintList(Count(rows.warningCount, "warning") + ":", rows.warnings, rows.warningCount);

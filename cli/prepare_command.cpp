@@ -16,18 +16,19 @@ namespace {
 constexpr std::size_t kListedProblems = 20;
 
 /// Prints the problems of a preparation under a heading, the first `kListedProblems` of them.
-void PrintProblems(const std::vector<io::Problem>& problems) {
-    if (problems.empty()) {
+void PrintProblems(const screen::ProblemLog& log) {
+    const unsigned long total = log.Files() + log.Records() + log.Partial();
+    if (total == 0) {
         return;
     }
-    std::cerr << "hermite prepare: " << problems.size() << " problem"
-              << (problems.size() == 1 ? "" : "s") << ":\n";
+    std::cerr << "hermite prepare: " << total << " problem" << (total == 1 ? "" : "s") << ":\n";
+    const std::vector<io::Problem>& problems = log.Kept();
     for (std::size_t i = 0; i < problems.size() && i < kListedProblems; ++i) {
         std::cerr << "  " << problems[i].Message() << (problems[i].skipped ? "" : " (kept)")
                   << "\n";
     }
-    if (problems.size() > kListedProblems) {
-        std::cerr << "  ... and " << problems.size() - kListedProblems << " more\n";
+    if (total > kListedProblems) {
+        std::cerr << "  ... and " << total - kListedProblems << " more\n";
     }
 }
 
@@ -118,7 +119,7 @@ int RunPrepare(const CommandLine& line) {
                   << (settings.threads == 1 ? "" : "s") << ")\n";
         PrintProblems(report.problems);
     }
-    return AnySkipped(report.problems) ? kExitSkipped : kExitOk;
+    return report.problems.AnySkipped() ? kExitSkipped : kExitOk;
 }
 
 }  // namespace hermite::cli

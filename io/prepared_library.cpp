@@ -4,10 +4,8 @@
 
 #include "io/prepared_library.h"
 
-#include <fcntl.h>
 #include <hdf5.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <GraphMol/Conformer.h>
 #include <GraphMol/FileParsers/FileParsers.h>
@@ -19,13 +17,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <map>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
 
+#include "io/atomic_file.h"
 #include "io/conformer_builder.h"
 #include "io/sd_data.h"
 
@@ -394,46 +392,8 @@ std::string ReadStringAttribute(hid_t location, const char* name, const std::str
 // ---------------------------------------------------------------------------------------------
 // Files
 
-/// The process umask, read from /proc so that it is not changed even for a moment (umask()
-/// would race with other threads creating files). 022 if unavailable.
-mode_t CurrentUmask() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.compare(0, 6, "Umask:") == 0) {
-            return static_cast<mode_t>(std::stoul(line.substr(6), nullptr, 8));
-        }
-    }
-    return 022;
-}
-
-/// The mode a committed library gets: that of the file it replaces, else 0666 minus the umask
-/// (the temporary file is created 0600).
-mode_t ModeForDestination(const std::string& path) {
-    struct stat existing;
-    if (::stat(path.c_str(), &existing) == 0 && S_ISREG(existing.st_mode)) {
-        return existing.st_mode & 07777;
-    }
-    return 0666 & ~CurrentUmask();
-}
-
 std::string SystemError(const std::string& what, int errorNumber) {
     return what + ": " + std::strerror(errorNumber);
-}
-
-/// Flushes a closed file's data to disk, so that the rename never exposes a file whose blocks
-/// are not written yet.
-void SyncFile(const std::string& path) {
-    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) {
-        throw LibraryError(SystemError("cannot reopen the temporary file", errno));
-    }
-    const int synced = ::fsync(descriptor);
-    const int errorNumber = errno;
-    ::close(descriptor);
-    if (synced != 0) {
-        throw LibraryError(SystemError("cannot write", errorNumber));
-    }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -482,7 +442,8 @@ std::string Slice(const std::vector<char>& bytes, std::uint64_t begin, std::uint
 
 struct PreparedLibraryWriter::State {
     std::string path;
-    std::string temporaryPath;
+    /// The temporary file HDF5 writes by name, renamed onto `path` on commit.
+    AtomicFile output;
     LibraryPreparation preparation;
     Handle file;
     Handle datasets[NumColumns];
@@ -537,8 +498,9 @@ std::uint32_t PreparedLibraryWriter::State::FileIndexOf(const std::string& name)
 
 void PreparedLibraryWriter::State::Create() {
     const Handle access = FileAccess("cannot create the HDF5 file");
-    file = Handle(H5Fcreate(temporaryPath.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, access.Id()),
-                  H5Fclose, "cannot create the HDF5 file");
+    file =
+        Handle(H5Fcreate(output.TemporaryPath().c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, access.Id()),
+               H5Fclose, "cannot create the HDF5 file");
     // No modification times in the objects' headers: the same input gives the same bytes.
     Handle groupCreation(H5Pcreate(H5P_GROUP_CREATE), H5Pclose, "cannot create the groups");
     Check(H5Pset_obj_track_times(groupCreation.Id(), false), "cannot create the groups");
@@ -623,10 +585,7 @@ void PreparedLibraryWriter::State::CloseAll() {
 }
 
 void PreparedLibraryWriter::State::RemoveTemporary() {
-    if (!temporaryPath.empty()) {
-        ::unlink(temporaryPath.c_str());
-        temporaryPath.clear();
-    }
+    output.Discard();
 }
 
 PreparedLibraryWriter::PreparedLibraryWriter(const std::string& path,
@@ -651,17 +610,11 @@ PreparedLibraryWriter::PreparedLibraryWriter(const std::string& path,
         state.failed = true;
         return;
     }
-    std::vector<char> pattern(path.begin(), path.end());
-    const char suffix[] = ".tmp-XXXXXX";
-    pattern.insert(pattern.end(), suffix, suffix + sizeof(suffix));  // with the terminating 0
-    const int descriptor = ::mkostemp(pattern.data(), O_CLOEXEC);
-    if (descriptor < 0) {
-        state.error = path + ": " + SystemError("cannot create a temporary file", errno);
+    if (!state.output.Open(path)) {
+        state.error = state.output.Error();
         state.failed = true;
         return;
     }
-    ::close(descriptor);
-    state.temporaryPath = pattern.data();
     HdfSession session;
     try {
         state.Create();
@@ -844,15 +797,13 @@ bool PreparedLibraryWriter::Commit() {
         if (!state.file.Reset()) {
             FailHdf("cannot close the HDF5 file");
         }
-        SyncFile(state.temporaryPath);
-        if (::chmod(state.temporaryPath.c_str(), ModeForDestination(state.path)) != 0) {
-            throw LibraryError(SystemError("cannot set the file mode", errno));
+        // The file HDF5 wrote by name is the one the AtomicFile holds open: committing it
+        // flushes it to disk, gives it the destination's mode and renames it into place.
+        if (!state.output.Commit()) {
+            state.error = state.output.Error();
+            state.failed = true;
+            return false;
         }
-        if (::rename(state.temporaryPath.c_str(), state.path.c_str()) != 0) {
-            throw LibraryError(
-                SystemError("cannot rename the temporary file onto the destination", errno));
-        }
-        state.temporaryPath.clear();
     } catch (const LibraryError& error) {
         state.error = state.path + ": " + error.what();
         state.failed = true;

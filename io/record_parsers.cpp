@@ -126,7 +126,9 @@ struct EmbeddingLimits {
 };
 thread_local EmbeddingLimits embeddingLimits;
 
-/// Thrown through RDKit's embedder to stop it; caught in `EmbedConformers`.
+/// Thrown through RDKit's embedder to stop it; caught in `EmbedConformers`. The embedder keeps
+/// the coordinates of the attempt in progress in raw pointers, so each stop leaks those few
+/// bytes; there is no other way to interrupt it.
 struct EmbeddingStopped {
     std::string reason;
 };

@@ -238,6 +238,33 @@ std::unique_ptr<Database::Reader> Database::Open(const DatabaseRequirements& req
                                         std::max<std::size_t>(1, libraryChunk));
 }
 
+void ProblemLog::Add(const io::Problem& problem) {
+    if (kept_.size() < kKept) {
+        kept_.push_back(problem);
+    }
+    if (!problem.skipped) {
+        ++partial_;
+    } else if (problem.record == 0) {
+        ++files_;
+    } else {
+        ++records_;
+    }
+}
+
+bool NextBatch(Database::Reader& reader, std::size_t maxBatch, SourceBatch& batch) {
+    batch.clear();
+    SourceMolecule source;
+    while (batch.size() < std::max<std::size_t>(1, maxBatch) && reader.Next(source)) {
+        const bool alone = source.kind == SourceMolecule::Kind::Records &&
+                           source.records.format == io::FileFormat::Smiles;
+        batch.push_back(std::move(source));
+        if (alone) {
+            break;
+        }
+    }
+    return !batch.empty();
+}
+
 PreparedEntry PrepareEntry(SourceMolecule& source, const io::ReadOptions& read,
                            const overlay::Settings& overlay, bool needCharges) {
     PreparedEntry entry;

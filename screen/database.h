@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <string>
@@ -16,6 +17,7 @@
 #include "io/molecule_io.h"
 #include "io/prepared_library.h"
 #include "overlay/overlay.h"
+#include "screen/pipeline.h"
 
 namespace hermite::screen {
 
@@ -51,6 +53,35 @@ struct SourceMolecule {
     std::vector<io::Problem> problems;
 };
 
+/// The problems of a run: every one counted, the first `kKept` kept in full, so that a
+/// library with many bad records cannot fill the memory.
+class ProblemLog {
+public:
+    static constexpr std::size_t kKept = 1000;
+
+    void Add(const io::Problem& problem);
+    void Add(const std::vector<io::Problem>& problems) {
+        for (const io::Problem& problem : problems) {
+            Add(problem);
+        }
+    }
+
+    /// The first problems, in reading order.
+    const std::vector<io::Problem>& Kept() const { return kept_; }
+    /// Files that could not be read, records skipped, and records only partly used.
+    unsigned long Files() const { return files_; }
+    unsigned long Records() const { return records_; }
+    unsigned long Partial() const { return partial_; }
+    /// True when a file or a record was skipped.
+    bool AnySkipped() const { return files_ + records_ > 0; }
+
+private:
+    std::vector<io::Problem> kept_;
+    unsigned long files_ = 0;
+    unsigned long records_ = 0;
+    unsigned long partial_ = 0;
+};
+
 /// Where the molecules of a screen come from.
 class Database {
 public:
@@ -80,6 +111,52 @@ public:
     /// The next molecule (or file problems); false at the end.
     virtual bool Next(SourceMolecule& out) = 0;
 };
+
+/// A batch of source molecules: the unit of work of the pipeline. Cheap molecules (records of
+/// SD and MOL2 files, molecules of prepared libraries, molecules in memory) travel up to
+/// `maxBatch` together, which keeps the cost of handing work between threads small against
+/// the work itself; a SMILES, whose conformer generation can take seconds, travels alone, so
+/// that the workers stay evenly loaded.
+using SourceBatch = std::vector<SourceMolecule>;
+
+/// Reads the next batch from `reader` into `batch` (cleared first); false at the end.
+bool NextBatch(Database::Reader& reader, std::size_t maxBatch, SourceBatch& batch);
+
+/// Runs the ordered pipeline over the molecules of `reader` in batches of up to `batchSize`:
+/// `process` on the worker threads, one molecule at a time, and `take` on the calling thread,
+/// in input order. The statistics count molecules: `peakInFlight` is the most molecules alive
+/// between reading and the end of their `take`.
+template <class Result>
+PipelineStatistics RunOverMolecules(Database::Reader& reader, std::size_t batchSize,
+                                    const PipelineOptions& options, RunControl& control,
+                                    const std::function<Result(SourceMolecule&)>& process,
+                                    const std::function<void(Result&)>& take,
+                                    const std::function<void()>& poll) {
+    FlightCounter inFlight;
+    const std::function<bool(SourceBatch&)> produce = [&](SourceBatch& batch) {
+        const bool more = NextBatch(reader, batchSize, batch);
+        inFlight.Enter(batch.size());
+        return more;
+    };
+    const std::function<std::vector<Result>(SourceBatch&)> work = [&](SourceBatch& batch) {
+        std::vector<Result> results;
+        results.reserve(batch.size());
+        for (SourceMolecule& source : batch) {
+            results.push_back(process(source));
+        }
+        return results;
+    };
+    const std::function<void(std::vector<Result>&)> consume = [&](std::vector<Result>& results) {
+        for (Result& result : results) {
+            take(result);
+        }
+        inFlight.Leave(results.size());
+    };
+    PipelineStatistics statistics = RunOrderedPipeline<SourceBatch, std::vector<Result>>(
+        options, control, produce, work, consume, poll);
+    statistics.peakInFlight = inFlight.Peak();
+    return statistics;
+}
 
 /// One conformer of a database molecule, ready for overlays.
 struct Fit {

@@ -2,6 +2,7 @@
 
 #include "screen/library_messages.h"
 
+#include <cctype>
 #include <cstdio>
 #include <mutex>
 
@@ -39,7 +40,7 @@ void RoutingHandler(QVSystem::QVSeverity severity, const std::string& text) {
         return;
     }
     std::string message = text;
-    while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) {
+    while (!message.empty() && std::isspace(static_cast<unsigned char>(message.back()))) {
         message.pop_back();
     }
     if (severity == QVSystem::QVSeverity::Fatal) {

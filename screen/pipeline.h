@@ -49,6 +49,48 @@ private:
     std::atomic<bool> cancelled_{false};
 };
 
+/// What the caller of a run hears while it runs; either member may be empty.
+template <class Progress>
+struct RunCallbacks {
+    /// Called on the calling thread about every 100 ms and once at the end.
+    std::function<void(const Progress&)> progress;
+    /// Polled on the calling thread about every 100 ms; true cancels the run.
+    std::function<bool()> stop;
+};
+
+/// The `poll` of a pipeline run: cancels `control` when `callbacks.stop` says so and reports
+/// `counts` (read when called, so they may change during the run) to `callbacks.progress`.
+template <class Progress>
+std::function<void()> PollCallbacks(const RunCallbacks<Progress>& callbacks, const Progress& counts,
+                                    RunControl& control) {
+    return [&callbacks, &counts, &control] {
+        if (callbacks.stop && callbacks.stop()) {
+            control.Cancel();
+        }
+        if (callbacks.progress) {
+            callbacks.progress(counts);
+        }
+    };
+}
+
+/// Counts things alive between two points of a pipeline (molecules read and not yet ranked)
+/// and keeps the most at once. Thread-safe.
+class FlightCounter {
+public:
+    void Enter(std::size_t count) {
+        const std::size_t now = alive_.fetch_add(count) + count;
+        std::size_t peak = peak_.load();
+        while (now > peak && !peak_.compare_exchange_weak(peak, now)) {
+        }
+    }
+    void Leave(std::size_t count) { alive_.fetch_sub(count); }
+    std::size_t Peak() const { return peak_.load(); }
+
+private:
+    std::atomic<std::size_t> alive_{0};
+    std::atomic<std::size_t> peak_{0};
+};
+
 /// How a pipeline runs.
 struct PipelineOptions {
     /// Worker threads (at least 1).

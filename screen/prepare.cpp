@@ -35,16 +35,13 @@ PrepareReport PrepareLibrary(const std::vector<std::string>& inputs,
     std::unique_ptr<Database::Reader> reader = database.Open(DatabaseRequirements());
     PrepareReport report;
 
-    const std::function<bool(SourceMolecule&)> produce = [&](SourceMolecule& source) {
-        return reader->Next(source);
-    };
-    const std::function<PreparedEntry(SourceMolecule&)> work = [&](SourceMolecule& source) {
+    const std::function<PreparedEntry(SourceMolecule&)> process = [&](SourceMolecule& source) {
         std::vector<std::string> warnings;
         MessageCapture capture(warnings);
         return PrepareEntry(source, read, densities, false);
     };
-    const std::function<void(PreparedEntry&)> consume = [&](PreparedEntry& entry) {
-        report.problems.insert(report.problems.end(), entry.problems.begin(), entry.problems.end());
+    const std::function<void(PreparedEntry&)> write = [&](PreparedEntry& entry) {
+        report.problems.Add(entry.problems);
         if (entry.fits.empty() || !report.writeError.empty()) {
             return;
         }
@@ -63,20 +60,13 @@ PrepareReport PrepareLibrary(const std::vector<std::string>& inputs,
         ++report.counts.molecules;
         report.counts.conformers += static_cast<unsigned long>(frames.size());
     };
-    const std::function<void()> poll = [&] {
-        if (callbacks.stop && callbacks.stop()) {
-            control.Cancel();
-        }
-        if (callbacks.progress) {
-            callbacks.progress(report.counts);
-        }
-    };
 
     PipelineOptions options;
     options.workers = settings.threads;
     options.queueCapacity = settings.queueCapacity;
-    const PipelineStatistics statistics = RunOrderedPipeline<SourceMolecule, PreparedEntry>(
-        options, control, produce, work, consume, poll);
+    const PipelineStatistics statistics =
+        RunOverMolecules(*reader, settings.batchSize, options, control, process, write,
+                         PollCallbacks(callbacks, report.counts, control));
     report.interrupted = statistics.cancelled && report.writeError.empty();
     report.peakInFlight = statistics.peakInFlight;
     report.seconds = std::chrono::duration<double>(Clock::now() - start).count();

@@ -10,6 +10,7 @@
 
 #include "io/molecule_io.h"
 #include "io/prepared_library.h"
+#include "screen/database.h"
 #include "screen/pipeline.h"
 
 namespace hermite::screen {
@@ -23,7 +24,9 @@ struct PrepareSettings {
     /// Compute partial charges (needed by electrostatic screens).
     bool charges = true;
     unsigned int threads = 1;
+    /// Batches waiting for a worker at most (0: 4 per thread) and molecules per batch.
     std::size_t queueCapacity = 0;
+    std::size_t batchSize = 16;
 };
 
 /// Counts of a running preparation.
@@ -32,17 +35,14 @@ struct PrepareProgress {
     unsigned long conformers = 0;
 };
 
-/// What the caller hears while a library is prepared; every member may be empty.
-struct PrepareCallbacks {
-    std::function<void(const PrepareProgress&)> progress;
-    std::function<bool()> stop;
-};
+/// What the caller hears while a library is prepared.
+using PrepareCallbacks = RunCallbacks<PrepareProgress>;
 
 /// What a preparation did.
 struct PrepareReport {
     PrepareProgress counts;
     /// Files and records that could not be used, and partial problems, in reading order.
-    std::vector<io::Problem> problems;
+    ProblemLog problems;
     std::size_t peakInFlight = 0;
     double seconds = 0.0;
     bool interrupted = false;

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <iterator>
 #include <map>
 #include <utility>
 
@@ -63,6 +64,8 @@ void OverlayEntry(const QuerySet& queries, const ScreenSettings& settings,
     // used[r][i]: conformer i was overlaid in ranking r.
     std::vector<std::vector<bool>> used(rankings, std::vector<bool>(fits.size(), false));
     std::vector<std::string> firstError(rankings);
+    std::vector<std::string> raised;  // the library's warnings, moved to their row
+    MessageCapture capture(raised);
     const Clock::time_point start = Clock::now();
     for (const QueryConformer& query : queries.conformers) {
         const std::size_t r = settings.perQuery ? query.molecule : 0;
@@ -70,10 +73,13 @@ void OverlayEntry(const QuerySet& queries, const ScreenSettings& settings,
         for (std::size_t i = 0; i < fits.size(); ++i) {
             overlay::Result result;
             try {
-                MessageCapture capture(row.warnings);
                 result = settings.scoreOnly ? query.query->Score(fits[i].prepared)
                                             : query.query->Overlay(fits[i].prepared);
+                std::move(raised.begin(), raised.end(), std::back_inserter(row.warnings));
+                raised.clear();
             } catch (const std::exception& error) {
+                std::move(raised.begin(), raised.end(), std::back_inserter(row.warnings));
+                raised.clear();
                 // One failing conformer does not lose the others.
                 const std::string message = "conformer " + std::to_string(i + 1) +
                                             " could not be overlaid: " + error.what();
@@ -158,9 +164,9 @@ void LoadLibraryHits(const std::vector<std::string>& paths, ScreenReport& report
                 hit.conformer = std::move(conformer);
                 loaded.push_back(std::move(hit));
             } else {
-                report.problems.push_back(
-                    {paths[hit.library], 0, hit.row.title,
-                     "the hit's record could not be loaded: " + library->Error(), true});
+                report.problems.Add(
+                    io::Problem{paths[hit.library], 0, hit.row.title,
+                                "the hit's record could not be loaded: " + library->Error(), true});
             }
         }
         hits = std::move(loaded);
@@ -267,10 +273,7 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
     Clock::duration overlayTime{};
     std::size_t position = 0;
 
-    const std::function<bool(SourceMolecule&)> produce = [&](SourceMolecule& source) {
-        return reader->Next(source);
-    };
-    const std::function<Outcome(SourceMolecule&)> work = [&](SourceMolecule& source) {
+    const std::function<Outcome(SourceMolecule&)> process = [&](SourceMolecule& source) {
         PreparedEntry entry =
             PrepareEntry(source, read, overlaySettings, overlaySettings.electrostatics);
         Outcome outcome;
@@ -280,9 +283,8 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
         outcome.problems = std::move(entry.problems);
         return outcome;
     };
-    const std::function<void(Outcome&)> consume = [&](Outcome& outcome) {
-        report.problems.insert(report.problems.end(), outcome.problems.begin(),
-                               outcome.problems.end());
+    const std::function<void(Outcome&)> rank = [&](Outcome& outcome) {
+        report.problems.Add(outcome.problems);
         if (outcome.rows.empty()) {
             return;
         }
@@ -308,20 +310,13 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
         }
         ++position;
     };
-    const std::function<void()> poll = [&] {
-        if (callbacks.stop && callbacks.stop()) {
-            control.Cancel();
-        }
-        if (callbacks.progress) {
-            callbacks.progress(report.counts);
-        }
-    };
 
     PipelineOptions options;
     options.workers = settings.threads;
     options.queueCapacity = settings.queueCapacity;
     const PipelineStatistics statistics =
-        RunOrderedPipeline<SourceMolecule, Outcome>(options, control, produce, work, consume, poll);
+        RunOverMolecules(*reader, settings.batchSize, options, control, process, rank,
+                         PollCallbacks(callbacks, report.counts, control));
 
     report.interrupted = statistics.cancelled;
     report.peakInFlight = statistics.peakInFlight;

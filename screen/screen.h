@@ -88,8 +88,10 @@ struct ScreenSettings {
     bool perQuery = false;
     /// Worker threads (at least 1).
     unsigned int threads = 1;
-    /// Molecules waiting for a worker at most (0: 4 per thread); see `PipelineOptions`.
+    /// Batches waiting for a worker at most (0: 4 per thread); see `PipelineOptions`.
     std::size_t queueCapacity = 0;
+    /// Molecules per batch at most (see `SourceBatch`).
+    std::size_t batchSize = 16;
 };
 
 /// The outcome of one database molecule (against one query molecule in `perQuery` mode): one
@@ -142,13 +144,9 @@ struct ScreenProgress {
 };
 
 /// What the caller hears while a screen runs; every member may be empty.
-struct ScreenCallbacks {
+struct ScreenCallbacks : RunCallbacks<ScreenProgress> {
     /// Each row, in input order, as soon as its molecule is done.
     std::function<void(const Row&)> row;
-    /// Called about every 100 ms and once at the end.
-    std::function<void(const ScreenProgress&)> progress;
-    /// Polled about every 100 ms; true cancels the run.
-    std::function<bool()> stop;
 };
 
 /// Everything a screen produced besides the rows.
@@ -157,7 +155,7 @@ struct ScreenReport {
     /// `perQuery` mode.
     std::vector<std::vector<Hit>> hits;
     /// Files and records that could not be used, and partial problems, in reading order.
-    std::vector<io::Problem> problems;
+    ProblemLog problems;
     /// Molecules that could not be overlaid (rows with an error).
     unsigned long failed = 0;
     ScreenProgress counts;
@@ -165,7 +163,8 @@ struct ScreenReport {
     double overlaySeconds = 0.0;
     /// Seconds from start to end.
     double seconds = 0.0;
-    /// The most database molecules alive in the pipeline at once.
+    /// The most database molecules alive in the pipeline at once: at most `batchSize` times
+    /// the pipeline's bound on items (see `screen/pipeline.h`).
     std::size_t peakInFlight = 0;
     /// True when the run was cancelled; the rows and hits are then incomplete.
     bool interrupted = false;

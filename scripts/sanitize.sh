@@ -10,6 +10,8 @@ cmake --build build-asan -j2
 
 # The packaging tests rebuild the library without sanitizers and add nothing here.
 export ASAN_OPTIONS=detect_leaks=1
+LSAN_OPTIONS=suppressions=$(pwd)/scripts/lsan.supp
+export LSAN_OPTIONS
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 cd build-asan
 ctest --output-on-failure -j2 -E 'find-package|add-subdirectory'

@@ -22,45 +22,8 @@ namespace hermite::python {
 
 namespace {
 
-/// The route of the calling thread, null outside the module's calls.
-thread_local Diagnostics* threadDiagnostics = nullptr;
-
-/// Installation state of the module's handler: how many routes are alive and the handler that
-/// was installed before the first of them.
-std::mutex routeMutex;
-unsigned int liveRoutes = 0;
-QVSystem::QVErrorCallback previousHandler;
-
 /// The Python class of hermite.HermiteWarning (owned by the module).
 PyObject* warningType = nullptr;
-
-void ModuleHandler(QVSystem::QVSeverity severity, const std::string& text) {
-    Diagnostics* diagnostics = threadDiagnostics;
-    if (diagnostics == nullptr) {
-        // A thread that is not working for the module: behave as if the module were not there.
-        QVSystem::QVErrorCallback previous;
-        {
-            std::lock_guard<std::mutex> lock(routeMutex);
-            previous = previousHandler;
-        }
-        if (previous) {
-            previous(severity, text);
-        } else {
-            const char* label = severity == QVSystem::QVSeverity::Fatal ? "Fatal" : "Warning";
-            std::fprintf(stderr, "%s: %s\n", label, text.c_str());
-        }
-        return;
-    }
-    std::string message = text;
-    while (!message.empty() && std::isspace(static_cast<unsigned char>(message.back()))) {
-        message.pop_back();
-    }
-    if (severity == QVSystem::QVSeverity::Fatal) {
-        // Unwinds through the library instead of letting it abort the interpreter.
-        throw LibraryError(message);
-    }
-    diagnostics->AddWarning(std::move(message));
-}
 
 }  // namespace
 
@@ -78,22 +41,9 @@ std::vector<std::string> Diagnostics::TakeWarnings() {
     return taken;
 }
 
-ThreadRoute::ThreadRoute(Diagnostics& diagnostics) : previous_(threadDiagnostics) {
-    {
-        std::lock_guard<std::mutex> lock(routeMutex);
-        if (liveRoutes++ == 0) {
-            previousHandler = QVSystem::QVThrow.SetHandler(ModuleHandler);
-        }
-    }
-    threadDiagnostics = &diagnostics;
-}
-
 ThreadRoute::~ThreadRoute() {
-    threadDiagnostics = previous_;
-    std::lock_guard<std::mutex> lock(routeMutex);
-    if (--liveRoutes == 0) {
-        QVSystem::QVThrow.SetHandler(std::move(previousHandler));
-        previousHandler = nullptr;
+    for (std::string& warning : raised_) {
+        diagnostics_.AddWarning(std::move(warning));
     }
 }
 

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "screen/library_messages.h"
 
 namespace hermite::python {
 
@@ -25,12 +26,9 @@ namespace py = pybind11;
 // =============================================================================================
 // Errors and warnings
 
-/// A fatal condition reported by the library through `QVSystem::QVThrow`; Python sees it as
-/// `hermite.HermiteError`.
-class LibraryError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+/// A fatal condition reported by the library through `QVSystem::QVThrow` (routed by the
+/// screening engine's `MessageCapture`); Python sees it as `hermite.HermiteError`.
+using LibraryError = screen::LibraryError;
 
 /// The warnings reported by the library during one call of the module, from any of the threads
 /// working for it. Thread-safe.
@@ -46,19 +44,20 @@ private:
 };
 
 /// While alive, the library's messages raised in the constructing thread go to `diagnostics`
-/// (warnings) or are thrown as `LibraryError` (fatal errors). The first route alive in the
-/// process installs the module's handler in `QVThrow`; the last one to end restores the handler
-/// that was there before. Threads without a route (code outside the module using the library
-/// at the same time) are passed on to that previous handler.
+/// (warnings, when the route ends) or are thrown as `LibraryError` (fatal errors); see
+/// `screen::MessageCapture`, which routes them. Threads without a route (code outside the
+/// module using the library at the same time) keep the handler they had.
 class ThreadRoute {
 public:
-    explicit ThreadRoute(Diagnostics& diagnostics);
+    explicit ThreadRoute(Diagnostics& diagnostics) : diagnostics_(diagnostics), capture_(raised_) {}
     ~ThreadRoute();
     ThreadRoute(const ThreadRoute&) = delete;
     ThreadRoute& operator=(const ThreadRoute&) = delete;
 
 private:
-    Diagnostics* previous_;
+    Diagnostics& diagnostics_;
+    std::vector<std::string> raised_;
+    screen::MessageCapture capture_;
 };
 
 /// While alive, the calling thread computes with flush-to-zero and denormals-are-zero, the

@@ -85,7 +85,8 @@ TEST(ScreenTest, RowsAndHitsAreIdenticalForAnyNumberOfThreads) {
     std::vector<ScreenRun> runs;
     for (unsigned int threads : {1u, 2u, 4u}) {
         settings.threads = threads;
-        settings.queueCapacity = threads;  // small queues: much reordering
+        settings.queueCapacity = threads;  // small queues and batches: much reordering
+        settings.batchSize = threads;
         runs.push_back(ScreenFiles(queries, {kCdk2, smiles.Path(), kCdk2}, settings));
     }
     ASSERT_EQ(runs[0].rows.size(), 96u);
@@ -167,8 +168,9 @@ TEST(ScreenTest, PerQueryModeRanksEachQueryMoleculeOnItsOwn) {
 }
 
 TEST(ScreenTest, MoleculesInFlightAreBoundedByTheQueues) {
-    // 20 copies of CDK2 (940 molecules) through queues of 2: never more than a handful of
-    // molecules alive in the pipeline.
+    // 20 copies of CDK2 (940 molecules) through queues of 2 batches of 3: never more than
+    // 3 (2 (2 + 2) + 2) = 30 molecules alive in the pipeline, the bound of the pipeline's items
+    // times the batch size.
     std::string text = ReadText(kCdk2);
     std::string big;
     for (int i = 0; i < 20; ++i) {
@@ -178,10 +180,11 @@ TEST(ScreenTest, MoleculesInFlightAreBoundedByTheQueues) {
     ScreenSettings settings;
     settings.threads = 2;
     settings.queueCapacity = 2;
+    settings.batchSize = 3;
     const ScreenRun run = ScreenFiles(Cdk2Queries({0}), {file.Path()}, settings);
     EXPECT_EQ(run.rows.size(), 940u);
-    EXPECT_LE(run.report.peakInFlight, 2u * 2u + 2u * 2u + 1u);
-    EXPECT_GE(run.report.peakInFlight, 2u);
+    EXPECT_LE(run.report.peakInFlight, 30u);
+    EXPECT_GE(run.report.peakInFlight, 6u);
     EXPECT_EQ(run.report.hits[0].size(), 100u);
 }
 
@@ -264,7 +267,7 @@ TEST(ScreenTest, ConformerGenerationOverItsTimeLimitSkipsTheRecord) {
     ASSERT_EQ(problems.size(), 1u);
     EXPECT_EQ(problems[0].record, 1u);
     EXPECT_NE(problems[0].reason.find("time limit"), std::string::npos) << problems[0].reason;
-    EXPECT_LT(seconds, 1.5);
+    EXPECT_LT(seconds, 3.0);  // checked between embedding attempts; slow under sanitizers
 }
 
 TEST(ScreenTest, SmilesSeedsDependOnTheRecordNotOnTheOrder) {
@@ -289,16 +292,33 @@ TEST(ScreenTest, SmilesSeedsDependOnTheRecordNotOnTheOrder) {
     EXPECT_EQ(first[1].conformers[0].NumRecordAtoms(), 20u);
 }
 
+TEST(ScreenTest, TheProblemLogCountsEveryProblemAndKeepsTheFirst) {
+    ProblemLog log;
+    for (unsigned int i = 1; i <= 2 * ProblemLog::kKept; ++i) {
+        log.Add(io::Problem{"f.smi", i, "", "bad", i % 2 == 0});
+    }
+    log.Add(io::Problem{"g.sdf", 0, "", "cannot open file", true});
+    EXPECT_EQ(log.Kept().size(), ProblemLog::kKept);
+    EXPECT_EQ(log.Kept().front().record, 1u);
+    EXPECT_EQ(log.Records(), ProblemLog::kKept);
+    EXPECT_EQ(log.Partial(), ProblemLog::kKept);
+    EXPECT_EQ(log.Files(), 1u);
+}
+
 TEST(ScreenTest, ProblemsOfFilesAndRecordsArriveInReadingOrder) {
     const TempFile bad("problems.smi", "CCO ok\nnot_a_smiles bad\n");
     ScreenSettings settings;
     settings.read.smilesConformers = 1;
     const ScreenRun run =
         ScreenFiles(Cdk2Queries({0}), {"/no/such/file.sdf", bad.Path()}, settings);
-    ASSERT_EQ(run.report.problems.size(), 2u);
-    EXPECT_EQ(run.report.problems[0].file, "/no/such/file.sdf");
-    EXPECT_EQ(run.report.problems[0].record, 0u);
-    EXPECT_EQ(run.report.problems[1].record, 2u);
+    const std::vector<io::Problem>& problems = run.report.problems.Kept();
+    ASSERT_EQ(problems.size(), 2u);
+    EXPECT_EQ(problems[0].file, "/no/such/file.sdf");
+    EXPECT_EQ(problems[0].record, 0u);
+    EXPECT_EQ(problems[1].record, 2u);
+    EXPECT_EQ(run.report.problems.Files(), 1u);
+    EXPECT_EQ(run.report.problems.Records(), 1u);
+    EXPECT_TRUE(run.report.problems.AnySkipped());
     ASSERT_EQ(run.rows.size(), 1u);
     EXPECT_EQ(run.rows[0].title, "ok");
 }
