@@ -648,6 +648,61 @@ unsigned long PreparedLibraryWriter::Conformers() const {
     return static_cast<unsigned long>(state_->conformers);
 }
 
+LibraryEntry EncodeLibraryEntry(const Molecule& molecule,
+                                const std::vector<QVChem::QVTrans>& frames) {
+    const std::string where = "molecule '" + molecule.title + "': ";
+    if (molecule.conformers.empty()) {
+        throw std::runtime_error(where + "no conformers");
+    }
+    if (frames.size() != molecule.conformers.size()) {
+        throw std::runtime_error(where + std::to_string(frames.size()) + " frames for " +
+                                 std::to_string(molecule.conformers.size()) + " conformers");
+    }
+    LibraryEntry entry;
+    entry.title = molecule.title;
+    for (std::size_t c = 0; c < molecule.conformers.size(); ++c) {
+        const Conformer& conformer = molecule.conformers[c];
+        const std::string source =
+            where + conformer.File() + ", record " + std::to_string(conformer.Record()) + ": ";
+        LibraryEntry::Stored stored;
+        try {
+            stored.sdText = FormatSdRecord(conformer);
+        } catch (const std::exception& error) {
+            throw std::runtime_error(source + error.what());
+        }
+        if (const Conformer::RecordData* data = ConformerAccess::Data(conformer)) {
+            for (const RDGeom::Point3D& position :
+                 data->molecule->getConformer(data->conformerId).getPositions()) {
+                stored.recordXyz.insert(stored.recordXyz.end(),
+                                        {position.x, position.y, position.z});
+            }
+        } else {
+            stored.recordXyz.resize(3 * std::size_t(conformer.Mol().NumAtoms()));
+            conformer.Mol().GetCoords(stored.recordXyz.data());
+        }
+        const std::size_t numRecordAtoms = stored.recordXyz.size() / 3;
+        const std::vector<unsigned int>& indices = conformer.RecordAtomIndices();
+        if (indices.size() != conformer.Mol().NumAtoms()) {
+            throw std::runtime_error(source + "record-atom indices do not match the atoms");
+        }
+        for (unsigned int i = 0; i < conformer.Mol().NumAtoms(); ++i) {
+            if (indices[i] >= numRecordAtoms) {
+                throw std::runtime_error(source + "record-atom index out of range");
+            }
+            if (conformer.Mol().GetAtom(i).GetAtomicNumber() > 255) {
+                throw std::runtime_error(source + "atomic number above 255");
+            }
+        }
+        stored.mol = conformer.Mol();
+        stored.recordAtoms = indices;
+        stored.frame = frames[c];
+        stored.file = conformer.File();
+        stored.record = conformer.Record();
+        entry.conformers.push_back(std::move(stored));
+    }
+    return entry;
+}
+
 bool PreparedLibraryWriter::Add(const Molecule& molecule,
                                 const std::vector<QVChem::QVTrans>& frames) {
     State& state = *state_;
@@ -657,65 +712,35 @@ bool PreparedLibraryWriter::Add(const Molecule& molecule,
         }
         return false;
     }
-    const std::string where = state.path + ": molecule '" + molecule.title + "': ";
-    if (molecule.conformers.empty()) {
-        state.error = where + "no conformers";
-        return false;
-    }
-    if (frames.size() != molecule.conformers.size()) {
-        state.error = where + std::to_string(frames.size()) + " frames for " +
-                      std::to_string(molecule.conformers.size()) + " conformers";
-        return false;
-    }
-
     // Everything that can fail for this molecule alone comes first, so that a molecule is
     // stored whole or not at all.
-    std::vector<std::string> records;
-    std::vector<std::vector<double>> recordCoordinates;
-    for (const Conformer& conformer : molecule.conformers) {
-        const std::string source =
-            where + conformer.File() + ", record " + std::to_string(conformer.Record()) + ": ";
-        try {
-            records.push_back(FormatSdRecord(conformer));
-        } catch (const std::exception& error) {
-            state.error = source + error.what();
-            return false;
-        }
-        std::vector<double> coordinates;
-        if (const Conformer::RecordData* data = ConformerAccess::Data(conformer)) {
-            for (const RDGeom::Point3D& position :
-                 data->molecule->getConformer(data->conformerId).getPositions()) {
-                coordinates.insert(coordinates.end(), {position.x, position.y, position.z});
-            }
-        } else {
-            coordinates.resize(3 * std::size_t(conformer.Mol().NumAtoms()));
-            conformer.Mol().GetCoords(coordinates.data());
-        }
-        const std::size_t numRecordAtoms = coordinates.size() / 3;
-        const std::vector<unsigned int>& indices = conformer.RecordAtomIndices();
-        if (indices.size() != conformer.Mol().NumAtoms()) {
-            state.error = source + "record-atom indices do not match the atoms";
-            return false;
-        }
-        for (unsigned int i = 0; i < conformer.Mol().NumAtoms(); ++i) {
-            if (indices[i] >= numRecordAtoms) {
-                state.error = source + "record-atom index out of range";
-                return false;
-            }
-            if (conformer.Mol().GetAtom(i).GetAtomicNumber() > 255) {
-                state.error = source + "atomic number above 255";
-                return false;
-            }
-        }
-        recordCoordinates.push_back(std::move(coordinates));
+    LibraryEntry entry;
+    try {
+        entry = EncodeLibraryEntry(molecule, frames);
+    } catch (const std::exception& error) {
+        state.error = state.path + ": " + error.what();
+        return false;
     }
+    return Append(entry);
+}
 
-    state.PushText(TitleBytes, molecule.title);
-    state.titleBytes += molecule.title.size();
+bool PreparedLibraryWriter::Append(const LibraryEntry& entry) {
+    State& state = *state_;
+    if (!Ok()) {
+        if (state.error.empty()) {
+            state.error = state.path + ": the library is not open";
+        }
+        return false;
+    }
+    if (entry.conformers.empty()) {
+        state.error = state.path + ": molecule '" + entry.title + "': no conformers";
+        return false;
+    }
+    state.PushText(TitleBytes, entry.title);
+    state.titleBytes += entry.title.size();
     state.Push<std::uint64_t>(TitleOffsets, state.titleBytes);
-    for (std::size_t c = 0; c < molecule.conformers.size(); ++c) {
-        const Conformer& conformer = molecule.conformers[c];
-        const QVChem::QVMol& mol = conformer.Mol();
+    for (const LibraryEntry::Stored& stored : entry.conformers) {
+        const QVChem::QVMol& mol = stored.mol;
         state.Push<std::uint64_t>(ConformerMolecule, state.molecules);
         for (const QVChem::QVAtom& atom : mol) {
             double xyz[3];
@@ -726,25 +751,25 @@ bool PreparedLibraryWriter::Add(const Molecule& molecule,
             }
             state.Push<double>(Charge, atom.GetPartialCharge());
         }
-        for (unsigned int index : conformer.RecordAtomIndices()) {
+        for (unsigned int index : stored.recordAtoms) {
             state.Push<std::uint32_t>(RecordAtom, index);
         }
         state.atoms += mol.NumAtoms();
         state.Push<std::uint64_t>(AtomOffsets, state.atoms);
-        for (double coordinate : recordCoordinates[c]) {
+        for (double coordinate : stored.recordXyz) {
             state.Push<double>(RecordAtomXyz, coordinate);
         }
-        state.recordAtoms += recordCoordinates[c].size() / 3;
+        state.recordAtoms += stored.recordXyz.size() / 3;
         state.Push<std::uint64_t>(RecordAtomOffsets, state.recordAtoms);
         double frame[12];
-        frames[c].Extract(frame, frame + 9, true);
+        stored.frame.Extract(frame, frame + 9, true);
         for (double value : frame) {
             state.Push<double>(Frame, value);
         }
-        state.Push<std::uint32_t>(FileIndex, state.FileIndexOf(conformer.File()));
-        state.Push<std::uint32_t>(RecordNumber, conformer.Record());
-        state.PushText(SdBytes, records[c]);
-        state.sdBytes += records[c].size();
+        state.Push<std::uint32_t>(FileIndex, state.FileIndexOf(stored.file));
+        state.Push<std::uint32_t>(RecordNumber, stored.record);
+        state.PushText(SdBytes, stored.sdText);
+        state.sdBytes += stored.sdText.size();
         state.Push<std::uint64_t>(SdOffsets, state.sdBytes);
         ++state.conformers;
     }

@@ -72,6 +72,34 @@ struct LibraryMolecule {
     std::vector<LibraryConformer> conformers;
 };
 
+/// One molecule encoded for storage: everything `PreparedLibraryWriter::Append` writes, made
+/// without the writer, so that the costly part (RDKit writing each record as SD text) can run
+/// on any thread and only compact text waits for the writer.
+struct LibraryEntry {
+    struct Stored {
+        /// The selected atoms (element, coordinates, charge).
+        QVChem::QVMol mol;
+        /// For each selected atom, its index among the record's atoms.
+        std::vector<unsigned int> recordAtoms;
+        /// x, y, z of every record atom (hydrogens included) at full precision, angstrom.
+        std::vector<double> recordXyz;
+        QVChem::QVTrans frame;
+        std::string file;
+        unsigned int record = 0;
+        /// The whole record as SD text in its original pose, with its data items.
+        std::string sdText;
+    };
+    std::string title;
+    std::vector<Stored> conformers;
+};
+
+/// Encodes `molecule` (at least one conformer, as the readers make them) with the frame of each
+/// conformer (`frames[i]` for `molecule.conformers[i]`). Throws std::runtime_error naming the
+/// record when it cannot be stored (a record RDKit cannot write, inconsistent atom indices,
+/// an atomic number above 255, a frame count that does not match). Thread-safe.
+LibraryEntry EncodeLibraryEntry(const Molecule& molecule,
+                                const std::vector<QVChem::QVTrans>& frames);
+
 /// Writes a prepared library, atomically: the data go to a temporary file beside the destination
 /// (`<path>.tmp-XXXXXX`), which `Commit` renames onto it. Destroyed without a successful
 /// `Commit`, the writer removes the temporary file and leaves an existing destination untouched.
@@ -105,6 +133,11 @@ public:
     /// unchanged and later molecules can still be added), or a failed write (the writer is
     /// then no longer `Ok()` and `Commit` fails).
     bool Add(const Molecule& molecule, const std::vector<QVChem::QVTrans>& frames);
+
+    /// Appends a molecule encoded by `EncodeLibraryEntry` (the same as `Add` of the molecule it
+    /// was made from). Returns false, with `Error()` set, when the write failed (the writer is
+    /// then no longer `Ok()`) or the entry has no conformer.
+    bool Append(const LibraryEntry& entry);
 
     /// Writes the remaining buffers, marks the file complete, closes it and renames it onto the
     /// destination. Returns false, leaving no file, if anything failed.

@@ -3,6 +3,7 @@
 #include "screen/prepare.h"
 
 #include <chrono>
+#include <optional>
 
 #include "screen/database.h"
 #include "screen/library_messages.h"
@@ -35,35 +36,52 @@ PrepareReport PrepareLibrary(const std::vector<std::string>& inputs,
     std::unique_ptr<Database::Reader> reader = database.Open(DatabaseRequirements());
     PrepareReport report;
 
-    const std::function<PreparedEntry(SourceMolecule&)> process = [&](SourceMolecule& source) {
+    // Workers encode each molecule for the library (RDKit writes its records as SD text) and
+    // free its parsed records; the calling thread only appends the text and arrays.
+    struct Encoded {
+        std::vector<io::Problem> problems;
+        std::optional<io::LibraryEntry> entry;
+    };
+    const std::function<Encoded(SourceMolecule&)> process = [&](SourceMolecule& source) {
         std::vector<std::string> warnings;
         MessageCapture capture(warnings);
-        return PrepareEntry(source, read, densities, false);
-    };
-    const std::function<void(PreparedEntry&)> write = [&](PreparedEntry& entry) {
-        report.problems.Add(entry.problems);
-        if (entry.fits.empty() || !report.writeError.empty()) {
-            return;
+        PreparedEntry prepared = PrepareEntry(source, read, densities, false);
+        Encoded encoded;
+        encoded.problems = std::move(prepared.problems);
+        if (prepared.fits.empty()) {
+            return encoded;
         }
         io::Molecule molecule;
-        molecule.title = entry.title;
+        molecule.title = prepared.title;
         std::vector<QVChem::QVTrans> frames;
-        for (Fit& fit : entry.fits) {
-            molecule.conformers.push_back(std::move(fit.conformer));
+        for (Fit& fit : prepared.fits) {
             frames.push_back(fit.prepared.toFrame);
+            molecule.conformers.push_back(std::move(fit.conformer));
         }
-        if (!writer.Add(molecule, frames)) {
+        try {
+            encoded.entry = io::EncodeLibraryEntry(molecule, frames);
+        } catch (const std::exception& error) {
+            const Fit& first = prepared.fits.front();
+            encoded.problems.push_back({first.file, first.record, prepared.title,
+                                        std::string("cannot be stored: ") + error.what(), true});
+        }
+        return encoded;
+    };
+    const std::function<void(Encoded&)> write = [&](Encoded& encoded) {
+        report.problems.Add(encoded.problems);
+        if (!encoded.entry || !report.writeError.empty()) {
+            return;
+        }
+        if (!writer.Append(*encoded.entry)) {
             report.writeError = writer.Error();
             control.Cancel();
             return;
         }
         ++report.counts.molecules;
-        report.counts.conformers += static_cast<unsigned long>(frames.size());
+        report.counts.conformers += static_cast<unsigned long>(encoded.entry->conformers.size());
     };
 
-    PipelineOptions options;
-    options.workers = settings.threads;
-    options.queueCapacity = settings.queueCapacity;
+    const PipelineOptions options{settings.threads, settings.queueCapacity};
     const PipelineStatistics statistics =
         RunOverMolecules(*reader, settings.batchSize, options, control, process, write,
                          PollCallbacks(callbacks, report.counts, control));

@@ -311,9 +311,7 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
         ++position;
     };
 
-    PipelineOptions options;
-    options.workers = settings.threads;
-    options.queueCapacity = settings.queueCapacity;
+    const PipelineOptions options{settings.threads, settings.queueCapacity};
     const PipelineStatistics statistics =
         RunOverMolecules(*reader, settings.batchSize, options, control, process, rank,
                          PollCallbacks(callbacks, report.counts, control));

@@ -2,7 +2,11 @@
 
 from __future__ import annotations
 
+import os
 import pickle
+import signal
+import threading
+import time
 from typing import Any, List, Tuple
 
 import numpy as np
@@ -141,6 +145,26 @@ def test_screen_reports_progress_and_stops_on_its_exceptions(
         hermite.screen(cdk2[0], cdk2 * 20, threads=2, progress=stop)
     with pytest.raises(TypeError, match="progress must be callable"):
         hermite.screen(cdk2[0], cdk2[:2], progress=3)  # type: ignore[arg-type]
+
+
+def test_screen_stops_on_keyboard_interrupt(cdk2: List[hermite.Molecule]) -> None:
+    # 47,000 overlays take several seconds; SIGINT after 0.3 s must stop the screen within
+    # about a second and raise KeyboardInterrupt in the calling thread.
+    sent: List[float] = []
+
+    def interrupt() -> None:
+        sent.append(time.monotonic())
+        os.kill(os.getpid(), signal.SIGINT)
+
+    timer = threading.Timer(0.3, interrupt)
+    timer.start()
+    try:
+        with pytest.raises(KeyboardInterrupt):
+            hermite.screen(cdk2[0], cdk2 * 1000, threads=2)
+        stopped = time.monotonic()
+    finally:
+        timer.cancel()
+    assert sent and stopped - sent[0] < 1.0
 
 
 def test_screen_score_only(cdk2: List[hermite.Molecule]) -> None:
