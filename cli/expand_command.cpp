@@ -5,6 +5,7 @@
 #include "cli/commands.h"
 #include "cli/common.h"
 #include "cli/density.h"
+#include "cli/file_identity.h"
 #include "cli/json_output.h"
 #include "io/atomic_file.h"
 
@@ -98,6 +99,7 @@ int RunExpand(const CommandLine& line) {
     }
     const io::ReadOptions readOptions = ReadOptionsFrom(line);
     const std::string out = line.Value("--out");
+    RequireDistinctFiles({path}, {{"--out", out}});
 
     LibraryErrors libraryErrors("expand");
     io::SetRDKitLogging(false);

@@ -7,6 +7,7 @@
 #include "cli/commands.h"
 #include "cli/common.h"
 #include "cli/density.h"
+#include "cli/file_identity.h"
 #include "cli/map_writers.h"
 #include "io/atomic_file.h"
 
@@ -104,6 +105,7 @@ int RunGrid(const CommandLine& line) {
     const std::string path = line.Positionals().front();
     const double spacing = ParseReal("--spacing", line.Value("--spacing"), 0.001, 100.0);
     const std::string out = line.Value("--out");
+    RequireDistinctFiles({path}, {{"--out", out}});
     const std::optional<MapFormat> format = MapFormatFromPath(out);
     if (!format) {
         throw UsageError("--out must end in .ccp4, .map, .mrc or .cube, got " + out);

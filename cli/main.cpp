@@ -1,6 +1,9 @@
 // The `hermite` command: dispatches to the subcommands, prints help and version, and turns
 // errors into messages and exit statuses.
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -65,6 +68,22 @@ std::string MainHelp() {
     return text;
 }
 
+/// `status`, or `kExitUnusable` after a message when standard output could not be written
+/// (a full disk, a closed pipe with SIGPIPE ignored): output that was cut short must not look
+/// like success.
+int CheckStandardOutput(const std::string& prefix, int status) {
+    errno = 0;
+    std::cout.flush();
+    const bool failed = !std::cout.good() || std::fflush(stdout) != 0 || std::ferror(stdout);
+    if (!failed) {
+        return status;
+    }
+    const int error = errno;
+    std::cerr << prefix << "cannot write to standard output"
+              << (error != 0 ? std::string(": ") + std::strerror(error) : std::string()) << "\n";
+    return kExitUnusable;
+}
+
 /// Runs one subcommand, reporting its errors.
 int RunCommand(const Command& command, const std::vector<std::string>& arguments) {
     const std::string prefix = std::string("hermite ") + command.name + ": ";
@@ -73,9 +92,9 @@ int RunCommand(const Command& command, const std::vector<std::string>& arguments
         const CommandLine line = parser.Parse(arguments);
         if (line.HelpRequested()) {
             std::cout << parser.Help();
-            return kExitOk;
+            return CheckStandardOutput(prefix, kExitOk);
         }
-        return command.run(line);
+        return CheckStandardOutput(prefix, command.run(line));
     } catch (const UsageError& error) {
         std::cerr << prefix << error.what() << "\n";
         return kExitUsage;

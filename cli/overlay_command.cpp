@@ -7,6 +7,7 @@
 
 #include "cli/commands.h"
 #include "cli/common.h"
+#include "cli/file_identity.h"
 #include "cli/progress.h"
 #include "cli/score_output.h"
 #include "io/atomic_file.h"
@@ -42,6 +43,9 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     request.scoresPath = line.Value("--scores");
     request.read = ReadOptionsFrom(line);
     request.quiet = line.Has("--quiet");
+    std::vector<std::string> inputs = request.queryPaths;
+    inputs.insert(inputs.end(), request.databasePaths.begin(), request.databasePaths.end());
+    RequireDistinctFiles(inputs, {{"--out", request.hitsPath}, {"--scores", request.scoresPath}});
 
     screen::ScreenSettings& screen = request.screen;
     const std::string rankBy = line.Value("--rank-by", "shape");
@@ -53,7 +57,8 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     screen.rankBy = *metric;
     screen.scoreOnly = line.Has("--score-only");
     screen.perQuery = line.Has("--per-query");
-    screen.cutoff = RealOption(line, "--cutoff", 0.0, -1e6, 1e6);
+    const screen::ScoreRange range = screen::RankScoreRange(screen.rankBy);
+    screen.cutoff = RealOption(line, "--cutoff", 0.0, range.lowest, range.highest);
     screen.best = static_cast<std::size_t>(IntegerOption(line, "--best", 100, 1, 1000000000));
     const long long threads = IntegerOption(line, "--threads", 0, -100000, 100000);
     screen.threads = ResolveThreadCount(threads, std::thread::hardware_concurrency());
@@ -272,8 +277,9 @@ ArgumentParser OverlayParser() {
         "Overlays every molecule of the database files onto the query by shape (and optionally "
         "electrostatics) and ranks them. The query is every conformer of every molecule of the "
         "query files. Every conformer of every database molecule is overlaid onto every query "
-        "conformer (consecutive SD records with the same title are the conformers of one "
-        "molecule; SMILES get generated conformers) and each database molecule keeps its best "
+        "conformer (consecutive SD records with the same title and constitution are the "
+        "conformers of one molecule; SMILES get generated conformers) and each database "
+        "molecule keeps its best "
         "pair by the rank metric (the first of equal ones, query conformers first). With "
         "--per-query each query molecule ranks the database on its own.\n"
         "\n"
@@ -321,7 +327,9 @@ ArgumentParser OverlayParser() {
                 "Hits written to --out at most (1 or more), per query molecule with "
                 "--per-query; default 100.")
         .Option("--cutoff", "C",
-                "Only molecules with a rank score of at least C are hits; default 0.")
+                "Only molecules with a rank score of at least C are hits; default 0. C must "
+                "lie in the range of the rank metric: 0 to 1 for shape, -1/3 to 2 for combo, "
+                "0 to 2.2942 for the Tversky scores.")
         .Option("--rank-by", "METRIC",
                 "Rank metric: shape (exact shape Tanimoto, the default), combo (shape + "
                 "electrostatic Tanimoto, 0 to 2; implies --electrostatics), tversky-query or "

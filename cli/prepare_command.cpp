@@ -5,6 +5,7 @@
 
 #include "cli/commands.h"
 #include "cli/common.h"
+#include "cli/file_identity.h"
 #include "cli/progress.h"
 #include "screen/prepare.h"
 
@@ -76,6 +77,7 @@ int RunPrepare(const CommandLine& line) {
     const std::vector<std::string> inputs = line.Positionals();
     const std::string output = line.Value("--out");
     const bool quiet = line.Has("--quiet");
+    RequireDistinctFiles(inputs, {{"--out", output}});
 
     LibraryErrors libraryErrors("prepare");
     io::SetRDKitLogging(false);

@@ -3,6 +3,9 @@
 #include "io/conformer_builder.h"
 
 #include <GraphMol/Conformer.h>
+#include <GraphMol/MolOps.h>
+#include <GraphMol/RWMol.h>
+#include <GraphMol/SmilesParse/SmilesWrite.h>
 
 #include <cmath>
 #include <limits>
@@ -97,9 +100,14 @@ Conformer ConformerAccess::Make(QVChem::QVMol mol, const RecordInfo& info,
     return conformer;
 }
 
-void Require3D(const RDKit::ROMol& molecule, int conformerId) {
-    if (molecule.getNumConformers() == 0) {
+void Require3D(const RDKit::ROMol& molecule, int conformerId, DeclaredDimension declared) {
+    // The program line is what the writing program knew: a planar 3-D structure is as 3-D as
+    // any other, and a drawing stays a drawing even if a tool left z values in it.
+    if (molecule.getNumConformers() == 0 || declared == DeclaredDimension::TwoD) {
         throw RecordError("molecule has no 3-D coordinates");
+    }
+    if (declared == DeclaredDimension::ThreeD) {
+        return;
     }
     const RDKit::Conformer& conformer = molecule.getConformer(conformerId);
     bool allZeroZ = true;
@@ -108,6 +116,34 @@ void Require3D(const RDKit::ROMol& molecule, int conformerId) {
     }
     if (!conformer.is3D() || (molecule.getNumAtoms() > MaxPlanarAtoms && allZeroZ)) {
         throw RecordError("molecule has no 3-D coordinates");
+    }
+}
+
+std::string ConstitutionKey(const RDKit::ROMol& molecule) {
+    try {
+        RDKit::RWMol graph;
+        std::vector<int> index(molecule.getNumAtoms(), -1);
+        for (const RDKit::Atom* atom : molecule.atoms()) {
+            if (atom->getAtomicNum() == 1) {
+                continue;
+            }
+            auto* copy = new RDKit::Atom(atom->getAtomicNum());
+            copy->setNoImplicit(true);
+            index[atom->getIdx()] = static_cast<int>(graph.addAtom(copy, false, true));
+        }
+        for (const RDKit::Bond* bond : molecule.bonds()) {
+            const int begin = index[bond->getBeginAtomIdx()];
+            const int end = index[bond->getEndAtomIdx()];
+            if (begin >= 0 && end >= 0) {
+                graph.addBond(static_cast<unsigned int>(begin), static_cast<unsigned int>(end),
+                              RDKit::Bond::SINGLE);
+            }
+        }
+        graph.updatePropertyCache(false);
+        RDKit::MolOps::fastFindRings(graph);
+        return RDKit::MolToSmiles(graph, false, false, -1, true);
+    } catch (const std::exception&) {
+        return std::string();
     }
 }
 

@@ -66,8 +66,23 @@ std::vector<Conformer> BuildConformers(const std::shared_ptr<const RDKit::ROMol>
                                        const InputChargeSource& inputCharges,
                                        std::vector<std::string>& notes);
 
-/// Throws `RecordError("molecule has no 3-D coordinates")` unless the conformer is 3-D: RDKit
-/// must not have marked it 2-D, and a molecule of more than 3 atoms must not lie in z = 0.
-void Require3D(const RDKit::ROMol& molecule, int conformerId);
+/// The dimension a record declares for its coordinates: a molfile's program line carries "2D"
+/// or "3D" in columns 21-22; MOL2 records and molfiles that leave the field blank declare none.
+enum class DeclaredDimension { None, TwoD, ThreeD };
+
+/// Throws `RecordError("molecule has no 3-D coordinates")` unless the conformer is 3-D. A
+/// record that declares 2-D is a drawing whatever its z coordinates; one that declares 3-D is
+/// taken at its word even when it is planar (benzene, a square-planar complex); without a
+/// declaration RDKit must not have marked the conformer 2-D, and a molecule of more than 3
+/// atoms must not lie in z = 0.
+void Require3D(const RDKit::ROMol& molecule, int conformerId,
+               DeclaredDimension declared = DeclaredDimension::None);
+
+/// The constitution of `molecule` as text: the canonical SMILES of its heavy-atom graph
+/// (elements and connections; bond orders, charges, hydrogens, isotopes and stereochemistry
+/// left out). Records of one compound give the same text however their tools wrote its
+/// protonation, tautomer, aromaticity or hydrogens; different compounds give different texts.
+/// Empty when it cannot be had.
+std::string ConstitutionKey(const RDKit::ROMol& molecule);
 
 }  // namespace hermite::io

@@ -177,8 +177,9 @@ std::string DescribeSource(const Conformer& conformer);
 /// True when every atom of `mol` has a finite partial charge.
 bool HasFiniteCharges(const QVChem::QVMol& mol);
 
-/// A molecule and its conformers: consecutive SD records with the same (non-empty) title, the
-/// embedded conformers of one SMILES, or one MOL2 record. Never empty when returned by a reader.
+/// A molecule and its conformers: consecutive SD records with the same (non-empty) title and
+/// the same constitution, the embedded conformers of one SMILES, or one MOL2 record. Never empty
+/// when returned by a reader.
 struct Molecule {
     std::string title;
     std::vector<Conformer> conformers;
@@ -206,8 +207,9 @@ struct RawRecord {
     unsigned int number = 0;
 };
 
-/// The records of one molecule as text: consecutive SD records with the same non-empty title,
-/// or one MOL2 record, or one SMILES line.
+/// The records of one title as text: consecutive SD records with the same non-empty title, or
+/// one MOL2 record, or one SMILES line. Telling whether the records are really one molecule
+/// takes chemistry, which is `ParseMolecule`'s.
 struct RecordGroup {
     /// The file as given to the reader.
     std::string file;
@@ -245,29 +247,44 @@ private:
     std::unique_ptr<State> state_;
 };
 
-/// The molecule of a record group: every usable conformer of its records (RDKit parsing and
-/// sanitisation, SMILES embedding, partial charges). Records that cannot be used are appended
-/// to `problems` (as are partial problems), in record order, and the molecule has no conformer
-/// when none could be used. Never throws for bad input. Thread-safe: groups may be parsed in
-/// any number of threads at once.
-Molecule ParseMolecule(const RecordGroup& group, const ReadOptions& options,
-                       std::vector<Problem>& problems);
+/// The molecules of a record group, in file order, each with every usable conformer of its
+/// records (RDKit parsing and sanitisation, SMILES embedding, partial charges). Usually one:
+/// records that share a title but not a constitution are different molecules. The constitution
+/// is the heavy-atom graph, elements and connections (bond orders, charges, hydrogens, isotopes
+/// and stereochemistry do not count, so protomers and tautomers of one compound stay together);
+/// each maximal run of usable records of one constitution is a molecule, titled like the group,
+/// and every run after the first is reported as a partial problem (`skipped` false) on its first
+/// record: "records 4..6 share the title "X" with record 1 but have another constitution: read
+/// as a separate molecule". Records that cannot be used are appended to `problems` (as are
+/// partial problems), in record order; they neither join nor end a run. The result is empty
+/// when no record could be used. Never throws for bad input. Thread-safe: groups may be parsed
+/// in any number of threads at once.
+std::vector<Molecule> ParseMolecule(const RecordGroup& group, const ReadOptions& options,
+                                    std::vector<Problem>& problems);
 
 /// Reads molecules one at a time from a file, streaming (the file is never held in memory as a
 /// whole).
 ///
 /// SD: consecutive records with the same non-empty title are the conformers of one molecule
-/// (records that are skipped still end a run of titles). MOL2: one molecule per record, parsed
-/// by RDKit's Tripos MOL2 parser. SMILES: one molecule per line, "SMILES [name]" (the name is
-/// the rest of the line; without one the SMILES is the title); empty lines and lines starting
-/// with '#' are ignored. Each SMILES is embedded with hydrogens by RDKit ETKDGv3,
-/// `smilesConformers` times, seeded with `RecordSeed(seed, line)` (optionally pruned and
-/// MMFF94-minimised, see `ReadOptions`); the hydrogens stay in the record, so that written
-/// conformers carry them, and belong to the density only with `ReadOptions::hydrogens`.
+/// (records that are skipped still end a run of titles) as long as they have the same
+/// constitution; a change of constitution under one title starts a new molecule, with a
+/// partial problem (see `ParseMolecule`). MOL2: one molecule per record, parsed by RDKit's
+/// Tripos MOL2 parser. SMILES: one molecule per line, "SMILES [name]" (the name is the rest of
+/// the line; without one the SMILES is the title); empty lines and lines starting with '#' are
+/// ignored, and so is a column header as the first other line (its first column the word
+/// "smiles" in any case, e.g. RDKit's "SMILES Name", which no SMILES can be). Each SMILES is
+/// embedded with hydrogens by RDKit ETKDGv3, `smilesConformers` times, seeded with
+/// `RecordSeed(seed, line)` (optionally pruned and MMFF94-minimised, see `ReadOptions`); the
+/// hydrogens stay in the record, so that written conformers carry them, and belong to the density
+/// only with `ReadOptions::hydrogens`.
 ///
 /// Skipped records (see `Problem`) are reported and reading goes on: unparsable records,
-/// records without 3-D coordinates (an RDKit conformer marked 2-D, or more than 3 atoms all at
-/// z = 0), molecules with no selected atoms, partial charges that cannot be computed.
+/// records without 3-D coordinates, molecules with no selected atoms, partial charges that
+/// cannot be computed. Whether an SD record is 3-D is what its molfile's program line (second
+/// line, columns 21-22) says: "2D" is a drawing and skipped, "3D" is read even when every atom
+/// lies in one plane (benzene, a square-planar complex). Without that code (and for MOL2) a
+/// record is 3-D unless RDKit marks its conformer 2-D (all z = 0 in a molfile) or more than 3
+/// atoms all lie at z = 0.
 class MoleculeReader {
 public:
     /// Opens `path`. Never throws for bad input: a missing or unreadable file or an unknown

@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
+#include <deque>
+#include <iterator>
 
+#include "io/conformer_builder.h"
 #include "io/molecule_io.h"
 #include "io/record_parsers.h"
 #include "io/record_source.h"
@@ -206,15 +209,80 @@ unsigned long RecordReader::RecordsRead() const {
     return state_->recordsRead;
 }
 
-Molecule ParseMolecule(const RecordGroup& group, const ReadOptions& options,
-                       std::vector<Problem>& problems) {
-    Molecule molecule;
-    molecule.title = group.title;
-    for (const RawRecord& record : group.records) {
-        std::vector<Conformer> conformers = ParseOneRecord(group, record, options, problems);
-        std::move(conformers.begin(), conformers.end(), std::back_inserter(molecule.conformers));
+namespace {
+
+/// A run of records of one constitution after the first: reported on its first record.
+struct ConstitutionSplit {
+    /// Where in the problems the report goes (before the problems of its first record).
+    std::size_t at = 0;
+    std::string title;
+    unsigned int first = 0;
+    unsigned int last = 0;
+    /// The first record of the run before it.
+    unsigned int previous = 0;
+
+    Problem Report(const std::string& file) const {
+        const std::string records = first == last ? "record " + std::to_string(first) + " shares"
+                                                  : "records " + std::to_string(first) + ".." +
+                                                        std::to_string(last) + " share";
+        const std::string verb = first == last ? "has" : "have";
+        return {file, first, title,
+                records + " the title \"" + title + "\" with record " + std::to_string(previous) +
+                    " but " + verb + " another constitution: read as a separate molecule",
+                false};
     }
-    return molecule;
+};
+
+/// The constitution of the record behind `conformer` (empty for an atom-only conformer).
+std::string ConstitutionOf(const Conformer& conformer) {
+    const Conformer::RecordData* data = ConformerAccess::Data(conformer);
+    return data != nullptr ? ConstitutionKey(*data->molecule) : std::string();
+}
+
+}  // namespace
+
+std::vector<Molecule> ParseMolecule(const RecordGroup& group, const ReadOptions& options,
+                                    std::vector<Problem>& problems) {
+    std::vector<Molecule> molecules;
+    // A title is only a name: tools that enumerate conformers repeat it, but so do files in
+    // which different compounds carry one name (a series label, a placeholder). Only records of
+    // one constitution are conformers of one molecule; compared only when there is a choice.
+    const bool compare = group.records.size() > 1;
+    std::string runConstitution;
+    unsigned int runFirst = 0;
+    std::vector<ConstitutionSplit> splits;
+    for (const RawRecord& record : group.records) {
+        const std::size_t before = problems.size();
+        std::vector<Conformer> conformers = ParseOneRecord(group, record, options, problems);
+        if (conformers.empty()) {
+            continue;
+        }
+        const std::string constitution = compare ? ConstitutionOf(conformers.front()) : "";
+        // An unknown constitution (empty) never splits: the title's word stands.
+        const bool differs = !molecules.empty() && !constitution.empty() &&
+                             !runConstitution.empty() && constitution != runConstitution;
+        if (molecules.empty() || differs) {
+            if (differs) {
+                splits.push_back({before, group.title, record.number, record.number, runFirst});
+            }
+            molecules.push_back(Molecule{group.title, {}});
+            runConstitution = constitution;
+            runFirst = record.number;
+        } else if (runConstitution.empty()) {
+            runConstitution = constitution;
+        }
+        if (!splits.empty() && splits.back().first == runFirst) {
+            splits.back().last = record.number;
+        }
+        std::move(conformers.begin(), conformers.end(),
+                  std::back_inserter(molecules.back().conformers));
+    }
+    // From the last to the first, so that each position still counts the problems before it.
+    for (auto split = splits.rbegin(); split != splits.rend(); ++split) {
+        problems.insert(problems.begin() + static_cast<std::ptrdiff_t>(split->at),
+                        split->Report(group.file));
+    }
+    return molecules;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -232,6 +300,9 @@ struct MoleculeReader::State {
     ReadOptions options;
     RecordReader records;
     std::vector<Problem> problems;
+    /// Molecules of the last record group not handed out yet (a group whose records have
+    /// different constitutions gives several).
+    std::deque<Molecule> pending;
     bool errorReported = false;
     unsigned long recordsSkipped = 0;
     unsigned long moleculesReturned = 0;
@@ -252,18 +323,24 @@ bool MoleculeReader::Ok() const {
 bool MoleculeReader::Next(Molecule& out) {
     State& state = *state_;
     RecordGroup group;
-    while (state.records.Next(group)) {
+    while (state.pending.empty() && state.records.Next(group)) {
         const std::size_t before = state.problems.size();
-        Molecule molecule = ParseMolecule(group, state.options, state.problems);
+        std::vector<Molecule> molecules = ParseMolecule(group, state.options, state.problems);
         state.recordsSkipped += static_cast<unsigned long>(
             std::count_if(state.problems.begin() + static_cast<std::ptrdiff_t>(before),
                           state.problems.end(), [](const Problem& p) { return p.skipped; }));
-        if (!molecule.conformers.empty()) {
-            ++state.moleculesReturned;
-            state.conformersReturned += molecule.conformers.size();
-            out = std::move(molecule);
-            return true;
+        for (Molecule& molecule : molecules) {
+            if (!molecule.conformers.empty()) {
+                state.pending.push_back(std::move(molecule));
+            }
         }
+    }
+    if (!state.pending.empty()) {
+        out = std::move(state.pending.front());
+        state.pending.pop_front();
+        ++state.moleculesReturned;
+        state.conformersReturned += out.conformers.size();
+        return true;
     }
     if (Ok() && !state.records.Error().empty() && !state.errorReported) {
         state.errorReported = true;

@@ -54,6 +54,24 @@ RecordInfo InfoOf(const RawRecord& record, const std::string& file, SdProperties
     return RecordInfo{file, record.number, record.title, std::move(properties)};
 }
 
+/// The dimension code of a molfile's program line (its second line), columns 21-22.
+DeclaredDimension MolfileDimension(const std::string& molBlock) {
+    const std::size_t start = molBlock.find('\n');
+    if (start == std::string::npos) {
+        return DeclaredDimension::None;
+    }
+    const std::size_t end = molBlock.find('\n', start + 1);
+    const std::string line =
+        molBlock.substr(start + 1, end == std::string::npos ? std::string::npos : end - start - 1);
+    if (line.size() < 22 || (line[21] != 'D' && line[21] != 'd')) {
+        return DeclaredDimension::None;
+    }
+    if (line[20] == '2') {
+        return DeclaredDimension::TwoD;
+    }
+    return line[20] == '3' ? DeclaredDimension::ThreeD : DeclaredDimension::None;
+}
+
 void RequireAtoms(const RDKit::ROMol& molecule) {
     if (molecule.getNumAtoms() == 0) {
         throw RecordError("molecule has no atoms");
@@ -77,7 +95,7 @@ ParsedRecord ParseSdRecord(const RawRecord& record, const std::string& file,
         ParseWithRDKit([&] { return RDKit::MolBlockToMol(parts.molBlock, true, false); },
                        "RDKit could not parse the record");
     RequireAtoms(*molecule);
-    Require3D(*molecule, -1);
+    Require3D(*molecule, -1, MolfileDimension(parts.molBlock));
     const unsigned int numAtoms = molecule->getNumAtoms();
     const InputChargeSource inputCharges = [&parts, numAtoms] {
         std::optional<std::vector<double>> charges =

@@ -3,6 +3,8 @@
 
 #include "io/record_source.h"
 
+#include <cctype>
+
 namespace hermite::io {
 
 namespace {
@@ -110,9 +112,26 @@ private:
     unsigned int count_ = 0;
 };
 
+/// True when `content` is a column header such as RDKit's SMILES writer puts first ("SMILES
+/// Name", "smiles,name"): its first column is the word "smiles" in any case, which is never a
+/// valid SMILES ('m' and 'M' are no element symbols outside brackets).
+bool IsSmilesHeader(const std::string& content) {
+    const std::string word = "smiles";
+    const std::size_t end = content.find_first_of(" \t,;");
+    if ((end == std::string::npos ? content.size() : end) != word.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < word.size(); ++i) {
+        if (std::tolower(static_cast<unsigned char>(content[i])) != word[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
 /// One record per line: the SMILES, then optionally white space and a name (the rest of the
 /// line; without one the SMILES is the title). Blank lines and lines starting with '#' are
-/// skipped.
+/// skipped, and so is a column header on the first other line.
 class SmilesRecordSource : public RecordSource {
 public:
     using RecordSource::RecordSource;
@@ -125,6 +144,11 @@ public:
             if (content.empty() || content[0] == '#') {
                 continue;
             }
+            const bool first = !contentSeen_;
+            contentSeen_ = true;
+            if (first && IsSmilesHeader(content)) {
+                continue;
+            }
             const std::size_t end = content.find_first_of(" \t");
             record.text = content.substr(0, end);
             record.title = end == std::string::npos ? record.text : Trim(content.substr(end));
@@ -133,6 +157,9 @@ public:
         }
         return false;
     }
+
+private:
+    bool contentSeen_ = false;
 };
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "screen/database.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <utility>
@@ -265,30 +266,48 @@ bool NextBatch(Database::Reader& reader, std::size_t maxBatch, SourceBatch& batc
     return !batch.empty();
 }
 
-PreparedEntry PrepareEntry(SourceMolecule& source, const io::ReadOptions& read,
-                           const overlay::Settings& overlay, bool needCharges) {
-    PreparedEntry entry;
-    entry.problems = std::move(source.problems);
+std::vector<PreparedEntry> PrepareEntry(SourceMolecule& source, const io::ReadOptions& read,
+                                        const overlay::Settings& overlay, bool needCharges) {
+    std::vector<PreparedEntry> entries(1);
+    entries.front().problems = std::move(source.problems);
     switch (source.kind) {
         case SourceMolecule::Kind::ProblemsOnly:
             break;
         case SourceMolecule::Kind::Records: {
-            io::Molecule molecule = io::ParseMolecule(source.records, read, entry.problems);
-            entry.title = source.records.title;
-            AddParsedFits(molecule, read, overlay, needCharges, entry);
+            std::vector<io::Problem> problems;
+            std::vector<io::Molecule> molecules = io::ParseMolecule(source.records, read, problems);
+            entries.front().title = source.records.title;
+            // Molecule m covers its records from the first of its conformers up to the first
+            // record of molecule m + 1; a problem goes with the molecule whose records hold it.
+            std::size_t m = 0;
+            for (io::Problem& problem : problems) {
+                while (m + 1 < molecules.size() &&
+                       molecules[m + 1].conformers.front().Record() <= problem.record) {
+                    ++m;
+                }
+                if (m >= entries.size()) {
+                    entries.resize(m + 1);
+                }
+                entries[m].problems.push_back(std::move(problem));
+            }
+            entries.resize(std::max<std::size_t>(1, molecules.size()));
+            for (std::size_t i = 0; i < molecules.size(); ++i) {
+                entries[i].title = molecules[i].title;
+                AddParsedFits(molecules[i], read, overlay, needCharges, entries[i]);
+            }
             break;
         }
         case SourceMolecule::Kind::Library:
-            entry.title = source.prepared.title;
-            entry.library = source.library;
-            AddLibraryFits(source.prepared, read, overlay, needCharges, entry);
+            entries.front().title = source.prepared.title;
+            entries.front().library = source.library;
+            AddLibraryFits(source.prepared, read, overlay, needCharges, entries.front());
             break;
         case SourceMolecule::Kind::Parsed:
-            entry.title = source.parsed.title;
-            AddParsedFits(source.parsed, read, overlay, needCharges, entry);
+            entries.front().title = source.parsed.title;
+            AddParsedFits(source.parsed, read, overlay, needCharges, entries.front());
             break;
     }
-    return entry;
+    return entries;
 }
 
 }  // namespace hermite::screen

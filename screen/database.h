@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <string>
@@ -123,37 +124,46 @@ using SourceBatch = std::vector<SourceMolecule>;
 bool NextBatch(Database::Reader& reader, std::size_t maxBatch, SourceBatch& batch);
 
 /// Runs the ordered pipeline over the molecules of `reader` in batches of up to `batchSize`:
-/// `process` on the worker threads, one molecule at a time, and `take` on the calling thread,
-/// in input order. The statistics count molecules: `peakInFlight` is the most molecules alive
-/// between reading and the end of their `take`.
+/// `process` on the worker threads, one source molecule at a time, and `take` on the calling
+/// thread for each of its results, in input order (a source molecule gives several results
+/// when its records turn out to be several molecules). The statistics count source molecules:
+/// `peakInFlight` is the most alive between reading and the end of their `take`.
 template <class Result>
-PipelineStatistics RunOverMolecules(Database::Reader& reader, std::size_t batchSize,
-                                    const PipelineOptions& options, RunControl& control,
-                                    const std::function<Result(SourceMolecule&)>& process,
-                                    const std::function<void(Result&)>& take,
-                                    const std::function<void()>& poll) {
+PipelineStatistics RunOverMolecules(
+    Database::Reader& reader, std::size_t batchSize, const PipelineOptions& options,
+    RunControl& control, const std::function<std::vector<Result>(SourceMolecule&)>& process,
+    const std::function<void(Result&)>& take, const std::function<void()>& poll) {
+    struct Done {
+        std::vector<Result> results;
+        std::size_t sources = 0;
+    };
     FlightCounter inFlight;
     const std::function<bool(SourceBatch&)> produce = [&](SourceBatch& batch) {
         const bool more = NextBatch(reader, batchSize, batch);
         inFlight.Enter(batch.size());
         return more;
     };
-    const std::function<std::vector<Result>(SourceBatch&)> work = [&](SourceBatch& batch) {
-        std::vector<Result> results;
-        results.reserve(batch.size());
+    const std::function<Done(SourceBatch&)> work = [&](SourceBatch& batch) {
+        Done done;
+        done.sources = batch.size();
+        done.results.reserve(batch.size());
         for (SourceMolecule& source : batch) {
-            results.push_back(process(source));
+            if (control.Cancelled()) {
+                break;  // a cancelled run consumes nothing more
+            }
+            std::vector<Result> results = process(source);
+            std::move(results.begin(), results.end(), std::back_inserter(done.results));
         }
-        return results;
+        return done;
     };
-    const std::function<void(std::vector<Result>&)> consume = [&](std::vector<Result>& results) {
-        for (Result& result : results) {
+    const std::function<void(Done&)> consume = [&](Done& done) {
+        for (Result& result : done.results) {
             take(result);
         }
-        inFlight.Leave(results.size());
+        inFlight.Leave(done.sources);
     };
-    PipelineStatistics statistics = RunOrderedPipeline<SourceBatch, std::vector<Result>>(
-        options, control, produce, work, consume, poll);
+    PipelineStatistics statistics =
+        RunOrderedPipeline<SourceBatch, Done>(options, control, produce, work, consume, poll);
     statistics.peakInFlight = inFlight.Peak();
     return statistics;
 }
@@ -186,7 +196,12 @@ struct PreparedEntry {
 /// the densities of each conformer with `overlay` (frames of prepared libraries are used as
 /// stored). Conformers without finite partial charges are dropped with a problem when
 /// `needCharges`. Never throws for bad input; thread-safe.
-PreparedEntry PrepareEntry(SourceMolecule& source, const io::ReadOptions& read,
-                           const overlay::Settings& overlay, bool needCharges);
+///
+/// Gives one entry per molecule, in input order, and always at least one (an entry without
+/// fits carries problems only). The records of one title are several molecules when their
+/// constitutions differ (see `io::ParseMolecule`); each record's problems go with the entry of
+/// the molecule they concern, the file problems before it with the first.
+std::vector<PreparedEntry> PrepareEntry(SourceMolecule& source, const io::ReadOptions& read,
+                                        const overlay::Settings& overlay, bool needCharges);
 
 }  // namespace hermite::screen

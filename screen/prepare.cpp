@@ -42,31 +42,35 @@ PrepareReport PrepareLibrary(const std::vector<std::string>& inputs,
         std::vector<io::Problem> problems;
         std::optional<io::LibraryEntry> entry;
     };
-    const std::function<Encoded(SourceMolecule&)> process = [&](SourceMolecule& source) {
-        std::vector<std::string> warnings;
-        MessageCapture capture(warnings);
-        PreparedEntry prepared = PrepareEntry(source, read, densities, false);
-        Encoded encoded;
-        encoded.problems = std::move(prepared.problems);
-        if (prepared.fits.empty()) {
-            return encoded;
-        }
-        io::Molecule molecule;
-        molecule.title = prepared.title;
-        std::vector<QVChem::QVTrans> frames;
-        for (Fit& fit : prepared.fits) {
-            frames.push_back(fit.prepared.toFrame);
-            molecule.conformers.push_back(std::move(fit.conformer));
-        }
-        try {
-            encoded.entry = io::EncodeLibraryEntry(molecule, frames);
-        } catch (const std::exception& error) {
-            const Fit& first = prepared.fits.front();
-            encoded.problems.push_back({first.file, first.record, prepared.title,
-                                        std::string("cannot be stored: ") + error.what(), true});
-        }
-        return encoded;
-    };
+    const std::function<std::vector<Encoded>(SourceMolecule&)> process =
+        [&](SourceMolecule& source) {
+            std::vector<std::string> warnings;
+            MessageCapture capture(warnings);
+            std::vector<Encoded> encodedMolecules;
+            for (PreparedEntry& prepared : PrepareEntry(source, read, densities, false)) {
+                Encoded& encoded = encodedMolecules.emplace_back();
+                encoded.problems = std::move(prepared.problems);
+                if (prepared.fits.empty()) {
+                    continue;
+                }
+                io::Molecule molecule;
+                molecule.title = prepared.title;
+                std::vector<QVChem::QVTrans> frames;
+                for (Fit& fit : prepared.fits) {
+                    frames.push_back(fit.prepared.toFrame);
+                    molecule.conformers.push_back(std::move(fit.conformer));
+                }
+                try {
+                    encoded.entry = io::EncodeLibraryEntry(molecule, frames);
+                } catch (const std::exception& error) {
+                    const Fit& first = prepared.fits.front();
+                    encoded.problems.push_back({first.file, first.record, prepared.title,
+                                                std::string("cannot be stored: ") + error.what(),
+                                                true});
+                }
+            }
+            return encodedMolecules;
+        };
     const std::function<void(Encoded&)> write = [&](Encoded& encoded) {
         report.problems.Add(encoded.problems);
         if (!encoded.entry || !report.writeError.empty()) {

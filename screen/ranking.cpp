@@ -36,6 +36,19 @@ const char* RankMetricLabel(RankMetric metric) {
     return "shape Tanimoto";
 }
 
+ScoreRange RankScoreRange(RankMetric metric) {
+    switch (metric) {
+        case RankMetric::Shape:
+            return {0.0, 1.0};
+        case RankMetric::Combo:
+            return {-1.0 / 3.0, 2.0};
+        case RankMetric::TverskyQuery:
+        case RankMetric::TverskyFit:
+            return {0.0, 1.0 / (2.0 * std::sqrt(0.95 * 0.05))};
+    }
+    return {0.0, 1.0};
+}
+
 double RankScore(RankMetric metric, const overlay::Scores& scores) {
     switch (metric) {
         case RankMetric::Shape:

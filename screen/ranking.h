@@ -34,6 +34,20 @@ std::optional<RankMetric> ParseRankMetric(const std::string& text);
 /// A readable name, e.g. "shape Tanimoto".
 const char* RankMetricLabel(RankMetric metric);
 
+/// The values a rank metric can take.
+struct ScoreRange {
+    double lowest;
+    double highest;
+};
+
+/// The range of a metric: shape Tanimoto 0 to 1; combo -1/3 to 2 (the electrostatic Tanimoto
+/// lies in [-1/3, 1]); the Tversky scores 0 to 1 / (2 sqrt(0.95 * 0.05)) = 2.2942, because
+/// an overlap is at most the geometric mean of the two self-overlaps (Cauchy-Schwarz), so that
+/// O_qf / (a O_qq + b O_ff) <= sqrt(r) / (a + b r) with r = O_ff / O_qq, largest at r = a / b.
+/// A Tversky score exceeds 1 when the weighted molecule is the smaller one and lies largely
+/// inside the other.
+ScoreRange RankScoreRange(RankMetric metric);
+
 /// The metric's value in `scores`.
 double RankScore(RankMetric metric, const overlay::Scores& scores);
 

@@ -53,7 +53,8 @@ private:
 /// Overlays every conformer of `entry` onto every query conformer and keeps the best pair of
 /// each ranking in `outcome.rows`; `bestFit` gets the index of each row's best conformer.
 void OverlayEntry(const QuerySet& queries, const ScreenSettings& settings,
-                  const PreparedEntry& entry, Outcome& outcome, std::vector<std::size_t>& bestFit) {
+                  const RunControl& control, const PreparedEntry& entry, Outcome& outcome,
+                  std::vector<std::size_t>& bestFit) {
     const std::vector<Fit>& fits = entry.fits;
     if (fits.empty()) {
         return;
@@ -68,6 +69,9 @@ void OverlayEntry(const QuerySet& queries, const ScreenSettings& settings,
     MessageCapture capture(raised);
     const Clock::time_point start = Clock::now();
     for (const QueryConformer& query : queries.conformers) {
+        if (control.Cancelled()) {
+            break;  // the outcome of a cancelled run is never used
+        }
         const std::size_t r = settings.perQuery ? query.molecule : 0;
         Row& row = outcome.rows[r];
         for (std::size_t i = 0; i < fits.size(); ++i) {
@@ -178,6 +182,33 @@ void LoadLibraryHits(const std::vector<std::string>& paths, ScreenReport& report
 // ---------------------------------------------------------------------------------------------
 // Queries
 
+namespace {
+
+/// Every molecule of a query file is a query: a record that cannot be used would silently
+/// change what the screen asks, so it stops the run, naming the records.
+void RequireEveryRecord(const std::vector<io::Problem>& problems) {
+    std::vector<std::string> skipped;
+    for (const io::Problem& problem : problems) {
+        if (problem.skipped) {
+            skipped.push_back(problem.Message());
+        }
+    }
+    if (skipped.empty()) {
+        return;
+    }
+    std::string message = std::to_string(skipped.size()) + " query record" +
+                          (skipped.size() == 1 ? "" : "s") + " cannot be used:";
+    for (std::size_t i = 0; i < skipped.size() && i < 5; ++i) {
+        message += "\n  " + skipped[i];
+    }
+    if (skipped.size() > 5) {
+        message += "\n  ... and " + std::to_string(skipped.size() - 5) + " more";
+    }
+    throw QueryError(message);
+}
+
+}  // namespace
+
 QuerySet MakeQueries(const std::vector<io::Molecule>& molecules,
                      const overlay::Settings& settings) {
     QuerySet queries;
@@ -234,6 +265,7 @@ QuerySet ReadQueries(const std::vector<std::string>& paths, const io::ReadOption
         if (!reader.Ok()) {
             throw QueryError(reader.Problems().front().Message());
         }
+        RequireEveryRecord(reader.Problems());
         if (molecules.size() == before) {
             std::string message = path + ": no usable query molecule";
             for (const io::Problem& problem : reader.Problems()) {
@@ -273,16 +305,20 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
     Clock::duration overlayTime{};
     std::size_t position = 0;
 
-    const std::function<Outcome(SourceMolecule&)> process = [&](SourceMolecule& source) {
-        PreparedEntry entry =
-            PrepareEntry(source, read, overlaySettings, overlaySettings.electrostatics);
-        Outcome outcome;
-        std::vector<std::size_t> bestFit;
-        OverlayEntry(queries, settings, entry, outcome, bestFit);
-        KeepCandidates(settings, thresholds, entry, bestFit, outcome);
-        outcome.problems = std::move(entry.problems);
-        return outcome;
-    };
+    const std::function<std::vector<Outcome>(SourceMolecule&)> process =
+        [&](SourceMolecule& source) {
+            std::vector<Outcome> outcomes;
+            for (PreparedEntry& entry :
+                 PrepareEntry(source, read, overlaySettings, overlaySettings.electrostatics)) {
+                Outcome outcome;
+                std::vector<std::size_t> bestFit;
+                OverlayEntry(queries, settings, control, entry, outcome, bestFit);
+                KeepCandidates(settings, thresholds, entry, bestFit, outcome);
+                outcome.problems = std::move(entry.problems);
+                outcomes.push_back(std::move(outcome));
+            }
+            return outcomes;
+        };
     const std::function<void(Outcome&)> rank = [&](Outcome& outcome) {
         report.problems.Add(outcome.problems);
         if (outcome.rows.empty()) {

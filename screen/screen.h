@@ -66,8 +66,9 @@ public:
 QuerySet MakeQueries(const std::vector<io::Molecule>& molecules, const overlay::Settings& settings);
 
 /// Reads every molecule of `paths` and prepares its conformers. Throws `QueryError` naming the
-/// file when a file cannot be read or holds no usable molecule; records that cannot be used
-/// are kept in `QuerySet::problems`.
+/// file when a file cannot be read or holds no usable molecule, and naming the records when any
+/// record cannot be used (every record of a query file is a query, so none is dropped);
+/// partial problems (a record that still gave conformers) are kept in `QuerySet::problems`.
 QuerySet ReadQueries(const std::vector<std::string>& paths, const io::ReadOptions& read,
                      const overlay::Settings& settings);
 

@@ -23,6 +23,7 @@ Example::
 
 from __future__ import annotations
 
+import warnings
 from typing import Any, Iterable, List, Literal, NamedTuple, Optional
 
 import numpy as np
@@ -68,6 +69,10 @@ _ELECTROSTATIC_SCORES = (
     ("es_carbo", "es_carbo"),
     ("combo", "combo"),
 )
+
+
+# Positions of skipped None molecules quoted in screen_mols' warning; more are elided.
+_SHOWN_POSITIONS = 10
 
 
 class MolOverlay(NamedTuple):
@@ -288,23 +293,39 @@ def screen_mols(query_mol: Chem.Mol, mols: Iterable[Chem.Mol], query_conf: int =
 
     Args:
         query_mol: the RDKit query molecule.
-        mols: RDKit molecules (an iterable, e.g. an SDMolSupplier; None entries, which
-            suppliers give for unreadable records, raise ValueError).
+        mols: RDKit molecules (an iterable, e.g. an SDMolSupplier). None entries, which
+            suppliers give for records they could not read, are skipped with one
+            hermite.HermiteWarning that counts them and gives their positions.
         query_conf, conf_id: conformer ids (-1: the default conformers).
         threads: worker threads (0: all cores).
         hydrogens, charges, inplace, settings, **kwargs: as for :func:`overlay_mols`.
 
     Returns:
-        a list of MolOverlay(result, mol), in the order of `mols`.
+        a list of MolOverlay(result, mol), in the order of `mols`, one for each molecule that is
+        not None: with None entries skipped the list is shorter than `mols`, and the i-th
+        result belongs to the i-th molecule that was read (its ``mol`` is that molecule or its
+        posed copy, and ``result.title`` its title).
     """
     query = from_rdkit(query_mol, query_conf, hydrogens=hydrogens, charges=charges)
     fit_mols: List[Chem.Mol] = []
     fits = []
+    missing: List[int] = []
+    total = 0
     for index, mol in enumerate(mols):
+        total += 1
         if mol is None:
-            raise ValueError(f"mols[{index}] is None (an unreadable record?)")
+            missing.append(index)
+            continue
         fit_mols.append(mol)
         fits.append(from_rdkit(mol, conf_id, hydrogens=hydrogens, charges=charges))
+    if missing:
+        shown = ", ".join(str(i) for i in missing[:_SHOWN_POSITIONS])
+        if len(missing) > _SHOWN_POSITIONS:
+            shown += ", ..."
+        warnings.warn(f"screen_mols skipped {len(missing)} of {total} molecules that are None "
+                      f"(records the supplier could not read; positions {shown}); the results "
+                      f"are for the other {total - len(missing)}, in order",
+                      _hermite.HermiteWarning, stacklevel=2)
     results = _hermite.screen(query, fits, threads=threads, settings=settings, **kwargs)
     return [MolOverlay(result, _posed(mol, result, conf_id, inplace))
             for mol, result in zip(fit_mols, results)]

@@ -53,8 +53,8 @@ void SetWarningType(py::handle type) {
 
 void EmitWarnings(Diagnostics& diagnostics) {
     for (const std::string& text : diagnostics.TakeWarnings()) {
-        if (PyErr_WarnEx(warningType != nullptr ? warningType : PyExc_RuntimeWarning, text.c_str(),
-                         1) < 0) {
+        if (PyErr_WarnEx(warningType != nullptr ? warningType : PyExc_RuntimeWarning,
+                         Utf8(text).c_str(), 1) < 0) {
             throw py::error_already_set();
         }
     }
@@ -133,6 +133,19 @@ py::array_t<double, py::array::c_style | py::array::forcecast> AsDoubleArray(py:
     using Array = py::array_t<double, py::array::c_style | py::array::forcecast>;
     if (object.is_none()) {
         throw py::type_error(std::string(name) + " must be an array of numbers, got None");
+    }
+    // Casting complex values to double keeps only their real parts; refuse them instead.
+    bool complex = PyComplex_Check(object.ptr()) != 0;
+    if (!complex) {
+        const py::array any = py::array::ensure(object);
+        if (any) {
+            complex = any.dtype().kind() == 'c';
+        } else {
+            PyErr_Clear();  // not array-like: reported as a TypeError below
+        }
+    }
+    if (complex) {
+        ValueError(std::string(name) + " must be real, got complex values");
     }
     Array array = Array::ensure(object);
     if (!array) {
@@ -226,6 +239,99 @@ unsigned int Order(long long order, const char* name) {
         ValueError(std::string(name) + " must lie in 0..100, got " + std::to_string(order));
     }
     return static_cast<unsigned int>(order);
+}
+
+unsigned int Order(py::handle order, const char* name) {
+    return static_cast<unsigned int>(Integer(order, name, 0, 100));
+}
+
+py::int_ IntegerValue(py::handle object, const char* name) {
+    if (PyFloat_Check(object.ptr()) || !PyIndex_Check(object.ptr())) {
+        throw py::type_error(std::string(name) + " must be an integer, got " +
+                             std::string(py::str(py::type::handle_of(object).attr("__name__"))));
+    }
+    PyObject* index = PyNumber_Index(object.ptr());
+    if (index == nullptr) {
+        throw py::error_already_set();
+    }
+    return py::reinterpret_steal<py::int_>(index);
+}
+
+namespace {
+
+template <class Int>
+Int CheckedInteger(py::handle object, const char* name, Int minimum, Int maximum) {
+    const py::int_ value = IntegerValue(object, name);
+    if (value < py::int_(minimum) || value > py::int_(maximum)) {
+        ValueError(std::string(name) + " must lie in " + std::to_string(minimum) + ".." +
+                   std::to_string(maximum) + ", got " + std::string(py::repr(value)));
+    }
+    return value.cast<Int>();
+}
+
+}  // namespace
+
+long long Integer(py::handle object, const char* name, long long minimum, long long maximum) {
+    return CheckedInteger<long long>(object, name, minimum, maximum);
+}
+
+std::uint64_t Unsigned(py::handle object, const char* name, std::uint64_t maximum) {
+    return CheckedInteger<std::uint64_t>(object, name, 0, maximum);
+}
+
+std::string PathArgument(py::handle object, const char* name) {
+    const py::module_ os = py::module_::import("os");
+    py::object path;
+    try {
+        path = os.attr("fspath")(object);
+    } catch (const py::error_already_set& error) {
+        if (!error.matches(PyExc_TypeError)) {
+            throw;
+        }
+        throw py::type_error(std::string(name) + " must be a str, bytes or os.PathLike, got " +
+                             std::string(py::str(py::type::handle_of(object).attr("__name__"))));
+    }
+    const std::string bytes = py::bytes(os.attr("fsencode")(path));
+    if (bytes.find('\0') != std::string::npos) {
+        ValueError(std::string(name) + " must not contain NUL characters");
+    }
+    return bytes;
+}
+
+py::str Text(const std::string& bytes) {
+    const auto size = static_cast<Py_ssize_t>(bytes.size());
+    PyObject* text = PyUnicode_DecodeUTF8(bytes.data(), size, "strict");
+    if (text == nullptr) {
+        PyErr_Clear();
+        text = PyUnicode_DecodeLatin1(bytes.data(), size, nullptr);  // cannot fail but for memory
+        if (text == nullptr) {
+            throw py::error_already_set();
+        }
+    }
+    return py::reinterpret_steal<py::str>(text);
+}
+
+std::string Utf8(const std::string& bytes) {
+    const py::str text = Text(bytes);
+    Py_ssize_t size = 0;
+    const char* data = PyUnicode_AsUTF8AndSize(text.ptr(), &size);
+    if (data == nullptr) {
+        throw py::error_already_set();
+    }
+    return std::string(data, static_cast<std::size_t>(size));
+}
+
+void RequireFiniteResult(const std::vector<double>& values, const std::string& what,
+                         const std::string& reason) {
+    if (!AllFinite(values)) {
+        ValueError(what + " is not finite (found a " + NonFiniteText(values) + " value); " +
+                   reason);
+    }
+}
+
+double RequireFiniteResult(double value, const std::string& what, const std::string& reason) {
+    RequireFiniteResult(std::vector<double>{value}, what, reason);
+    return value;
 }
 
 std::vector<double> RotationMatrix(py::handle object, const char* name) {

@@ -8,6 +8,7 @@
 #include <pybind11/pybind11.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -127,7 +128,8 @@ auto RunLibrary(Work&& work, bool releaseGil = true) -> decltype(work()) {
 // Argument checks and conversions
 
 /// A C-contiguous double array made from any array-like; TypeError naming `name` when it is not
-/// numeric.
+/// numeric, ValueError when it is complex (numpy would drop the imaginary parts with no more
+/// than a ComplexWarning).
 py::array_t<double, py::array::c_style | py::array::forcecast> AsDoubleArray(py::handle object,
                                                                              const char* name);
 
@@ -157,6 +159,38 @@ void RequireSinglePrecision(const std::vector<double>& values, const char* name)
 
 /// An expansion order checked to lie in 0..100.
 unsigned int Order(long long order, const char* name = "order");
+/// The same for a Python object: an integer (anything with __index__) in 0..100.
+unsigned int Order(py::handle order, const char* name = "order");
+
+/// A Python integer (int, numpy integer, anything with __index__) checked to lie in
+/// minimum..maximum. Integers of any size are compared exactly, so that -1 or 2**64 give a
+/// ValueError naming `name` and the range rather than the opaque TypeError of a failed
+/// conversion to a C++ integer. TypeError for non-integers (floats included).
+long long Integer(py::handle object, const char* name, long long minimum, long long maximum);
+/// The value of a Python integer of any size (operator.index); TypeError naming `name` for
+/// anything else, floats included.
+py::int_ IntegerValue(py::handle object, const char* name);
+/// The same for the unsigned 64-bit range 0..maximum.
+std::uint64_t Unsigned(py::handle object, const char* name, std::uint64_t maximum);
+
+/// A file path from str, bytes or os.PathLike (os.fspath), as the bytes the operating system
+/// sees (os.fsencode, so names that are not valid UTF-8 work too); TypeError for anything else.
+std::string PathArgument(py::handle object, const char* name);
+
+/// Text from the library (titles, messages) as a Python str. Files are not always UTF-8: bytes
+/// that do not decode as UTF-8 are taken as Latin-1, the whole string at once, so that every
+/// title converts and a Latin-1 title reads as intended.
+py::str Text(const std::string& bytes);
+/// The same text re-encoded as UTF-8, for the C-string APIs of Python (warnings, exception
+/// messages), which decode strictly. Needs the GIL.
+std::string Utf8(const std::string& bytes);
+
+/// ValueError unless every value of a result is finite: "<what> is not finite (found a NaN
+/// value); <reason>". The library's numerics are left as they are, but a NaN or an infinity
+/// must not reach Python looking like an answer; `reason` tells which inputs lead there.
+void RequireFiniteResult(const std::vector<double>& values, const std::string& what,
+                         const std::string& reason);
+double RequireFiniteResult(double value, const std::string& what, const std::string& reason);
 
 /// A 3 x 3 rotation matrix, row-major; ValueError unless it is finite, orthonormal and of
 /// determinant +1 (within 1e-6).

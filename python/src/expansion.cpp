@@ -15,12 +15,30 @@ namespace {
 using QVHermiteMath::QVHermite;
 using QVHermiteMath::QVHermiteOptions;
 
-/// The Python class hermite.Expansion.
+/// The Python class hermite.Expansion. The library's expansion cannot be given coefficients
+/// from outside, so the object also keeps what made it: the density and the rotations applied
+/// since. Pickling stores those; unpickling expands the density again with the options used
+/// (the lambdas chosen, not optimised again) and replays the rotations, which reproduces the
+/// coefficients bit for bit.
 struct ExpansionObject {
     QVHermite expansion;
+    std::vector<QVSystem::QVGaussian> gaussians;
+    std::vector<std::vector<double>> rotations;  // row-major 3 x 3, in the order applied
 };
 
 py::handle gridRecord;  // hermite.Grid, a named tuple
+
+/// A degree l, m or n: an integer of at least 0 (ValueError otherwise). Values above `cap` are
+/// returned as `cap`, so that the callers' own limit on l + m + n reports them, whatever their
+/// size, without overflowing.
+long long Degree(py::handle value, const char* name, long long cap) {
+    const py::int_ degree = IntegerValue(value, name);
+    if (degree < py::int_(0)) {
+        throw py::value_error("l, m and n must be at least 0, got " + std::string(name) + " = " +
+                              std::string(py::repr(degree)));
+    }
+    return degree > py::int_(cap) ? cap : degree.cast<long long>();
+}
 
 ExpansionObject MakeExpansion(py::handle gaussians, py::object options) {
     const auto& density = GaussiansArgument(gaussians, "gaussians");
@@ -33,6 +51,36 @@ ExpansionObject MakeExpansion(py::handle gaussians, py::object options) {
     }
     ExpansionObject object;
     RunLibrary([&] { object.expansion.Setup(density, used); });
+    object.gaussians = density;
+    return object;
+}
+
+py::tuple ExpansionState(const ExpansionObject& object) {
+    py::list rotations;
+    for (const std::vector<double>& R : object.rotations) {
+        rotations.append(ToArray(std::vector<double>(R), {3, 3}));
+    }
+    return py::make_tuple(GaussianList{object.gaussians},
+                          QVHermiteOptions(object.expansion.GetOptions()), rotations);
+}
+
+ExpansionObject ExpansionFromState(const py::tuple& state) {
+    if (state.size() != 3) {
+        throw py::value_error("invalid pickled Expansion state");
+    }
+    ExpansionObject object = MakeExpansion(state[0], state[1]);
+    std::vector<std::vector<double>> rotations;
+    for (py::handle matrix : state[2].cast<py::list>()) {
+        rotations.push_back(RotationMatrix(matrix, "rotation"));
+    }
+    RunLibrary(
+        [&] {
+            for (const std::vector<double>& R : rotations) {
+                object.expansion.RotateHermites(R);
+            }
+        },
+        false);
+    object.rotations = std::move(rotations);
     return object;
 }
 
@@ -92,7 +140,7 @@ py::object Render(const ExpansionObject& object, double spacing, py::object exte
 }
 
 /// lmn triples of every coefficient of an order-N expansion, in lmn order.
-py::array_t<long long> LmnTriples(long long order) {
+py::array_t<long long> LmnTriples(py::object order) {
     const unsigned int N = Order(order);
     const std::size_t count = static_cast<std::size_t>(N + 1) * (N + 2) * (N + 3) / 6;
     py::array_t<long long> triples({static_cast<py::ssize_t>(count), py::ssize_t{3}});
@@ -185,11 +233,13 @@ Args:
             "extent of render().")
         .def(
             "coefficient",
-            [](const ExpansionObject& o, long long l, long long mm, long long n) {
-                if (l < 0 || mm < 0 || n < 0) {
-                    throw py::value_error("l, m and n must be at least 0");
-                }
-                if (l + mm + n > o.expansion.GetOptions().GetNPolyMax()) {
+            [](const ExpansionObject& o, py::object lArgument, py::object mArgument,
+               py::object nArgument) {
+                const long long order = o.expansion.GetOptions().GetNPolyMax();
+                const long long l = Degree(lArgument, "l", order + 1);
+                const long long mm = Degree(mArgument, "m", order + 1);
+                const long long n = Degree(nArgument, "n", order + 1);
+                if (l + mm + n > order) {
                     throw py::index_error("l + m + n exceeds the expansion order");
                 }
                 return o.expansion.GetCoefficient(QVHermiteMath::GetLmnIndex(
@@ -203,6 +253,7 @@ Args:
                 const std::vector<double> R = RotationMatrix(matrix, "matrix");
                 const double* storage = o.expansion.GetCoefficients().data();
                 RunLibrary([&] { o.expansion.RotateHermites(R); }, false);
+                o.rotations.push_back(R);
                 if (o.expansion.GetCoefficients().data() != storage) {
                     throw std::logic_error("the coefficients moved in memory during rotation");
                 }
@@ -232,14 +283,15 @@ Returns:
             "copy", [](const ExpansionObject& o) { return o; }, "An independent copy.")
         .def("__copy__", [](const ExpansionObject& o) { return o; })
         .def("__deepcopy__", [](const ExpansionObject& o, py::dict) { return o; })
-        .def("__repr__", &ExpansionRepr);
+        .def("__repr__", &ExpansionRepr)
+        .def(py::pickle(&ExpansionState, &ExpansionFromState));
 
     m.def(
         "lmn_index",
-        [](long long l, long long mm, long long n) {
-            if (l < 0 || mm < 0 || n < 0) {
-                throw py::value_error("l, m and n must be at least 0");
-            }
+        [](py::object lArgument, py::object mArgument, py::object nArgument) {
+            const long long l = Degree(lArgument, "l", 1001);
+            const long long mm = Degree(mArgument, "m", 1001);
+            const long long n = Degree(nArgument, "n", 1001);
             if (l + mm + n > 1000) {
                 throw py::value_error("l + m + n must be at most 1000");
             }

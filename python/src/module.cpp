@@ -20,6 +20,19 @@ PYBIND11_MODULE(_hermite, m) {
     error.attr("__module__") = "hermite";
     error.attr("__doc__") =
         "A fatal condition reported by the hermite library (the call was abandoned).";
+    // Messages may quote titles from files that are not UTF-8; PyErr_SetString would fail on
+    // them and report a UnicodeDecodeError instead. Translators registered later are tried
+    // first, so this one replaces the plain translation of register_exception.
+    static PyObject* errorType = error.ptr();
+    py::register_exception_translator([](std::exception_ptr raised) {
+        try {
+            if (raised) {
+                std::rethrow_exception(raised);
+            }
+        } catch (const LibraryError& e) {
+            PyErr_SetString(errorType, Utf8(e.what()).c_str());
+        }
+    });
 
     py::object warning = py::reinterpret_steal<py::object>(PyErr_NewExceptionWithDoc(
         "hermite.HermiteWarning", "A warning reported by the hermite library.",

@@ -1,6 +1,7 @@
 // The library's objectives for the users' own optimisers, and the centring and inertial
 // routines.
 
+#include <cmath>
 #include <memory>
 
 #include "common.h"
@@ -37,7 +38,11 @@ py::array_t<double> Unpacked(const std::vector<double>& packed, unsigned int n) 
 }
 
 /// An objective of the library with the value and gradient operations, for Python.
-template <class Function>
+/// The results are checked: x may be finite and still lie where the library's numerics give
+/// NaN or infinity (log lambdas of +-800, translations far beyond the densities); Python gets a
+/// ValueError saying so rather than a NaN that an optimiser would take for a number.
+/// `Traits::kName` names the class, `Traits::kReason` says which x lead there.
+template <class Function, class Traits>
 struct Objective {
     std::unique_ptr<Function> function;
 
@@ -45,25 +50,75 @@ struct Objective {
         const unsigned int n = function->NumVar();
         return Values(x, "x", n, n == 1 ? "one variable" : "one per variable");
     }
+    /// Raises the ValueError unless every value of `result` is finite.
+    void Check(const std::vector<double>& result, const char* what,
+               const std::vector<double>& point) const {
+        for (double v : result) {
+            if (!std::isfinite(v)) {
+                py::list x;
+                for (double xi : point) {
+                    x.append(xi);
+                }
+                RequireFiniteResult(result,
+                                    std::string(Traits::kName) + ": the " + what +
+                                        " at x = " + std::string(py::repr(x)),
+                                    Traits::kReason);
+            }
+        }
+    }
     double Value(py::handle x) {
         const std::vector<double> point = Point(x);
-        return RunLibrary([&] { return (*function)(point.data()); }, false);
+        const double value = RunLibrary([&] { return (*function)(point.data()); }, false);
+        Check({value}, "value", point);
+        return value;
     }
     py::tuple ValueAndGradient(py::handle x) {
         const std::vector<double> point = Point(x);
         std::vector<double> gradient(point.size());
         const double value =
             RunLibrary([&] { return (*function)(point.data(), gradient.data()); }, false);
+        Check({value}, "value", point);
+        Check(gradient, "gradient", point);
         return py::make_tuple(value, ToArray(std::move(gradient)));
     }
 };
 
-struct OverlapObjective : Objective<QVHermiteMath::QVHermiteOverlap> {
+struct OverlapTraits {
+    static constexpr const char* kName = "OverlapObjective";
+    static constexpr const char* kReason =
+        "the angles or the translation x[3:6] lie beyond the range in which the expansions can "
+        "be evaluated";
+};
+struct SelfOverlapTraits {
+    static constexpr const char* kName = "SelfOverlapObjective";
+    static constexpr const char* kReason =
+        "x holds the natural logarithms of the lambdas, and exp(x) is too large or too small a "
+        "basis scale for the expansion to be evaluated (keep x within a few units of 0)";
+};
+struct COMTraits {
+    static constexpr const char* kName = "COMObjective";
+    static constexpr const char* kReason =
+        "the translation, or the density itself, lies too far from the origin for the "
+        "expansion";
+};
+
+struct OverlapObjective : Objective<QVHermiteMath::QVHermiteOverlap, OverlapTraits> {
     QVHermiteOptions referenceOptions;
     QVHermiteOptions fitOptions;
 };
-struct SelfOverlapObjective : Objective<QVHermiteMath::QVHermiteSelfOverlap> {};
-struct COMObjective : Objective<QVHermiteMath::QVHermiteCOMFunc> {};
+struct SelfOverlapObjective : Objective<QVHermiteMath::QVHermiteSelfOverlap, SelfOverlapTraits> {};
+struct COMObjective : Objective<QVHermiteMath::QVHermiteCOMFunc, COMTraits> {};
+
+/// Raises the ValueError of a centring or orientation result that is not finite.
+void CheckCentring(const std::vector<double>& result, const char* function, const char* what,
+                   unsigned int order) {
+    RequireFiniteResult(result, std::string(function) + ": the " + what,
+                        "the Gaussians lie too far from the origin, or the lambdas are too "
+                        "extreme, for an order-" +
+                            std::to_string(order) +
+                            " expansion; move the Gaussians near the origin first (e.g. by "
+                            "the mean of their centres)");
+}
 
 template <class Class>
 void BindEvaluation(Class& cls) {
@@ -197,6 +252,8 @@ Args:
                 std::vector<double> gradient(3), hessian(6);
                 RunLibrary([&] { (*o.function)(point.data(), hessian.data(), gradient.data()); },
                            false);
+                o.Check(gradient, "gradient", point);
+                o.Check(hessian, "Hessian", point);
                 return py::make_tuple(ToArray(std::move(gradient)), Unpacked(hessian, 3));
             },
             py::arg("x"), "(gradient (3,), Hessian (3, 3)) in the log lambdas at x.")
@@ -233,6 +290,9 @@ Args:
                 const double value = RunLibrary(
                     [&] { return (*o.function)(point.data(), hessian.data(), gradient.data()); },
                     false);
+                o.Check({value}, "value", point);
+                o.Check(gradient, "gradient", point);
+                o.Check(hessian, "Hessian", point);
                 return py::make_tuple(value, ToArray(std::move(gradient)), Unpacked(hessian, 3));
             },
             py::arg("x"), "(value, gradient (3,), Hessian (3, 3)) at t = x.")
@@ -241,13 +301,15 @@ Args:
 
     m.def(
         "centre_of_mass",
-        [](py::object gaussians, long long order, py::object lambdas) {
+        [](py::object gaussians, py::object order, py::object lambdas) {
             std::vector<QVGaussian> density = GaussiansArgument(gaussians, "gaussians");
             const unsigned int N = Order(order);
             const std::vector<double> l = LambdaArgument(lambdas);
             const bool single = l[0] == l[1] && l[1] == l[2];
-            return ToArray(RunLibrary(
-                [&] { return QVHermiteMath::QVHermiteCM(density, N, l[0], l[1], l[2], single); }));
+            std::vector<double> centre = RunLibrary(
+                [&] { return QVHermiteMath::QVHermiteCM(density, N, l[0], l[1], l[2], single); });
+            CheckCentring(centre, "centre_of_mass", "centre of mass", N);
+            return ToArray(std::move(centre));
         },
         py::arg("gaussians"), py::kw_only(), py::arg("order") = 5, py::arg("lambdas") = 1.0,
         R"doc(
@@ -257,21 +319,21 @@ Gaussians with the given lambdas (one number or three), as a (3,) array.
 
     m.def(
         "iterative_search_com",
-        [](py::object gaussians, long long order, py::object lambdas, double tolerance,
-           long long maxIterations) {
+        [](py::object gaussians, py::object order, py::object lambdas, double tolerance,
+           py::object maxIterationsArgument) {
             GaussianList moved;
             moved.items = GaussiansArgument(gaussians, "gaussians");
             const unsigned int N = Order(order);
             const std::vector<double> l = LambdaArgument(lambdas);
             RequirePositive(tolerance, "tolerance");
-            if (maxIterations < 0 || maxIterations > 1000000) {
-                throw py::value_error("max_iterations must lie in 0..1000000");
-            }
+            const long long maxIterations =
+                Integer(maxIterationsArgument, "max_iterations", 0, 1000000);
             std::vector<double> centre = RunLibrary([&] {
                 return QVHermiteMath::QVIterativeSearchOfHermiteCOM(
                     moved.items, N, l[0], l[1], l[2], tolerance,
                     static_cast<unsigned int>(maxIterations));
             });
+            CheckCentring(centre, "iterative_search_com", "centre of mass", N);
             return centringRecord(ToArray(std::move(centre)), moved);
         },
         py::arg("gaussians"), py::kw_only(), py::arg("order") = 5, py::arg("lambdas") = 1.0,
@@ -286,13 +348,15 @@ Returns:
 
     m.def(
         "optimization_search_com",
-        [](py::object gaussians, long long order, double lambda) {
+        [](py::object gaussians, py::object order, double lambda) {
             std::vector<QVGaussian> density = GaussiansArgument(gaussians, "gaussians");
             const unsigned int N = Order(order);
             RequirePositive(lambda, "lambda_");
-            return ToArray(RunLibrary([&] {
+            std::vector<double> centre = RunLibrary([&] {
                 return QVHermiteMath::QVOptimizationSearchOfHermiteCOM(density, N, lambda);
-            }));
+            });
+            CheckCentring(centre, "optimization_search_com", "centre of mass", N);
+            return ToArray(std::move(centre));
         },
         py::arg("gaussians"), py::kw_only(), py::arg("order") = 5, py::arg("lambda_") = 1.0,
         R"doc(
@@ -302,7 +366,7 @@ minimiser (see hermite.COMObjective): returns -t*, a (3,) array. The Gaussians a
 
     m.def(
         "orient_by_moments_of_inertia",
-        [](py::object gaussians, long long order, py::object lambdas) {
+        [](py::object gaussians, py::object order, py::object lambdas) {
             GaussianList turned;
             turned.items = GaussiansArgument(gaussians, "gaussians");
             const unsigned int N = Order(order);
@@ -317,6 +381,11 @@ minimiser (see hermite.COMObjective): returns -t*, a (3,) array. The Gaussians a
             for (const auto& row : inertia) {
                 tensor.insert(tensor.end(), row.begin(), row.end());
             }
+            const char* name = "orient_by_moments_of_inertia";
+            CheckCentring(translation, name, "translation", N);
+            CheckCentring(rotation, name, "rotation", N);
+            CheckCentring(tensor, name, "inertia tensor", N);
+            CheckCentring(eigenvalues, name, "eigenvalues", N);
             return inertialRecord(
                 ToArray(std::move(translation)), ToArray(std::move(rotation), {3, 3}),
                 ToArray(std::move(tensor), {3, 3}), ToArray(std::move(eigenvalues)), turned);

@@ -15,7 +15,7 @@ std::string Repr(double value) {
     return py::repr(py::float_(value));
 }
 
-void SetOrder(QVHermiteOptions& options, long long order) {
+void SetOrder(QVHermiteOptions& options, py::object order) {
     const unsigned int checked = Order(order);
     RunLibrary([&] { options.SetNPolyMax(checked); }, false);
 }
@@ -43,7 +43,7 @@ std::string OptionsRepr(const QVHermiteOptions& options) {
     return out.str();
 }
 
-QVHermiteOptions MakeOptions(long long order, py::object lambdas, py::object lambda,
+QVHermiteOptions MakeOptions(py::object order, py::object lambdas, py::object lambda,
                              bool singleLambda, bool optimalLambdas) {
     if (!lambdas.is_none() && !lambda.is_none()) {
         throw py::value_error("give either lambdas or lambda_, not both");
@@ -143,8 +143,8 @@ Options(order=8, lambdas=(0.6, 0.6, 0.6), single_lambda=True, optimal_lambdas=Fa
                 if (state.size() != 4) {
                     throw py::value_error("invalid pickled Options state");
                 }
-                return MakeOptions(state[0].cast<long long>(), state[1], py::none(),
-                                   state[2].cast<bool>(), state[3].cast<bool>());
+                return MakeOptions(state[0], state[1], py::none(), state[2].cast<bool>(),
+                                   state[3].cast<bool>());
             }));
     // Options are compared by value; they are mutable, hence not hashable.
     m.attr("Options").attr("__hash__") = py::none();

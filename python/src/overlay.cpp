@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <exception>
+#include <limits>
 #include <sstream>
 #include <thread>
 
@@ -110,12 +111,8 @@ const char* const kSettingNames[] = {"order",
                                      "electrostatics",
                                      "electrostatic_width"};
 
-unsigned int Count(long long value, const char* name, long long maximum) {
-    if (value < 0 || value > maximum) {
-        throw py::value_error(std::string(name) + " must lie in 0.." + std::to_string(maximum) +
-                              ", got " + std::to_string(value));
-    }
-    return static_cast<unsigned int>(value);
+unsigned int Count(py::handle value, const char* name, long long maximum) {
+    return static_cast<unsigned int>(Integer(value, name, 0, maximum));
 }
 
 /// `settings` (or the defaults) with the keyword arguments applied through the properties, so
@@ -199,10 +196,77 @@ OverlayResultObject MakeResult(const Result& result, const QVMol& fit, const std
     return object;
 }
 
+// Pickling. The states are plain Python values (dicts, tuples, floats, arrays), so that results
+// can travel between processes, e.g. as return values of multiprocessing workers.
+
+py::dict SettingsState(const Settings& s) {
+    py::dict d;
+    d["order"] = s.order;
+    d["starts"] = s.extraStarts;
+    d["seed"] = s.seed;
+    d["relative_tolerance"] = s.relativeTolerance;
+    d["iteration_limit"] = s.iterationLimit;
+    d["refine_candidates"] = s.refineCandidates;
+    d["refine_iteration_limit"] = s.refineIterationLimit;
+    d["electrostatics"] = s.electrostatics;
+    d["electrostatic_width"] = s.electrostaticWidth;
+    return d;
+}
+
+Scores ScoresFromDict(const py::dict& d) {
+    const auto get = [&d](const char* name) {
+        if (!d.contains(name)) {
+            throw py::value_error(std::string("invalid pickled Scores state: no ") + name);
+        }
+        return d[name].cast<double>();
+    };
+    Scores s;
+    s.shapeTanimoto = get("shape_tanimoto");
+    s.hermiteTanimoto = get("hermite_tanimoto");
+    s.shapeTverskyQuery = get("tversky_query");
+    s.shapeTverskyFit = get("tversky_fit");
+    s.electrostaticTanimoto = get("es_tanimoto");
+    s.electrostaticCarbo = get("es_carbo");
+    s.combo = get("combo");
+    s.overlap = get("overlap");
+    s.querySelfOverlap = get("query_self_overlap");
+    s.fitSelfOverlap = get("fit_self_overlap");
+    return s;
+}
+
+py::tuple ResultState(const OverlayResultObject& r) {
+    double R[9], t[3];
+    r.result.transform.Extract(R, t, true);
+    return py::make_tuple(ToArray(std::vector<double>(R, R + 9), {3, 3}),
+                          ToArray(std::vector<double>(t, t + 3)), ScoreDict(r.result.scores),
+                          r.result.hermiteEvaluations, r.result.exactEvaluations, Text(r.title),
+                          Text(r.queryTitle), r.electrostatics,
+                          ToArray(std::vector<double>(r.aligned),
+                                  {static_cast<py::ssize_t>(r.aligned.size() / 3), 3}));
+}
+
+OverlayResultObject ResultFromState(const py::tuple& state) {
+    if (state.size() != 9) {
+        throw py::value_error("invalid pickled OverlayResult state");
+    }
+    const std::vector<double> R = Values(state[0].attr("ravel")(), "rotation", 9);
+    const std::vector<double> t = Values(state[1], "translation", 3);
+    OverlayResultObject r;
+    r.result.transform = QVChem::QVTrans(R.data(), t.data());
+    r.result.scores = ScoresFromDict(state[2].cast<py::dict>());
+    r.result.hermiteEvaluations = state[3].cast<unsigned int>();
+    r.result.exactEvaluations = state[4].cast<unsigned int>();
+    r.title = state[5].cast<std::string>();
+    r.queryTitle = state[6].cast<std::string>();
+    r.electrostatics = state[7].cast<bool>();
+    r.aligned = Points(state[8], "aligned_coords", true);
+    return r;
+}
+
 std::string ResultRepr(const OverlayResultObject& r) {
     std::ostringstream out;
     out.precision(4);
-    out << std::fixed << "OverlayResult(title=" << std::string(py::repr(py::str(r.title)))
+    out << std::fixed << "OverlayResult(title=" << std::string(py::repr(Text(r.title)))
         << ", shape_tanimoto=" << r.result.scores.shapeTanimoto
         << ", tversky_query=" << r.result.scores.shapeTverskyQuery;
     if (r.electrostatics) {
@@ -298,7 +362,7 @@ std::vector<QVMol> FitMolecules(py::handle molecules) {
     return fits;
 }
 
-py::list ScreenResults(py::handle query, py::handle molecules, long long threads,
+py::list ScreenResults(py::handle query, py::handle molecules, py::handle threadsArgument,
                        py::handle settings, const py::kwargs& kwargs, bool scoreOnly,
                        py::handle progress) {
     if (!progress.is_none() && !PyCallable_Check(progress.ptr())) {
@@ -307,9 +371,7 @@ py::list ScreenResults(py::handle query, py::handle molecules, long long threads
     const QVMol& queryMol = MoleculeArgument(query, "query");
     const Settings resolved = ResolveSettings(settings, kwargs);
     const std::vector<QVMol> fits = FitMolecules(molecules);
-    if (threads < -1024 || threads > 1024) {
-        throw py::value_error("threads must lie in -1024..1024, got " + std::to_string(threads));
-    }
+    const long long threads = Integer(threadsArgument, "threads", -1024, 1024);
     const unsigned int threadCount = std::min<unsigned int>(
         screen::ResolveThreadCount(threads, std::thread::hardware_concurrency()),
         static_cast<unsigned int>(
@@ -393,7 +455,7 @@ Args:
             "charges", [](const MoleculeObject& o) { return Charges(o.mol); },
             "(n,) array of the partial charges (a copy).")
         .def_property(
-            "title", [](const MoleculeObject& o) { return o.mol.GetTitle(); },
+            "title", [](const MoleculeObject& o) { return Text(o.mol.GetTitle()); },
             [](MoleculeObject& o, std::string title) { o.mol.SetTitle(std::move(title)); },
             "The molecule's name.")
         .def_property_readonly(
@@ -427,13 +489,13 @@ Args:
         .def("__deepcopy__", [](const MoleculeObject& o, py::dict) { return o; })
         .def("__repr__",
              [](const MoleculeObject& o) {
-                 return "Molecule(title=" + std::string(py::repr(py::str(o.mol.GetTitle()))) +
+                 return "Molecule(title=" + std::string(py::repr(Text(o.mol.GetTitle()))) +
                         ", num_atoms=" + std::to_string(o.mol.NumAtoms()) + ")";
              })
         .def(py::pickle(
             [](const MoleculeObject& o) {
                 return py::make_tuple(AtomicNumbers(o.mol), Coords(o.mol), Charges(o.mol),
-                                      o.mol.GetTitle());
+                                      Text(o.mol.GetTitle()));
             },
             [](py::tuple state) {
                 if (state.size() != 4) {
@@ -461,14 +523,17 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
         .def(py::init([](py::kwargs kwargs) { return ResolveSettings(py::none(), kwargs); }))
         .def_property(
             "order", [](const Settings& s) { return s.order; },
-            [](Settings& s, long long v) { s.order = Order(v); }, "Hermite expansion order.")
+            [](Settings& s, py::object v) { s.order = Order(v); }, "Hermite expansion order.")
         .def_property(
             "starts", [](const Settings& s) { return s.extraStarts; },
-            [](Settings& s, long long v) { s.extraStarts = Count(v, "starts", 100000); },
+            [](Settings& s, py::object v) { s.extraStarts = Count(v, "starts", 100000); },
             "Random start rotations besides the four flips.")
         .def_property(
             "seed", [](const Settings& s) { return s.seed; },
-            [](Settings& s, std::uint64_t v) { s.seed = v; }, "Seed of the random starts.")
+            [](Settings& s, py::object v) {
+                s.seed = Unsigned(v, "seed", std::numeric_limits<std::uint64_t>::max());
+            },
+            "Seed of the random starts (0..2**64 - 1).")
         .def_property(
             "relative_tolerance", [](const Settings& s) { return s.relativeTolerance; },
             [](Settings& s, double v) {
@@ -477,19 +542,19 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
             "BFGS gradient tolerance relative to the query's self-overlap.")
         .def_property(
             "iteration_limit", [](const Settings& s) { return s.iterationLimit; },
-            [](Settings& s, long long v) {
+            [](Settings& s, py::object v) {
                 s.iterationLimit = Count(v, "iteration_limit", 1000000);
             },
             "BFGS iteration limit per start.")
         .def_property(
             "refine_candidates", [](const Settings& s) { return s.refineCandidates; },
-            [](Settings& s, long long v) {
+            [](Settings& s, py::object v) {
                 s.refineCandidates = Count(v, "refine_candidates", 1000);
             },
             "Best Hermite poses refined on the exact overlap (0: none).")
         .def_property(
             "refine_iteration_limit", [](const Settings& s) { return s.refineIterationLimit; },
-            [](Settings& s, long long v) {
+            [](Settings& s, py::object v) {
                 s.refineIterationLimit = Count(v, "refine_iteration_limit", 1000000);
             },
             "BFGS iteration limit of the exact refinement.")
@@ -506,7 +571,11 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
         .def(
             "copy", [](const Settings& s) { return s; }, "A copy.")
         .def("__copy__", [](const Settings& s) { return s; })
-        .def("__deepcopy__", [](const Settings& s, py::dict) { return s; });
+        .def("__deepcopy__", [](const Settings& s, py::dict) { return s; })
+        .def(py::pickle(&SettingsState, [](const py::dict& state) {
+            // Through the properties, so that a tampered state is checked like arguments.
+            return ResolveSettings(py::none(), py::reinterpret_borrow<py::kwargs>(state));
+        }));
 
     py::class_<Scores>(m, "Scores", R"doc(
 Scores of an overlay, from exact overlap integrals of the atom Gaussians at the final pose
@@ -529,7 +598,8 @@ overlap = O_qf, query_self_overlap = O_qq, fit_self_overlap = O_ff (angstrom^3).
         .def_readonly("query_self_overlap", &Scores::querySelfOverlap)
         .def_readonly("fit_self_overlap", &Scores::fitSelfOverlap)
         .def("as_dict", &ScoreDict, "The scores as a dict keyed by their names.")
-        .def("__repr__", &ScoresRepr);
+        .def("__repr__", &ScoresRepr)
+        .def(py::pickle(&ScoreDict, [](const py::dict& state) { return ScoresFromDict(state); }));
 
     py::class_<OverlayResultObject>(m, "OverlayResult", R"doc(
 The result of overlaying a fit molecule onto a query: scores and the rigid motion of the fit.
@@ -576,8 +646,12 @@ The result of overlaying a fit molecule onto a query: scores and the rigid motio
             },
             py::arg("coords"),
             "Moves other (n, 3) coordinates of the fit (e.g. its hydrogens) by the transform.")
-        .def_readonly("title", &OverlayResultObject::title, "The fit molecule's title.")
-        .def_readonly("query_title", &OverlayResultObject::queryTitle, "The query's title.")
+        .def_property_readonly(
+            "title", [](const OverlayResultObject& r) { return Text(r.title); },
+            "The fit molecule's title.")
+        .def_property_readonly(
+            "query_title", [](const OverlayResultObject& r) { return Text(r.queryTitle); },
+            "The query's title.")
         .def_readonly("electrostatics", &OverlayResultObject::electrostatics,
                       "Whether the electrostatic scores were computed.")
         .def_property_readonly(
@@ -588,7 +662,8 @@ The result of overlaying a fit molecule onto a query: scores and the rigid motio
             "exact_evaluations",
             [](const OverlayResultObject& r) { return r.result.exactEvaluations; },
             "Value-and-gradient evaluations of the exact overlap.")
-        .def("__repr__", &ResultRepr);
+        .def("__repr__", &ResultRepr)
+        .def(py::pickle(&ResultState, &ResultFromState));
 
     const std::string overlayDoc = std::string(R"doc(
 Overlays ``fit`` onto ``query`` by shape: both are put into their principal frames, the Hermite
@@ -641,7 +716,7 @@ Returns:
 )doc";
     m.def(
         "screen",
-        [](py::object query, py::object molecules, long long threads, bool scoreOnly,
+        [](py::object query, py::object molecules, py::object threads, bool scoreOnly,
            py::object progress, py::object settings, py::kwargs kwargs) {
             return ScreenResults(query, molecules, threads, settings, kwargs, scoreOnly, progress);
         },

@@ -13,6 +13,12 @@ import hermite
 CDK2_SDF = "/usr/share/RDKit/Contrib/Fastcluster/testdata/cdk2.sdf"
 
 
+def time_limit(seconds: float) -> float:
+    """`seconds` scaled for slow builds: HERMITE_TIME_SCALE (set by the sanitizer runs)
+    multiplies every time limit of the tests."""
+    return seconds * float(os.environ.get("HERMITE_TIME_SCALE", "1") or 1)
+
+
 @pytest.fixture(scope="session")
 def cdk2_path() -> str:
     """The CDK2 ligand file (47 ligands with hydrogens and 3-D coordinates)."""

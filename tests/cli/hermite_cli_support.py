@@ -18,6 +18,12 @@ CDK2 = Path(os.environ.get("HERMITE_CDK2_SDF",
                            "/usr/share/RDKit/Contrib/Fastcluster/testdata/cdk2.sdf"))
 
 
+def time_limit(seconds):
+    """`seconds` scaled for slow builds: HERMITE_TIME_SCALE (set by the sanitizer runs)
+    multiplies every time limit of the tests."""
+    return seconds * float(os.environ.get("HERMITE_TIME_SCALE", "1") or 1)
+
+
 def require_inputs():
     """Fails the test (not skips it) when the binary or the data are missing."""
     if not HERMITE or not Path(HERMITE).is_file():
@@ -110,6 +116,19 @@ def expansion_value(expansion, point):
 def retitled(record, title):
     """An SD record with another title."""
     return title + "\n" + record.split("\n", 1)[1]
+
+
+def scaled(record, factor):
+    """The SD record with every atom moved away from (factor > 1) or towards (factor < 1) its
+    first atom: the same compound in another shape, as another conformer of it."""
+    lines = record.split("\n")
+    count = int(lines[3][:3])
+    origin = [float(lines[4][10 * i:10 * i + 10]) for i in range(3)]
+    for k in range(4, 4 + count):
+        xyz = [float(lines[k][10 * i:10 * i + 10]) for i in range(3)]
+        moved = [origin[i] + factor * (xyz[i] - origin[i]) for i in range(3)]
+        lines[k] = "".join(f"{v:10.4f}" for v in moved) + lines[k][30:]
+    return "\n".join(lines)
 
 
 def sd_record_texts(path):

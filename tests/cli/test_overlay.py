@@ -5,7 +5,7 @@ import math
 import pytest
 
 from hermite_cli_support import (CDK2, cdk2_records, query_file, ranked, read_sdf, read_tsv, run,
-                                 sd_coordinates)
+                                 scaled, sd_coordinates)
 
 # The first CDK2 ligand alone: every molecule of a query file is a query.
 QUERY = query_file()
@@ -219,11 +219,11 @@ def retitled(record, title):
 
 def test_best_conformer_is_kept(tmp_path):
     records = cdk2_records()
-    # Three conformers of "multi": two other ligands around the query itself, then two equal
-    # conformers of "twin" (the first of equal ones wins).
+    # Three conformers of "multi": the query stretched and shrunk around the query itself, then
+    # two equal conformers of "twin" (the first of equal ones wins).
     db = tmp_path / "multi.sdf"
-    db.write_text(retitled(records[1], "multi") + retitled(records[0], "multi") +
-                  retitled(records[2], "multi") + retitled(records[0], "twin") +
+    db.write_text(retitled(scaled(records[0], 1.3), "multi") + retitled(records[0], "multi") +
+                  retitled(scaled(records[0], 0.8), "multi") + retitled(records[0], "twin") +
                   retitled(records[0], "twin"))
     result = run("overlay", "--query", QUERY, "--db", db, "--scores", "scores.tsv", "--out",
                  "hits.sdf", "--quiet", cwd=tmp_path)

@@ -12,8 +12,8 @@ import h5py
 import pytest
 
 from hermite_cli_support import (CDK2, HERMITE, cdk2_records, query_file, ranked, read_sdf,
-                                 read_tsv, retitled, run, sd_elements, sd_record_texts, write_sdf,
-                                 write_smiles)
+                                 read_tsv, retitled, run, scaled, sd_elements, sd_record_texts,
+                                 time_limit, write_sdf, write_smiles)
 
 # The first CDK2 ligand alone: every molecule of a query file is a query.
 QUERY = query_file()
@@ -163,11 +163,12 @@ def test_smiles_hits_carry_hydrogens(drugs, source):
 
 @pytest.fixture(scope="module")
 def multi_query(tmp_path_factory):
-    """Three CDK2 ligands as queries, the second with two conformers (its own record and another
-    ligand's retitled to share its title), and the runs of each query alone."""
+    """Three CDK2 ligands as queries, the second with two conformers (its own record and a copy
+    shrunk towards its first atom), and the runs of each query alone."""
     directory = tmp_path_factory.mktemp("multi-query")
     records = cdk2_records()
-    first, second, extra, third = records[0], records[10], records[20], records[30]
+    first, second, third = records[0], records[10], records[30]
+    extra = scaled(second, 0.85)
     second_title = second.split("\n")[0]
     conformers = {(1, 1): [first], (2, 1): [second], (2, 2): [retitled(extra, second_title)],
                   (3, 1): [third]}
@@ -184,12 +185,12 @@ def multi_query(tmp_path_factory):
 
     alone = {}
     for (q, c), recs in conformers.items():
-        write_sdf(directory / f"conformer-{q}-{c}.sdf", recs)
-        alone[(q, c)] = overlay(f"conformer-{q}-{c}.sdf", f"conformer-{q}-{c}")
+        write_sdf(directory / f"query-conformer-{q}-{c}.sdf", recs)
+        alone[(q, c)] = overlay(f"query-conformer-{q}-{c}.sdf", f"conformer-{q}-{c}")
     per_molecule = {}
     for q, recs in molecules.items():
-        write_sdf(directory / f"molecule-{q}.sdf", recs)
-        per_molecule[q] = overlay(f"molecule-{q}.sdf", f"molecule-{q}", best="5")
+        write_sdf(directory / f"query-molecule-{q}.sdf", recs)
+        per_molecule[q] = overlay(f"query-molecule-{q}.sdf", f"molecule-{q}", best="5")
     combined = overlay("queries.sdf", "combined")
     per_query = overlay("queries.sdf", "per-query", "--per-query", best="5")
     return dict(directory=directory, titles=titles, alone=alone, per_molecule=per_molecule,
@@ -512,7 +513,7 @@ def interrupt(directory, arguments, inputs, sig, after=1.5):
         assert process.poll() is None, "finished before the signal"
         process.send_signal(sig)
         signalled = time.monotonic()
-        stdout, stderr = process.communicate(timeout=2)
+        stdout, stderr = process.communicate(timeout=time_limit(2.0))
         elapsed = time.monotonic() - signalled
     except subprocess.TimeoutExpired:
         process.kill()
@@ -523,7 +524,7 @@ def interrupt(directory, arguments, inputs, sig, after=1.5):
             process.kill()
             process.communicate()
     assert process.returncode == 130, stderr
-    assert elapsed < 2.0
+    assert elapsed < time_limit(2.0)
     assert stdout == ""
     assert "interrupted" in stderr
     assert sorted(os.listdir(directory)) == sorted(inputs)

@@ -225,10 +225,11 @@ TEST(MoleculeReader, ConsecutiveRecordsWithTheSameTitleAreConformers) {
     const std::vector<std::string> records = SplitSdRecords(ReadText(Cdk2Path));
     TemporaryDirectory directory;
     const std::string path = directory.File("conformers.sdf");
-    // A, A, A, B, C, C, A: the last A follows C, so it is a molecule of its own.
-    WriteText(path, Retitled(records[0], "A") + Retitled(records[1], "A") +
-                        Retitled(records[2], "A") + Retitled(records[3], "B") +
-                        Retitled(records[4], "C") + Retitled(records[5], "C") +
+    // A, A, A, B, C, C, A: the last A follows C, so it is a molecule of its own. Conformers of
+    // one molecule share its constitution.
+    WriteText(path, Retitled(records[0], "A") + Retitled(records[0], "A") +
+                        Retitled(records[0], "A") + Retitled(records[3], "B") +
+                        Retitled(records[4], "C") + Retitled(records[4], "C") +
                         Retitled(records[6], "A"));
     MoleculeReader reader(path);
     std::vector<Molecule> molecules;
@@ -251,6 +252,7 @@ TEST(MoleculeReader, ConsecutiveRecordsWithTheSameTitleAreConformers) {
     EXPECT_EQ(reader.RecordsRead(), 7u);
     EXPECT_EQ(reader.MoleculesReturned(), 4u);
     EXPECT_EQ(reader.ConformersReturned(), 7u);
+    EXPECT_TRUE(reader.Problems().empty());
 }
 
 TEST(MoleculeReader, RecordsWithoutTitleAreNeverGrouped) {

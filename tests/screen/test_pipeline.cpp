@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -157,7 +158,8 @@ TEST(PipelineTest, CancellationFromPollStopsWithinTheInterval) {
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     EXPECT_TRUE(statistics.cancelled);
-    EXPECT_LT(seconds, 1.0);
+    const char* scale = std::getenv("HERMITE_TIME_SCALE");  // slow builds (sanitizers)
+    EXPECT_LT(seconds, 1.0 * (scale != nullptr && std::atof(scale) > 0.0 ? std::atof(scale) : 1.0));
     EXPECT_GT(consumed.size(), 10u);
     for (std::size_t i = 0; i < consumed.size(); ++i) {
         ASSERT_EQ(consumed[i], static_cast<int>(i));
