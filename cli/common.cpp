@@ -2,11 +2,15 @@
 
 #include "cli/common.h"
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
 
+#include "io/atomic_file.h"
 #include "qv/error.h"
 
 namespace hermite::cli {
@@ -22,9 +26,17 @@ std::atomic<bool> interrupted{false};
 /// Where the library's warnings raised in this thread go (null: printed).
 thread_local std::vector<std::string>* warningSink = nullptr;
 
-extern "C" void OnInterrupt(int signal) {
-    interrupted.store(true);
-    std::signal(signal, SIG_DFL);
+/// The first SIGINT, SIGTERM or SIGHUP asks the run to stop: it winds down, discards its
+/// outputs and exits with 130. A second one means the user will not wait for that: the
+/// temporary files of the outputs are removed right here and the process ends at once. Only
+/// async-signal-safe calls (atomic stores and exchanges, unlink, _exit).
+extern "C" void OnInterrupt(int) {
+    if (interrupted.exchange(true)) {
+        io::RemoveTemporaryFilesNow();
+        ::_exit(kExitInterrupted);
+    }
+    // An output FIFO without a reader must not keep the run from stopping.
+    io::StopWaitingForReaders();
 }
 
 }  // namespace
@@ -167,8 +179,24 @@ void LibraryErrors::CollectWarnings(std::vector<std::string>* sink) {
 }
 
 void CatchInterrupts() {
-    std::signal(SIGINT, OnInterrupt);
-    std::signal(SIGTERM, OnInterrupt);
+    struct sigaction action {};
+    action.sa_handler = OnInterrupt;
+    // Interrupted system calls resume; the handler is not re-entered by the other signals.
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&action.sa_mask, number);
+    }
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        ::sigaction(number, &action, nullptr);
+    }
+    // A reader that goes away (a closed pipe, `| head`) makes writes fail with EPIPE, which are
+    // reported like any other write error, instead of killing the process with its temporary
+    // files left behind.
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    ::sigaction(SIGPIPE, &ignore, nullptr);
 }
 
 bool Interrupted() {

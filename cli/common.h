@@ -25,7 +25,7 @@ enum ExitStatus : int {
     kExitSkipped = 1,       ///< some record or file was skipped; the results are still written
     kExitUsage = 2,         ///< a mistake on the command line
     kExitUnusable = 3,      ///< an output could not be written, or the input molecule not read
-    kExitInterrupted = 130  ///< stopped by SIGINT or SIGTERM; no output written
+    kExitInterrupted = 130  ///< stopped by SIGINT, SIGTERM or SIGHUP; no output written
 };
 
 /// A failure that stops a command with exit status 3 (message printed as
@@ -100,11 +100,13 @@ public:
     static void CollectWarnings(std::vector<std::string>* sink);
 };
 
-/// Installs handlers for SIGINT and SIGTERM that set the flag returned by `Interrupted` (and
-/// restore the default action, so that a second signal stops the process at once).
+/// Installs handlers for SIGINT, SIGTERM and SIGHUP that set the flag returned by
+/// `Interrupted`; a second such signal removes the temporary files of all outputs
+/// (`io::RemoveTemporaryFilesNow`) and ends the process at once with `kExitInterrupted`.
+/// Also ignores SIGPIPE, so that writing to a reader that went away is an error to report.
 void CatchInterrupts();
 
-/// True once SIGINT or SIGTERM arrived after `CatchInterrupts`.
+/// True once SIGINT, SIGTERM or SIGHUP arrived after `CatchInterrupts`.
 bool Interrupted();
 
 // =============================================================================================

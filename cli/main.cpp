@@ -100,7 +100,8 @@ int RunCommand(const Command& command, const std::vector<std::string>& arguments
         return kExitUsage;
     } catch (const FatalError& error) {
         std::cerr << prefix << error.what() << "\n";
-        return kExitUnusable;
+        // A failure caused by a stop request (a wait for a reader cut short) is an interruption.
+        return Interrupted() ? kExitInterrupted : kExitUnusable;
     } catch (const std::exception& error) {
         std::cerr << prefix << "error: " << error.what() << "\n";
         return kExitUnusable;
