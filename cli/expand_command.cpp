@@ -1,5 +1,7 @@
 // `hermite expand`: a molecule's Hermite expansion as JSON.
 
+#include <array>
+#include <cmath>
 #include <iostream>
 
 #include "cli/commands.h"
@@ -53,6 +55,24 @@ std::string ExpansionJson(const io::Conformer& conformer, const Density& density
     return json + "}\n";
 }
 
+/// Warns when the truncated expansion holds less than half of the density's exact self-overlap:
+/// the density lies too far from the origin for the basis (only without centring).
+void WarnAboutLostDensity(const Density& density) {
+    const double exact = QVHermiteMath::GaussianOverlap(density.gaussians, density.gaussians);
+    const double held = density.expansion.GetSelfOverlap();
+    if (!(exact > 0.0) || held >= 0.5 * exact) {
+        return;
+    }
+    const std::array<double, 3> mean = MeanCentre(density.gaussians);
+    const double distance = std::sqrt(mean[0] * mean[0] + mean[1] * mean[1] + mean[2] * mean[2]);
+    std::cerr << "hermite expand: warning: the expansion holds only "
+              << FormatFixed(100.0 * held / exact, 1)
+              << "% of the density's exact self-overlap: the density lies "
+              << FormatFixed(distance, 1)
+              << " angstrom from the origin, where the Hermite functions are centred; leave out "
+                 "--no-centre to centre it\n";
+}
+
 }  // namespace
 
 ArgumentParser ExpandParser() {
@@ -64,7 +84,7 @@ ArgumentParser ExpandParser() {
         "self_overlap (of the truncated expansion, sum of c^2 K_l K_m K_n / (lx ly lz)), "
         "exact_self_overlap (the analytic overlap integral of the Gaussians with themselves), "
         "centre (the point the density was moved from to the origin before expanding; zeros "
-        "without --centre), coefficient_order and coefficients, a list of [l, m, n, value] in "
+        "with --no-centre), coefficient_order and coefficients, a list of [l, m, n, value] in "
         "lmn order (by total degree, then l, then m). Numbers are written with 17 significant "
         "digits, so they read back exactly.\n"
         "\n"
@@ -82,7 +102,10 @@ ArgumentParser ExpandParser() {
                 "the optimal one.")
         .Flag("--centre",
               "Move the density so that the mean of the atom positions is at the origin before "
-              "expanding it.");
+              "expanding it (the default).")
+        .Flag("--no-centre",
+              "Expand the density where it lies. Hermite functions are centred on the origin: "
+              "a density far from it loses most of itself, which is reported as a warning.");
     AddOrderOption(parser, 5);
     AddReadOptions(parser);
     return parser;
@@ -93,7 +116,10 @@ int RunExpand(const CommandLine& line) {
     DensityRequest request;
     request.order = OrderFrom(line, request.order);
     request.electrostatics = line.Has("--electrostatics");
-    request.centre = line.Has("--centre");
+    if (line.Has("--centre") && line.Has("--no-centre")) {
+        throw UsageError("--centre and --no-centre exclude each other");
+    }
+    request.centre = !line.Has("--no-centre");
     if (line.Has("--lambda")) {
         request.lambda = ParseReal("--lambda", line.Value("--lambda"), 0.001, 100.0);
     }
@@ -106,6 +132,7 @@ int RunExpand(const CommandLine& line) {
     const FirstMolecule input =
         ReadInputMolecule("expand", path, readOptions, request.electrostatics);
     const Density density = ExpandDensity(input.conformer.Mol(), request);
+    WarnAboutLostDensity(density);
     const std::string json = ExpansionJson(input.conformer, density, request.electrostatics);
     if (out.empty()) {
         std::cout << json << std::flush;

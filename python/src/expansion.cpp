@@ -40,6 +40,35 @@ long long Degree(py::handle value, const char* name, long long cap) {
     return degree > py::int_(cap) ? cap : degree.cast<long long>();
 }
 
+/// Warns (hermite.HermiteWarning) when the truncated expansion holds less than half of the
+/// density's exact self-overlap `exact`: Hermite functions are centred on the origin, and a
+/// density far from it is mostly lost.
+void WarnAboutLostDensity(const ExpansionObject& object, double exact) {
+    const double held = object.expansion.GetSelfOverlap();
+    if (!(exact > 0.0) || held >= 0.5 * exact) {
+        return;
+    }
+    double mean[3] = {0.0, 0.0, 0.0};
+    for (const QVSystem::QVGaussian& g : object.gaussians) {
+        mean[0] += g.GetX();
+        mean[1] += g.GetY();
+        mean[2] += g.GetZ();
+    }
+    const double count = static_cast<double>(object.gaussians.size());
+    const double distance =
+        std::sqrt(mean[0] * mean[0] + mean[1] * mean[1] + mean[2] * mean[2]) / count;
+    std::ostringstream message;
+    message.precision(1);
+    message << std::fixed << "the expansion holds only " << 100.0 * held / exact
+            << "% of the density's exact self-overlap: the mean centre of the Gaussians lies "
+            << distance
+            << " angstrom from the origin, where the Hermite functions are centred; move them "
+               "there first (Gaussians.translated)";
+    Diagnostics diagnostics;
+    diagnostics.AddWarning(message.str());
+    EmitWarnings(diagnostics);
+}
+
 ExpansionObject MakeExpansion(py::handle gaussians, py::object options) {
     const auto& density = GaussiansArgument(gaussians, "gaussians");
     QVHermiteOptions used;
@@ -50,8 +79,12 @@ ExpansionObject MakeExpansion(py::handle gaussians, py::object options) {
         used = options.cast<const QVHermiteOptions&>();
     }
     ExpansionObject object;
-    RunLibrary([&] { object.expansion.Setup(density, used); });
+    const double exact = RunLibrary([&] {
+        object.expansion.Setup(density, used);
+        return QVHermiteMath::GaussianOverlap(density, density);
+    });
     object.gaussians = density;
+    WarnAboutLostDensity(object, exact);
     return object;
 }
 

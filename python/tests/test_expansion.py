@@ -4,6 +4,7 @@ the no-copy coefficient views, rotation and rendering."""
 from __future__ import annotations
 
 import gc
+import warnings
 from math import factorial, pi, sqrt
 
 import numpy as np
@@ -196,3 +197,19 @@ def test_render_with_transform_moves_the_density() -> None:
 def test_repr_is_readable(density: hermite.Gaussians) -> None:
     text = repr(hermite.Expansion(density, hermite.Options(order=3)))
     assert text.startswith("Expansion(order=3, lambdas=(") and "self_overlap=" in text
+
+
+def test_an_expansion_that_loses_its_density_far_from_the_origin_warns(
+        density: hermite.Gaussians) -> None:
+    options = hermite.Options(order=5)
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")
+        near = hermite.Expansion(density, options)  # no warning where the density is
+    far = density.translated([150.0, 0.0, 0.0])
+    with pytest.warns(hermite.HermiteWarning, match=r"holds only .*% of the density's exact "
+                      r"self-overlap: the mean centre of the Gaussians lies 1[45]\d\.\d angstrom"):
+        lost = hermite.Expansion(far, options)
+    assert lost.self_overlap < 0.5 * near.self_overlap
+    # Moved back, the same density expands as before.
+    back = hermite.Expansion(far.translated([-150.0, 0.0, 0.0]), options)
+    assert back.self_overlap == pytest.approx(near.self_overlap, rel=1e-5)

@@ -35,7 +35,7 @@ def heavy_atom_positions():
 
 
 def test_json_fields_and_coefficient_order():
-    data, result = expand("--order", "4")
+    data, result = expand("--order", "4", "--no-centre")
     assert list(data) == KEYS
     assert data["title"] == "ZINC03814457"
     assert data["record"] == 1 and data["density"] == "shape"
@@ -99,7 +99,7 @@ def test_fixed_lambda_and_optimum():
 
 
 def test_centre_is_the_mean_atom_position():
-    data, _ = expand("--centre")
+    data, _ = expand()
     positions = heavy_atom_positions()
     mean = [sum(p[axis] for p in positions) / len(positions) for axis in range(3)]
     assert data["centre"] == pytest.approx(mean, abs=1e-5)
@@ -139,3 +139,39 @@ def test_smiles_input(tmp_path):
     data = json.loads(result.stdout)
     assert data["title"] == "benzoic acid"
     assert data["atoms"] == 9
+
+
+def moved_query(tmp_path, shift):
+    """The first CDK2 ligand moved by `shift` angstrom along x, as an SD file."""
+    record = cdk2_records()[0].split("\n")
+    counts = int(record[3][:3])
+    for i in range(4, 4 + counts):
+        line = record[i]
+        record[i] = f"{float(line[:10]) + shift:10.4f}" + line[10:]
+    path = tmp_path / f"moved-{shift}.sdf"
+    path.write_text("\n".join(record))
+    return path
+
+
+def test_a_molecule_far_from_the_origin_is_centred_by_default(tmp_path):
+    near, _ = expand()
+    far_path = moved_query(tmp_path, 250.0)
+    result = run("expand", far_path)
+    assert result.returncode == 0, result.stderr
+    far = json.loads(result.stdout)
+    assert far["centre"][0] == pytest.approx(near["centre"][0] + 250.0, abs=1e-3)
+    assert far["lambdas"] == pytest.approx(near["lambdas"], rel=1e-4)
+    assert far["self_overlap"] == pytest.approx(near["self_overlap"], rel=1e-4)
+    assert "warning" not in result.stderr
+
+
+def test_an_uncentred_expansion_that_loses_the_density_is_reported(tmp_path):
+    result = run("expand", moved_query(tmp_path, 250.0), "--no-centre")
+    assert result.returncode == 0, result.stderr
+    data = json.loads(result.stdout)
+    assert data["centre"] == [0, 0, 0]
+    assert data["self_overlap"] < 0.5 * data["exact_self_overlap"]
+    assert "warning: the expansion holds only" in result.stderr
+    assert "from the origin" in result.stderr
+    both = run("expand", CDK2, "--centre", "--no-centre")
+    assert both.returncode == 2
