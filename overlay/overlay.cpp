@@ -2,8 +2,11 @@
 
 #include <Eigen/Dense>
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdio>
 #include <random>
+#include <string>
 
 #include "overlay/exact_overlap.h"
 #include "overlay/fast_overlap.h"
@@ -54,6 +57,11 @@ QVTrans PrincipalFrame(const std::vector<QVGaussian>& gaussians) {
     }
     const double translation[3] = {shift(0), shift(1), shift(2)};
     return QVTrans(rotation, translation);
+}
+
+double Distance(const std::array<double, 3>& a, const std::array<double, 3>& b) {
+    return std::sqrt((a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) +
+                     (a[2] - b[2]) * (a[2] - b[2]));
 }
 
 /// Gaussians moved by a rigid transform (computed in double, stored as float).
@@ -283,8 +291,84 @@ void Refine(const std::vector<QVGaussian>& query, const std::vector<QVGaussian>&
 
 }  // namespace
 
+namespace {
+
+/// The translation that brings the mean atom position of `molecule` to the origin, computed in
+/// double precision.
+QVTrans ToMeanPosition(const QVMol& molecule) {
+    double mean[3] = {0.0, 0.0, 0.0};
+    for (const QVChem::QVAtom& atom : molecule) {
+        double p[3];
+        atom.GetCoords(p);
+        for (int k = 0; k < 3; ++k) {
+            mean[k] += p[k];
+        }
+    }
+    const double count = std::max(1.0, static_cast<double>(molecule.NumAtoms()));
+    const double identity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    const double shift[3] = {-mean[0] / count, -mean[1] / count, -mean[2] / count};
+    return QVTrans(identity, shift);
+}
+
+/// `molecule` moved by `motion`, in double precision.
+QVMol MovedMolecule(const QVMol& molecule, const QVTrans& motion) {
+    QVMol moved = molecule;
+    TransformMolecule(moved, motion);
+    return moved;
+}
+
+}  // namespace
+
 QVTrans PrincipalFrameOf(const QVMol& molecule) {
-    return PrincipalFrame(QVHermiteMath::QVMolToGaussians(molecule));
+    // Gaussians keep single-precision centres: far from the origin (10^6 angstrom) rounding
+    // alone would change the shape, so the molecule is first moved near the origin in double
+    // precision.
+    const QVTrans toMean = ToMeanPosition(molecule);
+    return toMean.Then(
+        PrincipalFrame(QVHermiteMath::QVMolToGaussians(MovedMolecule(molecule, toMean))));
+}
+
+std::string CloudProblem(const QVMol& molecule, double gap) {
+    const unsigned int n = molecule.NumAtoms();
+    std::vector<std::array<double, 3>> positions(n);
+    for (unsigned int i = 0; i < n; ++i) {
+        molecule.GetAtom(i).GetCoords(positions[i].data());
+    }
+    // Grow one cloud from the first atom through neighbours closer than `gap`.
+    std::vector<bool> reached(n, false);
+    std::vector<unsigned int> frontier = {0};
+    reached[0] = n > 0;
+    unsigned int count = n > 0 ? 1 : 0;
+    while (!frontier.empty()) {
+        const unsigned int i = frontier.back();
+        frontier.pop_back();
+        for (unsigned int j = 0; j < n; ++j) {
+            if (!reached[j] && Distance(positions[i], positions[j]) < gap) {
+                reached[j] = true;
+                ++count;
+                frontier.push_back(j);
+            }
+        }
+    }
+    if (count == n) {
+        return "";
+    }
+    double nearest = INFINITY;
+    unsigned int outside = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        for (unsigned int i = 0; i < n && !reached[j]; ++i) {
+            if (reached[i] && Distance(positions[i], positions[j]) < nearest) {
+                nearest = Distance(positions[i], positions[j]);
+                outside = j;
+            }
+        }
+    }
+    char distance[32];
+    std::snprintf(distance, sizeof(distance), "%.1f", nearest);
+    return "its atoms are not one cloud: " + std::to_string(n - count) + " of " +
+           std::to_string(n) + " atoms (atom " + std::to_string(outside + 1) + ") lie " + distance +
+           " angstrom from the rest; shapes compare one molecule at a time (split "
+           "the record or remove the distant atoms)";
 }
 
 PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings)
@@ -293,12 +377,14 @@ PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settin
 PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings,
                                    const QVTrans& frame)
     : toFrame(frame) {
-    shape = Moved(QVHermiteMath::QVMolToGaussians(molecule), toFrame);
+    // The frame is applied to the double-precision coordinates before the Gaussians (single
+    // precision) are made, so that the densities do not depend on where the molecule lay.
+    const QVMol inFrame = MovedMolecule(molecule, toFrame);
+    shape = QVHermiteMath::QVMolToGaussians(inFrame);
     shapeSelfOverlap = QVHermiteMath::GaussianOverlap(shape, shape);
     if (settings.electrostatics) {
-        electrostatic = Moved(
-            QVHermiteMath::QVMolToElectroStaticGaussians(molecule, settings.electrostaticWidth),
-            toFrame);
+        electrostatic =
+            QVHermiteMath::QVMolToElectroStaticGaussians(inFrame, settings.electrostaticWidth);
         electrostaticSelfOverlap = QVHermiteMath::GaussianOverlap(electrostatic, electrostatic);
     }
 }

@@ -33,6 +33,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "hermite/hermite.h"
@@ -104,8 +105,15 @@ struct PreparedMolecule {
 
 /// The rigid transform from input coordinates into the principal frame of the shape density
 /// of `molecule` (at least one atom): exact centroid at the origin, the axes of the exact
-/// second-moment tensor, largest moment first, along x, y, z, right-handed.
+/// second-moment tensor, largest moment first, along x, y, z, right-handed. Computed from the
+/// double-precision coordinates, so that it is as exact 10^6 angstrom from the origin as near it.
 QVChem::QVTrans PrincipalFrameOf(const QVChem::QVMol& molecule);
+
+/// Why `molecule` cannot be compared by shape, or empty when it can: its atoms must form one
+/// cloud, each reachable from the others through atoms closer than `gap` angstrom. Atoms far
+/// from the rest (a stray record, fragments placed apart) would make the principal frame and
+/// the expansion describe empty space between them, and the scores would be wrong.
+std::string CloudProblem(const QVChem::QVMol& molecule, double gap = 10.0);
 
 /// A query prepared for overlays: frame, densities and expansion.
 class Query {

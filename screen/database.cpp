@@ -185,13 +185,24 @@ bool UsableCharges(const QVChem::QVMol& mol, const std::string& file, unsigned i
     return false;
 }
 
+/// False, with a problem recorded, for a conformer whose atoms are not one cloud.
+bool OneCloud(const QVChem::QVMol& mol, const std::string& file, unsigned int record,
+              std::vector<io::Problem>& problems) {
+    const std::string problem = overlay::CloudProblem(mol);
+    if (!problem.empty()) {
+        problems.push_back({file, record, mol.GetTitle(), problem, true});
+    }
+    return problem.empty();
+}
+
 /// Adds the conformers of a parsed molecule.
 void AddParsedFits(io::Molecule& molecule, const io::ReadOptions& read,
                    const overlay::Settings& overlay, bool needCharges, PreparedEntry& entry) {
     for (io::Conformer& conformer : molecule.conformers) {
         if (conformer.Mol().NumAtoms() == 0 ||
             (needCharges && !UsableCharges(conformer.Mol(), conformer.File(), conformer.Record(),
-                                           read, entry.problems))) {
+                                           read, entry.problems)) ||
+            !OneCloud(conformer.Mol(), conformer.File(), conformer.Record(), entry.problems)) {
             continue;
         }
         overlay::PreparedMolecule prepared(conformer.Mol(), overlay);
@@ -206,8 +217,9 @@ void AddParsedFits(io::Molecule& molecule, const io::ReadOptions& read,
 void AddLibraryFits(io::LibraryMolecule& molecule, const io::ReadOptions& read,
                     const overlay::Settings& overlay, bool needCharges, PreparedEntry& entry) {
     for (io::LibraryConformer& stored : molecule.conformers) {
-        if (needCharges &&
-            !UsableCharges(stored.mol, stored.file, stored.record, read, entry.problems)) {
+        if ((needCharges &&
+             !UsableCharges(stored.mol, stored.file, stored.record, read, entry.problems)) ||
+            !OneCloud(stored.mol, stored.file, stored.record, entry.problems)) {
             continue;
         }
         overlay::PreparedMolecule prepared(stored.mol, overlay, stored.frame);

@@ -222,6 +222,11 @@ QuerySet MakeQueries(const std::vector<io::Molecule>& molecules,
                                  ": its partial charges are not finite numbers; the "
                                  "electrostatic density needs them");
             }
+            const std::string cloud = overlay::CloudProblem(conformer.Mol());
+            if (!cloud.empty()) {
+                throw QueryError("cannot use the query " + io::DescribeSource(conformer) + ": " +
+                                 cloud);
+            }
             QueryConformer query;
             query.molecule = m;
             query.conformer = static_cast<unsigned int>(k + 1);

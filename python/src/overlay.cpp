@@ -88,12 +88,19 @@ py::array_t<double> Charges(const QVMol& mol) {
     return ToArray(std::move(q));
 }
 
+/// The molecule of a Python argument; ValueError when its atoms are not one cloud (see
+/// `overlay::CloudProblem`), since its scores would be wrong.
 const QVMol& MoleculeArgument(py::handle object, const std::string& name) {
     if (!py::isinstance<MoleculeObject>(object)) {
         throw py::type_error(name + " must be hermite.Molecule, got " +
                              std::string(py::str(py::type::handle_of(object).attr("__name__"))));
     }
-    return object.cast<const MoleculeObject&>().mol;
+    const QVMol& mol = object.cast<const MoleculeObject&>().mol;
+    const std::string cloud = hermite::overlay::CloudProblem(mol);
+    if (!cloud.empty()) {
+        throw py::value_error(name + ": " + cloud);
+    }
+    return mol;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -407,3 +407,13 @@ def test_centre_of_mass_far_from_the_origin_is_an_error() -> None:
     near = hermite.iterative_search_com(hermite.shape_gaussians(XYZ - XYZ.mean(axis=0)),
                                         order=6, lambdas=0.7)
     assert np.all(np.isfinite(near.centre))
+
+
+def test_a_molecule_whose_atoms_are_not_one_cloud_is_refused() -> None:
+    coords = np.array([[0.0, 0.0, 0.0], [1.4, 0.0, 0.0], [0.7, 1.2, 0.0], [100.0, 0.0, 0.0]])
+    stray = hermite.Molecule([6, 6, 6, 6], coords)
+    fine = hermite.Molecule([6, 6, 6], coords[:3])
+    with pytest.raises(ValueError, match=r"fit: its atoms are not one cloud: 1 of 4 atoms"):
+        hermite.overlay(fine, stray)
+    with pytest.raises(ValueError, match=r"molecules\[1\]: its atoms are not one cloud"):
+        hermite.screen(fine, [fine, stray])

@@ -110,3 +110,32 @@ def test_a_cutoff_at_the_edge_of_the_range_is_accepted(tmp_path, db):
                  "--cutoff", "2.29", "--quiet", cwd=tmp_path)
     assert result.returncode == 0, result.stderr
     assert "No hits." in result.stdout
+
+
+def with_outlier(record, atom, shift):
+    """An SD record with atom `atom` (1-based) moved by `shift` angstrom along x."""
+    lines = record.split("\n")
+    line = lines[3 + atom]
+    lines[3 + atom] = f"{float(line[:10]) + shift:10.4f}" + line[10:]
+    return "\n".join(lines)
+
+
+@pytest.mark.parametrize("shift", [100.0, 1000.0])
+def test_a_record_with_a_distant_atom_is_skipped_naming_it(tmp_path, shift):
+    records = cdk2_records()[:3]
+    db = write_sdf(tmp_path / "outlier.sdf", [records[0], with_outlier(records[1], 2, shift),
+                                              records[2]])
+    result = run("overlay", "--query", QUERY, "--db", db, "--scores", "scores.tsv",
+                 cwd=tmp_path)
+    assert result.returncode == 1, result.stderr
+    assert "outlier.sdf, record 2" in result.stderr
+    assert "its atoms are not one cloud: 1 of" in result.stderr
+    rows = (tmp_path / "scores.tsv").read_text().splitlines()[1:]
+    assert [row.split("\t")[2] for row in rows] == ["1", "3"]
+
+
+def test_a_query_with_a_distant_atom_is_refused(tmp_path, db):
+    query = write_sdf(tmp_path / "query.sdf", [with_outlier(cdk2_records()[0], 1, 100.0)])
+    result = run("overlay", "--query", query, "--db", db, cwd=tmp_path)
+    assert result.returncode == 3, result.stderr
+    assert "its atoms are not one cloud" in result.stderr

@@ -129,3 +129,57 @@ TEST(OverlayCdk2Test, ScoreInPlaceMatchesTheOverlay) {
 }
 
 }  // namespace
+
+namespace {
+
+/// `mol` translated by `shift` (double precision).
+QVMol Translated(const QVMol& mol, const double* shift) {
+    const double identity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    QVMol moved = mol;
+    TransformMolecule(moved, QVTrans(identity, shift));
+    return moved;
+}
+
+TEST(OverlayFarFromTheOrigin, ScoresDoNotDependOnTranslationsUpToAMillionAngstrom) {
+    const QVMol& query = Ligands()[0];
+    const QVMol& fit = Ligands()[7];
+    Settings settings;
+    settings.electrostatics = true;
+    const Result near = Query(query, settings).Overlay(fit);
+    const Result nearSelf = Query(query, settings).Score(query);
+    for (const double distance : {1e3, 1e6}) {
+        const double queryShift[3] = {0.6 * distance, -0.48 * distance, 0.64 * distance};
+        const double fitShift[3] = {-0.8 * distance, 0.36 * distance, 0.48 * distance};
+        const QVMol farQuery = Translated(query, queryShift);
+        const Query prepared(farQuery, settings);
+        const Result far = prepared.Overlay(Translated(fit, fitShift));
+        EXPECT_NEAR(far.scores.shapeTanimoto, near.scores.shapeTanimoto, 1e-6) << distance;
+        EXPECT_NEAR(far.scores.shapeTverskyQuery, near.scores.shapeTverskyQuery, 1e-6);
+        EXPECT_NEAR(far.scores.electrostaticTanimoto, near.scores.electrostaticTanimoto, 1e-6);
+        EXPECT_NEAR(far.scores.overlap / near.scores.overlap, 1.0, 1e-6);
+        // A molecule against itself, in place, far away.
+        const Result self = prepared.Score(farQuery);
+        EXPECT_NEAR(self.scores.shapeTanimoto, 1.0, 1e-6) << distance;
+        EXPECT_NEAR(self.scores.shapeTanimoto, nearSelf.scores.shapeTanimoto, 1e-6);
+    }
+}
+
+TEST(OverlayFarFromTheOrigin, AtomsThatAreNotOneCloudAreNamed) {
+    QVMol mol = Ligands()[3];
+    EXPECT_EQ(hermite::overlay::CloudProblem(mol), "");
+    double p[3];
+    mol.GetAtom(4).GetCoords(p);
+    mol.GetAtom(4).SetCoords(p[0] + 100.0, p[1], p[2]);
+    const std::string problem = hermite::overlay::CloudProblem(mol);
+    EXPECT_NE(problem.find("its atoms are not one cloud: 1 of"), std::string::npos) << problem;
+    EXPECT_NE(problem.find("(atom 5)"), std::string::npos) << problem;
+    // Two halves 50 angstrom apart are two clouds too, though every atom has close neighbours.
+    QVMol halves = Ligands()[3];
+    for (unsigned int i = halves.NumAtoms() / 2; i < halves.NumAtoms(); ++i) {
+        halves.GetAtom(i).GetCoords(p);
+        halves.GetAtom(i).SetCoords(p[0], p[1] + 50.0, p[2]);
+    }
+    EXPECT_NE(hermite::overlay::CloudProblem(halves), "");
+}
+
+}  // namespace
