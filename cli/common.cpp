@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "io/atomic_file.h"
+#include "overlay/overlay.h"
 #include "qv/error.h"
 
 namespace hermite::cli {
@@ -136,6 +137,10 @@ FirstMolecule ReadInputMolecule(const std::string& command, const std::string& p
         throw FatalError("cannot use " + DescribeSource(first.conformer) +
                          ": its partial charges are not finite numbers; the electrostatic "
                          "density needs them");
+    }
+    const std::string cloud = overlay::CloudProblem(first.conformer.Mol());
+    if (!cloud.empty()) {
+        throw FatalError("cannot use " + DescribeSource(first.conformer) + ": " + cloud);
     }
     if (first.hasMore) {
         std::cerr << "hermite " << command << ": note: " << path

@@ -15,11 +15,37 @@ namespace hermite::cli {
 
 namespace {
 
-/// The rendering's rule for the points per axis (see `QVHermiteMath::CreateGrid`): the extent
-/// plus a margin of 6 angstrom, one point more than the span needs, 5 to 300 points.
+/// The span of the rendering (see `QVHermiteMath::CreateGrid`): the extent (twice the largest
+/// centre coordinate) plus 6 angstrom, a margin of 3 angstrom on each side.
+constexpr double kGridMargin = 6.0;
+/// The most points per axis the rendering makes.
+constexpr double kMaxGridPoints = 300.0;
+
+/// The rendering's rule for the points per axis: one point more than the span needs, at least
+/// 5 (no upper limit here; see `RequireCoveringSpacing`).
+double PointsNeeded(double extent, double spacing) {
+    return std::max(5.0, std::trunc((extent + kGridMargin) / spacing + 1.0) + 1.0);
+}
+
 unsigned int PredictedGridSize(double extent, double spacing) {
-    const double points = std::trunc((extent + 6.0) / spacing + 1.0) + 1.0;
-    return static_cast<unsigned int>(std::min(300.0, std::max(5.0, points)));
+    return static_cast<unsigned int>(std::min(kMaxGridPoints, PointsNeeded(extent, spacing)));
+}
+
+/// Throws `UsageError` when `spacing` is too fine for the map to cover the density with its
+/// margin within the rendering's 300 points per axis: a clamped grid would cover only part of
+/// the molecule, a silently wrong map.
+void RequireCoveringSpacing(double extent, double spacing) {
+    if (PointsNeeded(extent, spacing) <= kMaxGridPoints) {
+        return;
+    }
+    // The finest spacing that fits, rounded up to 0.001 angstrom.
+    const double finest =
+        std::ceil((extent + kGridMargin) / (kMaxGridPoints - 2.0) * 1000.0) / 1000.0;
+    throw UsageError("--spacing " + FormatFixed(spacing, 3) +
+                     " is too fine for this molecule: covering it with its margin (" +
+                     FormatFixed(extent + kGridMargin, 1) +
+                     " angstrom) takes more than 300 points per axis; use --spacing " +
+                     FormatFixed(finest, 3) + " or more");
 }
 
 /// Places a grid of `points` per axis about the density's centre `centre` on the lattice of
@@ -47,6 +73,7 @@ MapGeometry PlaceGrid(QVSystem::QVScalarGrid& grid, unsigned int points, double 
 /// molecule's coordinates.
 MapGeometry Render(const Density& density, double spacing, QVSystem::QVScalarGrid& grid) {
     const double extent = density.expansion.GetExtent();
+    RequireCoveringSpacing(extent, spacing);
     MapGeometry geometry =
         PlaceGrid(grid, PredictedGridSize(extent, spacing), spacing, density.centre);
     density.expansion.CreateGrid(grid, spacing, extent);
@@ -77,8 +104,10 @@ ArgumentParser GridParser() {
         "density of the partial charges (Gaussians of width 1 angstrom). It is expanded about "
         "the mean of the atom positions with the optimal single lambda of the shape density.\n"
         "\n"
-        "The grid covers the molecule with a margin of 6 angstrom (at most 300 points per axis; "
-        "a finer spacing is clamped with a warning), and its points lie at integer multiples of "
+        "The grid covers the molecule with a margin of 3 angstrom beyond its outermost atom "
+        "centre on every side (6 angstrom in all), in at most 300 points per axis: a spacing "
+        "too fine for that is refused with the finest one that fits. Its points lie at integer "
+        "multiples of "
         "the spacing in the molecule's coordinates, so the map lines up with the molecule in "
         "PyMOL, ChimeraX and other viewers.\n"
         "\n"

@@ -4,6 +4,7 @@ the expansion that `hermite expand --centre` prints."""
 
 import json
 import random
+import re
 import subprocess
 
 import pytest
@@ -170,15 +171,47 @@ def test_formats_agree(tmp_path):
                                                        abs=1e-9)
 
 
-def test_finer_spacing_than_300_points_is_clamped_with_a_warning(tmp_path):
-    result = run("grid", CDK2, "--spacing", "0.05", "--order", "0", "--out", "fine.ccp4",
+def test_a_spacing_too_fine_to_cover_the_molecule_is_refused(tmp_path):
+    result = run("grid", CDK2, "--spacing", "0.001", "--order", "0", "--out", "fine.ccp4",
+                 cwd=tmp_path)
+    assert result.returncode == 2, result.stderr
+    assert "--spacing 0.001 is too fine for this molecule" in result.stderr
+    suggested = float(re.search(r"use --spacing ([0-9.]+) or more", result.stderr).group(1))
+    assert list(tmp_path.iterdir()) == []
+    # The suggested spacing fits: the map covers the molecule with 3 angstrom to spare.
+    fits = run("grid", CDK2, "--spacing", str(suggested), "--order", "0", "--out", "fit.ccp4",
+               cwd=tmp_path)
+    assert fits.returncode == 0, fits.stderr
+    assert "warning" not in fits.stderr
+    (tmp_path / "fit.ccp4").unlink()
+
+
+def test_the_map_covers_the_molecule_with_a_margin_of_3_angstrom(tmp_path):
+    result = run("grid", CDK2, "--spacing", "0.5", "--order", "2", "--out", "map.ccp4",
                  cwd=tmp_path)
     assert result.returncode == 0, result.stderr
-    assert "hermite grid: warning: " in result.stderr
-    assert "300" in result.stderr
-    size = (tmp_path / "fine.ccp4").stat().st_size
-    assert size >= 300 ** 3 * 4
-    (tmp_path / "fine.ccp4").unlink()  # 108 MB
+    facts = read_ccp4(tmp_path / "map.ccp4")
+    record = cdk2_records()[0]
+    lines = record.split("\n")
+    heavy = [p for i, p in enumerate(sd_coordinates(record)) if lines[4 + i][31:34].strip() != "H"]
+    for k in range(3):
+        low = facts["start"][k] * 0.5
+        high = (facts["start"][k] + facts["points"][k] - 1) * 0.5
+        # 3 angstrom beyond the outermost atom centre, less at most one spacing of rounding.
+        assert min(p[k] for p in heavy) - low >= 3.0 - 0.5, k
+        assert high - max(p[k] for p in heavy) >= 3.0 - 0.5, k
+
+
+def test_a_molecule_whose_atoms_are_not_one_cloud_is_refused(tmp_path):
+    lines = cdk2_records()[0].split("\n")
+    line = lines[5]
+    lines[5] = f"{float(line[:10]) + 100.0:10.4f}" + line[10:]
+    (tmp_path / "stray.sdf").write_text("\n".join(lines))
+    result = run("grid", "stray.sdf", "--spacing", "0.5", "--out", "map.ccp4", cwd=tmp_path)
+    assert result.returncode == 3, result.stderr
+    assert "stray.sdf, record 1" in result.stderr
+    assert "its atoms are not one cloud" in result.stderr
+    assert not (tmp_path / "map.ccp4").exists()
 
 
 def test_unwritable_output(tmp_path):
