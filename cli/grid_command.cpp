@@ -85,11 +85,38 @@ MapGeometry Render(const Density& density, double spacing, QVSystem::QVScalarGri
     return geometry;
 }
 
+/// Replaces the values of `grid` by the exact density of `gaussians` (their sum, in double
+/// precision, at every point; the same coordinates as the expansion). Gaussians contribute
+/// where exp(-a r^2) is above 1e-17 of their height.
+void RenderExact(const std::vector<QVSystem::QVGaussian>& gaussians, QVSystem::QVScalarGrid& grid) {
+    for (unsigned int iz = 0; iz < grid.GetZDim(); ++iz) {
+        const double z = grid.GetCoord(2, iz);
+        for (unsigned int iy = 0; iy < grid.GetYDim(); ++iy) {
+            const double y = grid.GetCoord(1, iy);
+            for (unsigned int ix = 0; ix < grid.GetXDim(); ++ix) {
+                const double x = grid.GetCoord(0, ix);
+                double value = 0.0;
+                for (const QVSystem::QVGaussian& g : gaussians) {
+                    const double dx = x - g.GetX(), dy = y - g.GetY(), dz = z - g.GetZ();
+                    const double exponent = g.GetExponent() * (dx * dx + dy * dy + dz * dz);
+                    if (exponent < 40.0) {
+                        value += g.GetPrefactor() * std::exp(-exponent);
+                    }
+                }
+                grid.SetValue(ix, iy, iz, static_cast<float>(value));
+            }
+        }
+    }
+}
+
 /// The second comment line of a cube file / the description in the summary.
-std::string Describe(const Density& density, bool electrostatics) {
+std::string Describe(const Density& density, bool electrostatics, bool exact) {
     const QVHermiteMath::QVHermiteOptions& options = density.expansion.GetOptions();
-    return std::string(electrostatics ? "electrostatic" : "shape") + " density, Hermite order " +
-           std::to_string(options.GetNPolyMax()) + ", lambda " +
+    const std::string kind = electrostatics ? "electrostatic" : "shape";
+    if (exact) {
+        return kind + " density, exact sum of Gaussians";
+    }
+    return kind + " density, Hermite order " + std::to_string(options.GetNPolyMax()) + ", lambda " +
            FormatFixed(options.GetLambda(0), 6);
 }
 
@@ -124,7 +151,11 @@ ArgumentParser GridParser() {
                 "typical).",
                 true)
         .Option("--out", "FILE", "The map file: .ccp4, .map, .mrc or .cube.", true)
-        .Flag("--electrostatics", "Render the electrostatic density instead of the shape.");
+        .Flag("--electrostatics", "Render the electrostatic density instead of the shape.")
+        .Flag("--exact",
+              "Render the exact density, the sum of its Gaussians, instead of its Hermite "
+              "expansion (whose truncation leaves small negative values and ripples); the grid "
+              "is the same.");
     AddOrderOption(parser, 5);
     AddReadOptions(parser);
     return parser;
@@ -154,7 +185,11 @@ int RunGrid(const CommandLine& line) {
 
     QVSystem::QVScalarGrid grid;
     const MapGeometry geometry = Render(density, spacing, grid);
-    const std::string description = Describe(density, request.electrostatics);
+    const bool exact = line.Has("--exact");
+    if (exact) {
+        RenderExact(density.gaussians, grid);
+    }
+    const std::string description = Describe(density, request.electrostatics, exact);
     const std::string title = "hermite grid: " + OneLine(input.conformer.Title());
     const std::string contents =
         *format == MapFormat::Ccp4

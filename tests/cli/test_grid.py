@@ -3,6 +3,7 @@ for CCP4/MRC, a small cube parser here) and compared with the density evaluated 
 the expansion that `hermite expand --centre` prints."""
 
 import json
+import math
 import random
 import re
 import subprocess
@@ -253,3 +254,36 @@ def test_molecule_far_from_the_origin(tmp_path):
     assert_values_match(facts["values"],
                         lambda index: [(s + i) * 0.4 for s, i in zip(facts["start"], index)],
                         data, n)
+
+
+def test_exact_density_is_the_sum_of_the_gaussians_at_every_point(tmp_path):
+    # Three carbons (shape Gaussians 2.7 exp(-0.811151803 r^2)) at known places.
+    positions = [(0.25, -0.5, 1.0), (1.7, 0.1, 0.6), (2.4, 1.3, -0.2)]
+    atoms = "".join(f"{x:10.4f}{y:10.4f}{z:10.4f} C   0  0  0  0  0  0  0  0  0  0  0  0\n"
+                    for x, y, z in positions)
+    molfile = ("carbons\n  test        3D\n\n  3  2  0  0  0  0  0  0  0  0999 V2000\n" + atoms +
+               "  1  2  1  0\n  2  3  1  0\nM  END\n$$$$\n")
+    (tmp_path / "c3.sdf").write_text(molfile)
+    result = run("grid", "c3.sdf", "--spacing", "0.5", "--exact", "--out", "exact.ccp4",
+                 cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    assert "exact sum of Gaussians" in result.stderr
+    facts = read_ccp4(tmp_path / "exact.ccp4")
+    n = facts["points"][0]
+    start = facts["start"]
+    worst = 0.0
+    for i in range(0, n, 3):
+        for j in range(0, n, 3):
+            for k in range(0, n, 3):
+                point = [(start[0] + i) * 0.5, (start[1] + j) * 0.5, (start[2] + k) * 0.5]
+                expected = sum(2.7 * math.exp(-0.811151803 * sum((point[a] - p[a]) ** 2
+                                                                  for a in range(3)))
+                               for p in positions)
+                worst = max(worst, abs(facts["values"](i, j, k) - expected))
+    assert worst <= 1e-5
+    values = [facts["values"](i, j, k) for i in range(n) for j in range(n) for k in range(n)]
+    assert min(values) >= 0.0  # no truncation ripples
+    hermite_map = run("grid", "c3.sdf", "--spacing", "0.5", "--out", "hermite.ccp4",
+                      cwd=tmp_path)
+    assert hermite_map.returncode == 0
+    assert read_ccp4(tmp_path / "hermite.ccp4")["start"] == start
