@@ -40,6 +40,12 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     request.queryPaths = line.Values("--query");
     request.databasePaths = line.Values("--db");
     request.hitsPath = line.Value("--out");
+    if (!request.hitsPath.empty() && io::FormatFromPath(request.hitsPath) != io::FileFormat::Sdf) {
+        throw UsageError(
+            "--out writes SD files: its name must end in .sdf, .sd or .mol "
+            "(optionally followed by .gz), got " +
+            request.hitsPath);
+    }
     request.scoresPath = line.Value("--scores");
     request.read = ReadOptionsFrom(line);
     request.quiet = line.Has("--quiet");
@@ -315,7 +321,8 @@ ArgumentParser OverlayParser() {
               "Database files (molecule files or prepared libraries), read in the order given.",
               true)
         .Option("--out", "FILE",
-                "Write the best hits, ranked, to this SD file, each moved onto the query.")
+                "Write the best hits, ranked, to this SD file (.sdf, .sd or .mol; .gz for "
+                "gzip-compressed), each moved onto the query.")
         .Option("--scores", "FILE",
                 "Write the scores of every database molecule to this TSV, in input order, "
                 "with the columns title, file, record and conformer (of the best conformer), "

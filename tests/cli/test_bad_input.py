@@ -165,11 +165,11 @@ def test_unknown_file_extension(tmp_path):
 
 @pytest.mark.parametrize("option", ["--out", "--scores"])
 def test_output_directory_missing(tmp_path, option):
-    outputs = {"--scores": "scores.tsv", "--out": "hits.sdf", option: "nodir/file"}
+    outputs = {"--scores": "scores.tsv", "--out": "hits.sdf", option: "nodir/file.sdf"}
     arguments = [item for pair in outputs.items() for item in pair]
     result = run("overlay", "--query", QUERY, "--db", CDK2, *arguments, cwd=tmp_path)
     assert result.returncode == 3
-    assert "nodir/file" in result.stderr
+    assert "nodir/file.sdf" in result.stderr
     # Nothing at all is left behind: neither outputs nor temporary files.
     assert os.listdir(tmp_path) == []
 

@@ -1,6 +1,7 @@
 """The tool never loses or silently corrupts the user's data: outputs that name inputs, write
 errors on standard output, unusable query records, cutoffs outside the metric's range."""
 
+import gzip
 import os
 import subprocess
 
@@ -49,15 +50,15 @@ def test_an_output_behind_a_symbolic_link_to_an_input_is_refused(tmp_path, db):
 @pytest.mark.parametrize("existing", [False, True])
 def test_two_outputs_naming_one_file_are_refused(tmp_path, db, existing):
     if existing:
-        (tmp_path / "a").write_text("keep me\n")
-    result = run("overlay", "--query", QUERY, "--db", db, "--out", "a", "--scores", "./a",
-                 cwd=tmp_path)
+        (tmp_path / "a.sdf").write_text("keep me\n")
+    result = run("overlay", "--query", QUERY, "--db", db, "--out", "a.sdf", "--scores",
+                 "./a.sdf", cwd=tmp_path)
     assert result.returncode == 2, result.stderr
     assert "--out and --scores name the same file" in result.stderr
     if existing:
-        assert (tmp_path / "a").read_text() == "keep me\n"
+        assert (tmp_path / "a.sdf").read_text() == "keep me\n"
     else:
-        assert not (tmp_path / "a").exists()
+        assert not (tmp_path / "a.sdf").exists()
 
 
 def test_prepare_grid_and_expand_refuse_to_overwrite_their_input(tmp_path, db):
@@ -139,3 +140,20 @@ def test_a_query_with_a_distant_atom_is_refused(tmp_path, db):
     result = run("overlay", "--query", query, "--db", db, cwd=tmp_path)
     assert result.returncode == 3, result.stderr
     assert "its atoms are not one cloud" in result.stderr
+
+
+@pytest.mark.parametrize("name", ["hits.mol2", "hits.smi", "hits.txt", "hits"])
+def test_hits_in_a_format_other_than_sd_are_refused(tmp_path, db, name):
+    result = run("overlay", "--query", QUERY, "--db", db, "--out", name, cwd=tmp_path)
+    assert result.returncode == 2, result.stderr
+    assert "--out writes SD files" in result.stderr
+    assert not (tmp_path / name).exists()
+
+
+def test_gzipped_hits_are_gzip_compressed(tmp_path, db):
+    result = run("overlay", "--query", QUERY, "--db", db, "--out", "hits.SDF.GZ", "--best", "2",
+                 "--quiet", cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    data = (tmp_path / "hits.SDF.GZ").read_bytes()
+    assert data[:2] == b"\x1f\x8b"
+    assert gzip.decompress(data).decode().count("$$$$") == 2
