@@ -14,8 +14,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
+#include <optional>
+#include <sstream>
+#include <vector>
 
 #include "io/conformer_builder.h"
 #include "io/sd_data.h"
@@ -124,8 +129,65 @@ std::vector<double> Mol2Charges(const RDKit::ROMol& molecule) {
     return charges;
 }
 
+/// `text` as an integer when all of it is one ("+1" and "01" too), like RDKit's parsers read
+/// numbers.
+std::optional<long> WholeInteger(const std::string& text) {
+    char* end = nullptr;
+    errno = 0;
+    const long number = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno == ERANGE) {
+        return std::nullopt;
+    }
+    return number;
+}
+
+/// Refuses MOL2 records that RDKit's MOL2 parser cannot survive; whatever else is wrong is left
+/// to it, and it rejects it. It reads the counts line's numbers as unsigned and reserves that
+/// many atoms and bonds (a count of -20 asks for gigabytes), and it checks the upper end of a
+/// bond's atom numbers but not the lower one (a bond to atom 0 dereferences atom -1).
+void CheckMol2Record(const std::string& text) {
+    std::istringstream lines(text);
+    std::vector<std::string> all;
+    for (std::string line; std::getline(lines, line);) {
+        all.push_back(line);
+    }
+    const long lineCount = static_cast<long>(all.size());
+    std::string section;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        if (all[i].rfind("@<TRIPOS>", 0) == 0) {
+            section = all[i].substr(9, all[i].find_first_of(" \t\r", 9) - 9);
+            if (section == "MOLECULE" && i + 2 < all.size()) {
+                std::istringstream counts(all[i + 2]);
+                std::string field;
+                for (const char* what : {"atom", "bond"}) {
+                    const std::optional<long> count =
+                        counts >> field ? WholeInteger(field) : std::nullopt;
+                    if (count && (*count < 0 || *count > lineCount)) {
+                        throw RecordError("the MOL2 " + std::string(what) + " count " + field +
+                                          " does not match the record");
+                    }
+                }
+            }
+            continue;
+        }
+        std::istringstream fields(all[i]);
+        std::string bondId, atoms[2];
+        if (section != "BOND" || !(fields >> bondId >> atoms[0] >> atoms[1])) {
+            continue;
+        }
+        for (const std::string& atom : atoms) {
+            const std::optional<long> number = WholeInteger(atom);
+            if (number && *number < 1) {
+                throw RecordError("bond " + bondId + " refers to atom " + atom +
+                                  " (MOL2 atoms are numbered from 1)");
+            }
+        }
+    }
+}
+
 ParsedRecord ParseMol2Record(const RawRecord& record, const std::string& file,
                              const ReadOptions& options) {
+    CheckMol2Record(record.text);
     MoleculePointer molecule =
         ParseWithRDKit([&] { return RDKit::Mol2BlockToMol(record.text, true, false); },
                        "RDKit could not parse the record");

@@ -14,7 +14,7 @@ fi
 # A plain assignment, so that a failing git stops the script.
 tracked=$(git ls-files -- \
     'qv/*.h' 'qv/*.cpp' 'hermite/*.h' 'hermite/*.cpp' 'io/*.h' 'io/*.cpp' \
-    'overlay/*.h' 'overlay/*.cpp' 'screen/*.h' 'screen/*.cpp' 'cli/*.h' 'cli/*.cpp' 'python/*.h' 'python/*.cpp' \
+    'overlay/*.h' 'overlay/*.cpp' 'screen/*.h' 'screen/*.cpp' 'cli/*.h' 'cli/*.cpp' 'python/*.h' 'python/*.cpp' 'fuzz/*.h' 'fuzz/*.cpp' \
     'tests/*.h' 'tests/*.cpp' 'bench/*.h' 'bench/*.cpp' 'examples/*.h' 'examples/*.cpp')
 files=()
 if [[ -n "${tracked}" ]]; then

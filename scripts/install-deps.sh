@@ -7,11 +7,12 @@ packages=(
     build-essential cmake git
     libeigen3-dev
     libgtest-dev libbenchmark-dev
-    clang-format
+    clang-format clang libclang-rt-14-dev
     gemmi-dev python3-gemmi python3-pytest
     librdkit-dev libboost-dev rdkit-data python3-rdkit openbabel zlib1g-dev
     python3-dev pybind11-dev python3-numpy
     libhdf5-dev python3-h5py
+    python3-distributed
 )
 
 missing=()

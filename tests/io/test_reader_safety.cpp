@@ -440,5 +440,54 @@ TEST(ReaderSafety, SmilesWithoutHeaderStillReadsItsFirstLine) {
     EXPECT_EQ(result.molecules[0].conformers[0].Record(), 1u);
 }
 
+/// A two-atom MOL2 record whose single bond joins atoms `first` and `second` (as written), with
+/// `counts` as its counts line.
+std::string Mol2Ethane(const std::string& title, const std::string& first,
+                       const std::string& second, const std::string& counts = "2 1") {
+    return "@<TRIPOS>MOLECULE\n" + title + "\n" + counts +
+           "\nSMALL\nUSER_CHARGES\n\n@<TRIPOS>ATOM\n"
+           "1 C1 0.0 0.0 0.0 C.3 1 UNL 0.0\n"
+           "2 C2 1.5 0.2 0.1 C.3 1 UNL 0.0\n"
+           "@<TRIPOS>BOND\n1 " +
+           first + " " + second + " 1\n";
+}
+
+// RDKit's MOL2 parser dereferences atom -1 for a bond to atom 0 or below (a crash found by
+// fuzzing): such records are skipped with a message, and the records around them are read.
+TEST(ReaderSafety, Mol2BondToAtomZeroOrBelowIsSkipped) {
+    TemporaryDirectory directory;
+    const std::string path = directory.File("bonds.mol2");
+    WriteText(path, Mol2Ethane("good", "1", "2") + Mol2Ethane("zero", "0", "2") +
+                        Mol2Ethane("negative", "2", "-1") + Mol2Ethane("also good", "+1", "02"));
+    const ReadResult result = ReadThrough(path);
+    ASSERT_EQ(result.molecules.size(), 2u);
+    EXPECT_EQ(result.molecules[0].title, "good");
+    EXPECT_EQ(result.molecules[1].title, "also good");
+    ASSERT_EQ(result.problems.size(), 2u);
+    EXPECT_EQ(result.problems[0].record, 2u);
+    EXPECT_EQ(result.problems[0].reason,
+              "bond 1 refers to atom 0 (MOL2 atoms are numbered from 1)");
+    EXPECT_EQ(result.problems[1].record, 3u);
+    EXPECT_EQ(result.problems[1].reason,
+              "bond 1 refers to atom -1 (MOL2 atoms are numbered from 1)");
+}
+
+// RDKit's MOL2 parser reads the counts as unsigned numbers and reserves that much: a negative
+// count asked for gigabytes (found by fuzzing).
+TEST(ReaderSafety, Mol2CountsThatCannotMatchTheRecordAreSkipped) {
+    TemporaryDirectory directory;
+    const std::string path = directory.File("counts.mol2");
+    WriteText(path, Mol2Ethane("negative atoms", "1", "2", "-20 1") +
+                        Mol2Ethane("huge bonds", "1", "2", "2 4000000000") +
+                        Mol2Ethane("good", "1", "2", " 2  1  0 0 0"));
+    const ReadResult result = ReadThrough(path);
+    ASSERT_EQ(result.molecules.size(), 1u);
+    EXPECT_EQ(result.molecules[0].title, "good");
+    ASSERT_EQ(result.problems.size(), 2u);
+    EXPECT_EQ(result.problems[0].reason, "the MOL2 atom count -20 does not match the record");
+    EXPECT_EQ(result.problems[1].reason,
+              "the MOL2 bond count 4000000000 does not match the record");
+}
+
 }  // namespace
 }  // namespace hermite::io
