@@ -3,6 +3,7 @@
 /// status (see `ExitStatus`); usage errors are thrown as `UsageError` and reported by `main`.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,5 +37,11 @@ int RunExpand(const CommandLine& line);
 
 /// Every subcommand, in the order of the help.
 const std::vector<Command>& Commands();
+
+/// Runs `body` as the tool runs a command: its exit status, or, after printing the error with
+/// `prefix` ("hermite overlay: "), the exit status of the error (2 for `UsageError`, 3 for
+/// others, 130 after an interrupt); then checks that standard output could be written (3 and
+/// a message if not: output cut short must not look like success).
+int RunReportingErrors(const std::string& prefix, const std::function<int()>& body);
 
 }  // namespace hermite::cli

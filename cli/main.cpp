@@ -1,10 +1,6 @@
 // The `hermite` command: dispatches to the subcommands, prints help and version, and turns
 // errors into messages and exit statuses.
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <exception>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -68,44 +64,17 @@ std::string MainHelp() {
     return text;
 }
 
-/// `status`, or `kExitUnusable` after a message when standard output could not be written
-/// (a full disk, a closed pipe with SIGPIPE ignored): output that was cut short must not look
-/// like success.
-int CheckStandardOutput(const std::string& prefix, int status) {
-    errno = 0;
-    std::cout.flush();
-    const bool failed = !std::cout.good() || std::fflush(stdout) != 0 || std::ferror(stdout);
-    if (!failed) {
-        return status;
-    }
-    const int error = errno;
-    std::cerr << prefix << "cannot write to standard output"
-              << (error != 0 ? std::string(": ") + std::strerror(error) : std::string()) << "\n";
-    return kExitUnusable;
-}
-
 /// Runs one subcommand, reporting its errors.
 int RunCommand(const Command& command, const std::vector<std::string>& arguments) {
-    const std::string prefix = std::string("hermite ") + command.name + ": ";
-    try {
+    return RunReportingErrors(std::string("hermite ") + command.name + ": ", [&] {
         const ArgumentParser parser = command.parser();
         const CommandLine line = parser.Parse(arguments);
         if (line.HelpRequested()) {
             std::cout << parser.Help();
-            return CheckStandardOutput(prefix, kExitOk);
+            return static_cast<int>(kExitOk);
         }
-        return CheckStandardOutput(prefix, command.run(line));
-    } catch (const UsageError& error) {
-        std::cerr << prefix << error.what() << "\n";
-        return kExitUsage;
-    } catch (const FatalError& error) {
-        std::cerr << prefix << error.what() << "\n";
-        // A failure caused by a stop request (a wait for a reader cut short) is an interruption.
-        return Interrupted() ? kExitInterrupted : kExitUnusable;
-    } catch (const std::exception& error) {
-        std::cerr << prefix << "error: " << error.what() << "\n";
-        return kExitUnusable;
-    }
+        return command.run(line);
+    });
 }
 
 /// `hermite help [command]`.

@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/common.h"
 #include "cli/file_identity.h"
+#include "cli/overlay_run.h"
 #include "cli/progress.h"
 #include "cli/score_output.h"
 #include "io/atomic_file.h"
@@ -111,6 +112,11 @@ screen::QuerySet ReadQueries(const OverlayRequest& request) {
     }
 }
 
+/// "file, record 3 (title)": where a row's molecule comes from.
+std::string RowSource(const screen::Row& row) {
+    return row.file + ", record " + std::to_string(row.record) + " (" + OneLine(row.title) + ")";
+}
+
 /// Writes the hits of every ranking and commits the hits file; `*hitsWritten` counts them.
 /// Returns false after printing why when the file could not be written (it is then left
 /// unwritten).
@@ -118,16 +124,15 @@ bool WriteHits(io::SdfWriter& writer, const screen::ScreenReport& report,
                const OutputContext& context, unsigned long* hitsWritten) {
     for (const std::vector<screen::Hit>& hits : report.hits) {
         for (const screen::Hit& hit : hits) {
-            if (writer.Write(hit.conformer, hit.row.result.transform, HitTags(hit, context))) {
+            if (!hit.writeError.empty()) {
+                // RDKit could not write this one record; the others go on.
+                std::cerr << "hermite overlay: warning: hit " << hit.rank << ", "
+                          << RowSource(hit.row) << ", not written: " << hit.writeError << "\n";
                 continue;
             }
-            if (!writer.Ok()) {
+            if (!writer.Write(hit.molBlock, hit.properties, HitTags(hit, context))) {
                 break;  // the file itself failed: Commit reports it
             }
-            // RDKit could not write this one record; the others go on.
-            std::cerr << "hermite overlay: warning: hit " << hit.rank << ", "
-                      << DescribeSource(hit.conformer) << ", not written: " << writer.Error()
-                      << "\n";
         }
     }
     *hitsWritten = writer.RecordsWritten();
@@ -196,37 +201,24 @@ ProblemMessages CollectProblems(const std::vector<io::Problem>& queryProblems,
     return messages;
 }
 
-/// What the screen's rows left for the summary: the molecules that failed, the library's
-/// warnings, and the rows at or above the cutoff in each ranking.
-struct RowSummary {
+/// The failures and warnings of the rows as messages ("file, record 3 (title): reason"), the
+/// first `kListedProblems` of each (the tally keeps at least as many rows).
+struct RowMessages {
     std::vector<std::string> failed;
     std::vector<std::string> warnings;
-    std::vector<unsigned long> passing;
-    unsigned long rows = 0;
 
-    /// `ranking`: the row's ranking (0, or its query molecule with --per-query).
-    void Add(const screen::Row& row, std::size_t ranking, double cutoff) {
-        ++rows;
-        const std::string where =
-            row.file + ", record " + std::to_string(row.record) + " (" + OneLine(row.title) + ")";
-        if (!row.Ok() && failed.size() < kListedProblems + 1) {
-            failed.push_back(where + ": " + row.error);
+    explicit RowMessages(const screen::RowTally& tally) {
+        for (const screen::Row& row : tally.failedRows) {
+            failed.push_back(RowSource(row) + ": " + row.error);
         }
-        failedCount += row.Ok() ? 0 : 1;
-        for (const std::string& warning : row.warnings) {
-            if (warnings.size() < kListedProblems + 1) {
-                warnings.push_back(where + ": " + warning);
+        for (const screen::Row& row : tally.warnedRows) {
+            for (const std::string& warning : row.warnings) {
+                warnings.push_back(RowSource(row) + ": " + warning);
             }
-            ++warningCount;
         }
-        if (ranking >= passing.size()) {
-            passing.resize(ranking + 1, 0);
-        }
-        passing[ranking] += row.Ok() && screen::PassesCutoff(row.rankScore, cutoff) ? 1 : 0;
+        failed.resize(std::min(failed.size(), kListedProblems));
+        warnings.resize(std::min(warnings.size(), kListedProblems));
     }
-
-    unsigned long failedCount = 0;
-    unsigned long warningCount = 0;
 };
 
 /// The number of query conformers, for the summary.
@@ -241,7 +233,9 @@ std::string DescribeQueries(const screen::QuerySet& queries) {
 /// The final summary on standard error.
 void PrintSummary(const OverlayRequest& request, const screen::QuerySet& queries,
                   const screen::ScreenReport& report, const ProblemMessages& problems,
-                  const RowSummary& rows, unsigned long hitsWritten) {
+                  unsigned long hitsWritten) {
+    const screen::RowTally& tally = report.tally;
+    const RowMessages rows(tally);
     std::cerr << "hermite overlay: query " << DescribeQueries(queries) << "\n";
     const double rate = report.seconds > 0.0 ? report.counts.overlays / report.seconds : 0.0;
     const double kernel =
@@ -262,15 +256,15 @@ void PrintSummary(const OverlayRequest& request, const screen::QuerySet& queries
               problems.recordCount);
     PrintList(Count(problems.partialCount, "record") + " partly used:", problems.partial,
               problems.partialCount);
-    PrintList(Count(rows.failedCount, "molecule") + " could not be overlaid:", rows.failed,
-              rows.failedCount);
-    PrintList(Count(rows.warningCount, "warning") + ":", rows.warnings, rows.warningCount);
+    PrintList(Count(report.failed, "molecule") + " could not be overlaid:", rows.failed,
+              report.failed);
+    PrintList(Count(tally.warnings, "warning") + ":", rows.warnings, tally.warnings);
     if (!request.hitsPath.empty()) {
         std::cerr << "hermite overlay: " << Count(hitsWritten, "hit") << " written to "
                   << request.hitsPath << "\n";
     }
     if (!request.scoresPath.empty()) {
-        std::cerr << "hermite overlay: " << Count(rows.rows, "row") << " of scores written to "
+        std::cerr << "hermite overlay: " << Count(tally.rows, "row") << " of scores written to "
                   << request.scoresPath << "\n";
     }
 }
@@ -363,13 +357,33 @@ ArgumentParser OverlayParser() {
 }
 
 int RunOverlay(const CommandLine& line) {
+    const OverlayScreen localScreen = [](const OverlayPlan& plan,
+                                         const screen::ScreenCallbacks& callbacks,
+                                         screen::RunControl& control) {
+        return screen::Screen(plan.queries, screen::Database::Files(plan.databasePaths),
+                              plan.settings, callbacks, control);
+    };
+    return RunOverlayWith(line, localScreen, true);
+}
+
+OverlayPlan PlanOverlay(const std::vector<std::string>& arguments) {
+    const OverlayRequest request = RequestFrom(OverlayParser().Parse(arguments));
+    return OverlayPlan{request.databasePaths, ReadQueries(request), request.screen,
+                       !request.scoresPath.empty()};
+}
+
+int RunOverlayWith(const CommandLine& line, const OverlayScreen& screen, bool catchSignals) {
     const OverlayRequest request = RequestFrom(line);
     LibraryErrors libraryErrors("overlay");
     io::SetRDKitLogging(false);
-    CatchInterrupts();
+    if (catchSignals) {
+        CatchInterrupts();
+    }
 
     Outputs outputs = OpenOutputs(request);
-    const screen::QuerySet queries = ReadQueries(request);
+    const OverlayPlan plan{request.databasePaths, ReadQueries(request), request.screen,
+                           !request.scoresPath.empty()};
+    const screen::QuerySet& queries = plan.queries;
     OutputContext context;
     context.queryTitles = queries.titles;
     context.electrostatics = request.overlay.electrostatics;
@@ -378,14 +392,14 @@ int RunOverlay(const CommandLine& line) {
 
     bool scoresFailed =
         !request.scoresPath.empty() && !outputs.scores.Append(ScoreTableHeader(context));
-    RowSummary rows;
     screen::ScreenCallbacks callbacks;
-    callbacks.row = [&](const screen::Row& row) {
-        rows.Add(row, request.screen.perQuery ? row.query : 0, request.screen.cutoff);
-        if (!request.scoresPath.empty() && !scoresFailed) {
-            scoresFailed = !outputs.scores.Append(ScoreTableLine(row, context));
-        }
-    };
+    if (plan.rowsWanted) {
+        callbacks.row = [&](const screen::Row& row) {
+            if (!scoresFailed) {
+                scoresFailed = !outputs.scores.Append(ScoreTableLine(row, context));
+            }
+        };
+    }
     ProgressReporter progress("overlay", !request.quiet);
     callbacks.progress = [&](const screen::ScreenProgress& counts) {
         progress.Update(counts.molecules, counts.overlays);
@@ -400,8 +414,7 @@ int RunOverlay(const CommandLine& line) {
         }
         progress.Start();
         screen::RunControl control;
-        report = screen::Screen(queries, screen::Database::Files(request.databasePaths),
-                                request.screen, callbacks, control);
+        report = screen(plan, callbacks, control);
         progress.Stop();
     }
     if (report.interrupted && !scoresFailed) {
@@ -417,14 +430,15 @@ int RunOverlay(const CommandLine& line) {
     if (outputs.hits != nullptr && !WriteHits(*outputs.hits, report, context, &hitsWritten)) {
         return kExitUnusable;
     }
-    rows.passing.resize(report.hits.size(), 0);
-    std::cout << FormatRankedTable(report.hits, context, report.counts.molecules, rows.passing,
+    std::vector<unsigned long> passing = report.tally.passing;
+    passing.resize(report.hits.size(), 0);
+    std::cout << FormatRankedTable(report.hits, context, report.counts.molecules, passing,
                                    std::min(kTableRows, request.screen.best))
               << std::flush;
 
     const ProblemMessages problems = CollectProblems(queries.problems, report.problems);
     if (!request.quiet) {
-        PrintSummary(request, queries, report, problems, rows, hitsWritten);
+        PrintSummary(request, queries, report, problems, hitsWritten);
     }
     return problems.AnySkipped() || report.failed > 0 ? kExitSkipped : kExitOk;
 }

@@ -353,6 +353,10 @@ public:
     /// RDKit cannot write leaves the file as it was, so later records can still be written.
     bool Write(const Conformer& conformer, const QVChem::QVTrans& pose = QVChem::QVTrans(),
                const SdProperties& extraTags = SdProperties());
+    /// Appends a record made before (see `FormatPosedMolBlock`): `molBlock`, then `properties`
+    /// merged with `extraTags`. Returns false, with `Error()` set, if it cannot be written.
+    bool Write(const std::string& molBlock, const SdProperties& properties,
+               const SdProperties& extraTags);
 
     /// Completes the file: renames it onto the destination. Returns false, leaving no file, if
     /// anything failed (including an earlier failed write to the file).
@@ -366,6 +370,8 @@ public:
     unsigned long RecordsWritten() const { return recordsWritten_; }
 
 private:
+    bool Append(const std::string& record);
+
     struct State;
     std::unique_ptr<State> state_;
     unsigned long recordsWritten_ = 0;
@@ -376,5 +382,17 @@ private:
 std::string FormatSdRecord(const Conformer& conformer,
                            const QVChem::QVTrans& pose = QVChem::QVTrans(),
                            const SdProperties& extraTags = SdProperties());
+
+/// The molfile of `conformer` moved by `pose`, titled with its title, without data items: the
+/// part of its SD record that needs RDKit, so that the record can be made on one machine and
+/// completed (`FormatSdRecord` below) on another. Throws std::runtime_error if RDKit cannot
+/// write it.
+std::string FormatPosedMolBlock(const Conformer& conformer, const QVChem::QVTrans& pose);
+
+/// An SD record from a molfile, the record's data items and the extra tags (an item with the
+/// name of an extra tag is replaced by it): exactly the record `FormatSdRecord` makes of the
+/// conformer whose molfile and data items they are.
+std::string FormatSdRecord(const std::string& molBlock, const SdProperties& properties,
+                           const SdProperties& extraTags);
 
 }  // namespace hermite::io

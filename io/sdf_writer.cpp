@@ -91,18 +91,26 @@ std::string MolBlock(const RDKit::RWMol& molecule) {
 
 }  // namespace
 
-std::string FormatSdRecord(const Conformer& conformer, const QVChem::QVTrans& pose,
-                           const SdProperties& extraTags) {
+std::string FormatPosedMolBlock(const Conformer& conformer, const QVChem::QVTrans& pose) {
     try {
         RDKit::RWMol molecule = RecordCopy(conformer);
         ApplyPose(molecule, pose);
         molecule.setProp(RDKit::common_properties::_Name, conformer.Title());
-        return MolBlock(molecule) +
-               FormatSdProperties(MergeSdProperties(conformer.Properties(), extraTags)) + "$$$$\n";
+        return MolBlock(molecule);
     } catch (const std::exception& error) {
         throw std::runtime_error("RDKit could not write the molecule: " +
                                  std::string(error.what()));
     }
+}
+
+std::string FormatSdRecord(const std::string& molBlock, const SdProperties& properties,
+                           const SdProperties& extraTags) {
+    return molBlock + FormatSdProperties(MergeSdProperties(properties, extraTags)) + "$$$$\n";
+}
+
+std::string FormatSdRecord(const Conformer& conformer, const QVChem::QVTrans& pose,
+                           const SdProperties& extraTags) {
+    return FormatSdRecord(FormatPosedMolBlock(conformer, pose), conformer.Properties(), extraTags);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -130,6 +138,15 @@ bool SdfWriter::Write(const Conformer& conformer, const QVChem::QVTrans& pose,
         state_->error = state_->file.Path() + ": " + conformer.Title() + ": " + error.what();
         return false;
     }
+    return Append(record);
+}
+
+bool SdfWriter::Write(const std::string& molBlock, const SdProperties& properties,
+                      const SdProperties& extraTags) {
+    return Append(FormatSdRecord(molBlock, properties, extraTags));
+}
+
+bool SdfWriter::Append(const std::string& record) {
     if (!state_->file.Append(record)) {
         state_->error = state_->file.Error();
         return false;

@@ -50,13 +50,13 @@ std::string LibraryMismatch(const io::LibraryPreparation& preparation,
     return "";
 }
 
-/// Reads files one after the other: molecule files as record groups, prepared libraries in
-/// chunks of molecules.
+/// Reads file slices one after the other: molecule files as record groups, prepared libraries
+/// in chunks of molecules.
 class FileReader : public Database::Reader {
 public:
-    FileReader(std::vector<std::string> paths, const DatabaseRequirements& requirements,
+    FileReader(std::vector<FileSlice> slices, const DatabaseRequirements& requirements,
                std::size_t chunk)
-        : paths_(std::move(paths)), requirements_(requirements), chunk_(chunk) {}
+        : slices_(std::move(slices)), requirements_(requirements), chunk_(chunk) {}
 
     bool Next(SourceMolecule& out) override {
         out = SourceMolecule();
@@ -75,13 +75,16 @@ public:
     }
 
 private:
+    const FileSlice& Current() const { return slices_[current_]; }
+
     bool NextRecordGroup(SourceMolecule& out) {
-        if (records_->Next(out.records)) {
+        if (left_ > 0 && records_->Next(out.records)) {
+            --left_;
             out.kind = SourceMolecule::Kind::Records;
             return true;
         }
         if (!records_->Error().empty()) {
-            out.problems.push_back(FileProblem(paths_[current_], records_->Error()));
+            out.problems.push_back(FileProblem(Current().path, records_->Error()));
         }
         records_.reset();
         return false;
@@ -91,10 +94,11 @@ private:
         if (buffered_ == buffer_.size()) {
             buffer_.clear();
             buffered_ = 0;
-            if (nextMolecule_ >= library_->NumMolecules() ||
-                !library_->Read(nextMolecule_, chunk_, buffer_)) {
-                if (nextMolecule_ < library_->NumMolecules()) {
-                    out.problems.push_back(FileProblem(paths_[current_], library_->Error()));
+            if (nextMolecule_ >= endMolecule_ ||
+                !library_->Read(nextMolecule_, std::min(chunk_, endMolecule_ - nextMolecule_),
+                                buffer_)) {
+                if (nextMolecule_ < endMolecule_) {
+                    out.problems.push_back(FileProblem(Current().path, library_->Error()));
                 }
                 library_.reset();
                 return false;
@@ -107,46 +111,64 @@ private:
         return true;
     }
 
-    /// Opens the next file; false when there is none. Files that cannot be used add a problem
-    /// to `out` and are passed over.
+    /// Opens the next slice's file; false when there is none. Files that cannot be used add a
+    /// problem to `out` and are passed over.
     bool OpenNext(SourceMolecule& out) {
-        while (next_ < paths_.size()) {
+        while (next_ < slices_.size()) {
             current_ = next_++;
-            const std::string& path = paths_[current_];
-            if (io::IsPreparedLibrary(path)) {
-                auto library = std::make_unique<io::PreparedLibraryReader>(path);
+            const FileSlice& slice = Current();
+            if (io::IsPreparedLibrary(slice.path)) {
+                auto library = std::make_unique<io::PreparedLibraryReader>(slice.path);
                 std::string mismatch = library->Ok()
                                            ? LibraryMismatch(library->Preparation(), requirements_)
                                            : library->Error();
                 if (mismatch.empty()) {
                     library_ = std::move(library);
-                    nextMolecule_ = 0;
+                    nextMolecule_ = std::min(slice.first, library_->NumMolecules());
+                    endMolecule_ = library_->NumMolecules() - nextMolecule_ < slice.count
+                                       ? library_->NumMolecules()
+                                       : nextMolecule_ + slice.count;
+                    buffer_.clear();
+                    buffered_ = 0;
                     return true;
                 }
-                out.problems.push_back(FileProblem(path, mismatch));
+                out.problems.push_back(FileProblem(slice.path, mismatch));
                 continue;
             }
-            auto records = std::make_unique<io::RecordReader>(path);
+            auto records = std::make_unique<io::RecordReader>(slice.path);
             if (records->Ok()) {
                 records_ = std::move(records);
+                SkipRecordGroups(slice.first);
+                left_ = slice.count;
                 return true;
             }
             out.problems.push_back(FileProblem(
-                path, NamedLikeALibrary(path) && io::FormatFromPath(path) == io::FileFormat::Unknown
-                          ? "not a prepared library (no HDF5 signature) and not a molecule file"
-                          : records->Error()));
+                slice.path,
+                NamedLikeALibrary(slice.path) &&
+                        io::FormatFromPath(slice.path) == io::FileFormat::Unknown
+                    ? "not a prepared library (no HDF5 signature) and not a molecule file"
+                    : records->Error()));
         }
         return false;
     }
 
-    std::vector<std::string> paths_;
+    /// Reads past the first `count` record groups of the file just opened (text only).
+    void SkipRecordGroups(std::size_t count) {
+        io::RecordGroup skipped;
+        for (std::size_t i = 0; i < count && records_->Next(skipped); ++i) {
+        }
+    }
+
+    std::vector<FileSlice> slices_;
     DatabaseRequirements requirements_;
     std::size_t chunk_;
     std::size_t next_ = 0;
     std::size_t current_ = 0;
     std::unique_ptr<io::RecordReader> records_;
+    std::size_t left_ = 0;
     std::unique_ptr<io::PreparedLibraryReader> library_;
     std::size_t nextMolecule_ = 0;
+    std::size_t endMolecule_ = 0;
     std::vector<io::LibraryMolecule> buffer_;
     std::size_t buffered_ = 0;
 };
@@ -230,9 +252,35 @@ void AddLibraryFits(io::LibraryMolecule& molecule, const io::ReadOptions& read,
 
 }  // namespace
 
-Database Database::Files(std::vector<std::string> paths) {
+FileExtent MeasureFile(const std::string& path, const DatabaseRequirements& requirements) {
+    FileExtent extent;
+    if (io::IsPreparedLibrary(path)) {
+        const io::PreparedLibraryReader library(path);
+        extent.usable =
+            library.Ok() && LibraryMismatch(library.Preparation(), requirements).empty();
+        extent.molecules = library.NumMolecules();
+        return extent;
+    }
+    io::RecordReader records(path);
+    io::RecordGroup group;
+    while (records.Next(group)) {
+        ++extent.molecules;
+    }
+    extent.usable = records.Ok() && records.Error().empty();
+    return extent;
+}
+
+Database Database::Files(const std::vector<std::string>& paths) {
+    std::vector<FileSlice> slices;
+    for (const std::string& path : paths) {
+        slices.push_back(FileSlice{path});
+    }
+    return Slices(std::move(slices));
+}
+
+Database Database::Slices(std::vector<FileSlice> slices) {
     Database database;
-    database.paths_ = std::move(paths);
+    database.slices_ = std::move(slices);
     return database;
 }
 
@@ -242,12 +290,20 @@ Database Database::Molecules(std::vector<io::Molecule> molecules) {
     return database;
 }
 
+std::vector<std::string> Database::Paths() const {
+    std::vector<std::string> paths;
+    for (const FileSlice& slice : slices_) {
+        paths.push_back(slice.path);
+    }
+    return paths;
+}
+
 std::unique_ptr<Database::Reader> Database::Open(const DatabaseRequirements& requirements,
                                                  std::size_t libraryChunk) {
     if (!molecules_.empty()) {
         return std::make_unique<MemoryReader>(std::move(molecules_));
     }
-    return std::make_unique<FileReader>(paths_, requirements,
+    return std::make_unique<FileReader>(slices_, requirements,
                                         std::max<std::size_t>(1, libraryChunk));
 }
 
@@ -262,6 +318,15 @@ void ProblemLog::Add(const io::Problem& problem) {
     } else {
         ++records_;
     }
+}
+
+void ProblemLog::Add(const ProblemLog& other) {
+    for (std::size_t i = 0; i < other.kept_.size() && kept_.size() < kKept; ++i) {
+        kept_.push_back(other.kept_[i]);
+    }
+    files_ += other.files_;
+    records_ += other.records_;
+    partial_ += other.partial_;
 }
 
 bool NextBatch(Database::Reader& reader, std::size_t maxBatch, SourceBatch& batch) {

@@ -60,7 +60,16 @@ class ProblemLog {
 public:
     static constexpr std::size_t kKept = 1000;
 
+    ProblemLog() = default;
+    /// A log as it was: its kept problems and its counts (which include the kept ones).
+    ProblemLog(std::vector<io::Problem> kept, unsigned long files, unsigned long records,
+               unsigned long partial)
+        : kept_(std::move(kept)), files_(files), records_(records), partial_(partial) {}
+
     void Add(const io::Problem& problem);
+    /// Adds another log's problems after these: its kept problems while there is room, and all
+    /// its counts.
+    void Add(const ProblemLog& other);
     void Add(const std::vector<io::Problem>& problems) {
         for (const io::Problem& problem : problems) {
             Add(problem);
@@ -83,16 +92,46 @@ private:
     unsigned long partial_ = 0;
 };
 
+/// A run of consecutive source molecules of one input file: `count` of them from the `first`
+/// (0-based). Source molecules are what the reader stage hands out: the record groups of a
+/// molecule file (consecutive SD records of one title, one MOL2 record, one SMILES line) and
+/// the molecules of a prepared library. Splitting the files of a screen into slices and
+/// running them anywhere gives, slice after slice, exactly the rows of the whole screen: record
+/// numbers stay those of the file, because the records before `first` are still read (as text
+/// only) to find the slice.
+struct FileSlice {
+    std::string path;
+    std::size_t first = 0;
+    /// `kNoIndex`: to the end of the file.
+    std::size_t count = kNoIndex;
+};
+
+/// What splitting a file into slices needs to know of it.
+struct FileExtent {
+    /// The source molecules the file holds.
+    std::size_t molecules = 0;
+    /// False when the file cannot be used by a run with the requirements it was measured for
+    /// (it cannot be opened, a read error stops it early, or a prepared library does not meet
+    /// the requirements): it must then be screened whole, so that its problem is reported once.
+    bool usable = false;
+};
+
+/// Counts the source molecules of `path` without any chemistry (molecule files are split into
+/// records; prepared libraries read their header) and checks that it can be read to its end.
+FileExtent MeasureFile(const std::string& path, const DatabaseRequirements& requirements);
+
 /// Where the molecules of a screen come from.
 class Database {
 public:
     /// The molecules of files, read in the order given: molecule files and prepared libraries.
-    static Database Files(std::vector<std::string> paths);
+    static Database Files(const std::vector<std::string>& paths);
+    /// The molecules of slices of files, in the order given.
+    static Database Slices(std::vector<FileSlice> slices);
     /// Molecules in memory (each with at least one conformer), in the order given.
     static Database Molecules(std::vector<io::Molecule> molecules);
 
-    /// The file paths (empty for molecules in memory).
-    const std::vector<std::string>& Paths() const { return paths_; }
+    /// The file of each slice (empty for molecules in memory).
+    std::vector<std::string> Paths() const;
 
     /// A reader of the molecules, one at a time, for one run. It reads prepared libraries in
     /// chunks of `libraryChunk` molecules and refuses those that do not meet `requirements`.
@@ -102,7 +141,7 @@ public:
                                  std::size_t libraryChunk = 256);
 
 private:
-    std::vector<std::string> paths_;
+    std::vector<FileSlice> slices_;
     std::vector<io::Molecule> molecules_;
 };
 

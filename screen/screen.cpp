@@ -177,6 +177,20 @@ void LoadLibraryHits(const std::vector<std::string>& paths, ScreenReport& report
     }
 }
 
+/// Makes the posed record of every hit.
+void PoseHits(ScreenReport& report) {
+    for (std::vector<Hit>& hits : report.hits) {
+        for (Hit& hit : hits) {
+            try {
+                hit.molBlock = io::FormatPosedMolBlock(hit.conformer, hit.row.result.transform);
+                hit.properties = hit.conformer.Properties();
+            } catch (const std::exception& error) {
+                hit.writeError = error.what();
+            }
+        }
+    }
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -286,6 +300,41 @@ QuerySet ReadQueries(const std::vector<std::string>& paths, const io::ReadOption
 }
 
 // ---------------------------------------------------------------------------------------------
+// Row tallies
+
+void RowTally::Add(const Row& row, std::size_t ranking, double cutoff) {
+    ++rows;
+    if (ranking >= passing.size()) {
+        passing.resize(ranking + 1, 0);
+    }
+    passing[ranking] += row.Ok() && PassesCutoff(row.rankScore, cutoff) ? 1 : 0;
+    warnings += row.warnings.size();
+    if (!row.Ok() && failedRows.size() < kKept) {
+        failedRows.push_back(row);
+    }
+    if (!row.warnings.empty() && warnedRows.size() < kKept) {
+        warnedRows.push_back(row);
+    }
+}
+
+void RowTally::Add(const RowTally& later) {
+    rows += later.rows;
+    if (later.passing.size() > passing.size()) {
+        passing.resize(later.passing.size(), 0);
+    }
+    for (std::size_t r = 0; r < later.passing.size(); ++r) {
+        passing[r] += later.passing[r];
+    }
+    warnings += later.warnings;
+    for (std::size_t i = 0; i < later.failedRows.size() && failedRows.size() < kKept; ++i) {
+        failedRows.push_back(later.failedRows[i]);
+    }
+    for (std::size_t i = 0; i < later.warnedRows.size() && warnedRows.size() < kKept; ++i) {
+        warnedRows.push_back(later.warnedRows[i]);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
 // Screening
 
 ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSettings& settings,
@@ -340,6 +389,7 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
                 callbacks.row(row);
             }
             report.failed += row.Ok() ? 0 : 1;
+            report.tally.Add(row, r, settings.cutoff);
             Hit& candidate = outcome.candidates[r];
             if (std::isnan(candidate.score)) {
                 continue;
@@ -369,6 +419,7 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
     }
     if (!report.interrupted) {
         LoadLibraryHits(database.Paths(), report);
+        PoseHits(report);
     }
     report.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return report;

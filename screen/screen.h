@@ -135,6 +135,33 @@ struct Hit {
     /// Where a hit from a prepared library is stored (input index and conformer index).
     std::size_t library = kNoIndex;
     std::size_t libraryConformer = kNoIndex;
+    /// The hit as it is written: its record's molfile moved by the row's transform (see
+    /// `io::FormatPosedMolBlock`) and its data items, made when the screen ends so that the
+    /// hit can travel without its conformer; `writeError` says why RDKit could not write it.
+    std::string molBlock;
+    io::SdProperties properties;
+    std::string writeError;
+};
+
+/// What the rows of a screen add up to, for summaries that must not keep every row: a screen
+/// of a billion molecules reports its failures without holding its rows.
+struct RowTally {
+    /// Rows kept in full, of failures and of rows with warnings each.
+    static constexpr std::size_t kKept = 20;
+
+    unsigned long rows = 0;
+    /// Rows that worked with a rank score at or above the cutoff, per ranking.
+    std::vector<unsigned long> passing;
+    /// Library warnings raised over all rows.
+    unsigned long warnings = 0;
+    /// The first rows that failed and the first rows with warnings, in input order.
+    std::vector<Row> failedRows;
+    std::vector<Row> warnedRows;
+
+    /// Counts `row` of ranking `ranking` (0, or its query molecule with `perQuery`).
+    void Add(const Row& row, std::size_t ranking, double cutoff);
+    /// Adds the tally of the rows that follow these.
+    void Add(const RowTally& later);
 };
 
 /// Counts of a running screen.
@@ -159,6 +186,8 @@ struct ScreenReport {
     ProblemLog problems;
     /// Molecules that could not be overlaid (rows with an error).
     unsigned long failed = 0;
+    /// What the rows add up to.
+    RowTally tally;
     ScreenProgress counts;
     /// Seconds the workers spent in overlays, summed over the workers.
     double overlaySeconds = 0.0;
@@ -173,7 +202,8 @@ struct ScreenReport {
 
 /// Overlays (or scores) every molecule of `database` onto `queries`. Hits from prepared
 /// libraries are loaded with their records before the function returns (a hit that cannot be
-/// loaded becomes a problem and is dropped). Throws only for failures of the engine itself.
+/// loaded becomes a problem and is dropped), and every hit's posed record is made. Throws only for
+/// failures of the engine itself.
 ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSettings& settings,
                     const ScreenCallbacks& callbacks, RunControl& control);
 

@@ -247,5 +247,6 @@ void BindExpansion(py::module_& m);
 void BindObjectives(py::module_& m);
 void BindOverlay(py::module_& m);
 void BindIo(py::module_& m);
+void BindDistributed(py::module_& m);
 
 }  // namespace hermite::python

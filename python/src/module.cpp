@@ -49,4 +49,5 @@ PYBIND11_MODULE(_hermite, m) {
     BindObjectives(m);
     BindOverlay(m);
     BindIo(m);
+    BindDistributed(m);
 }
