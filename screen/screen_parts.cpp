@@ -123,7 +123,7 @@ public:
         return text;
     }
     /// A count of items that each take at least `itemBytes` bytes, checked against the bytes
-    /// left, so that a corrupt count cannot ask for more memory than the input holds.
+    /// left.
     std::size_t Count(std::size_t itemBytes) {
         const std::uint64_t count = Unsigned();
         if (itemBytes > 0 && count > (bytes_.size() - offset_) / itemBytes) {
@@ -148,6 +148,17 @@ private:
     std::string_view bytes_;
     std::size_t offset_ = 0;
 };
+
+/// `count` items read by `read`, appended one by one: a corrupt count fails at the end of the
+/// input, never by reserving memory for items the input cannot hold.
+template <class Item, class Read>
+void ReadItems(Decoder& in, std::vector<Item>& items, Read read) {
+    const std::size_t count = in.Count(sizeof(std::uint64_t));
+    items.clear();
+    for (std::size_t i = 0; i < count; ++i) {
+        items.push_back(read(in));
+    }
+}
 
 void Put(Encoder& out, const QVChem::QVTrans& transform) {
     double R[9], t[3];
@@ -232,10 +243,7 @@ Row GetRow(Decoder& in) {
     row.result.exactEvaluations = GetUnsigned32(in);
     row.rankScore = in.Real();
     row.error = in.Text();
-    row.warnings.resize(in.Count(sizeof(std::uint64_t)));
-    for (std::string& warning : row.warnings) {
-        warning = in.Text();
-    }
+    ReadItems(in, row.warnings, [](Decoder& d) { return d.Text(); });
     return row;
 }
 
@@ -260,11 +268,10 @@ Hit GetHit(Decoder& in) {
     hit.score = in.Real();
     hit.position = in.Unsigned();
     hit.molBlock = in.Text();
-    hit.properties.resize(in.Count(2 * sizeof(std::uint64_t)));
-    for (auto& [name, value] : hit.properties) {
-        name = in.Text();
-        value = in.Text();
-    }
+    ReadItems(in, hit.properties, [](Decoder& d) {
+        std::string name = d.Text();
+        return std::make_pair(std::move(name), d.Text());
+    });
     hit.writeError = in.Text();
     return hit;
 }
@@ -303,20 +310,13 @@ void Put(Encoder& out, const RowTally& tally) {
 }
 
 RowTally GetTally(Decoder& in) {
-    constexpr std::size_t kWord = sizeof(std::uint64_t);
     RowTally tally;
     tally.rows = in.Unsigned();
-    tally.passing.resize(in.Count(kWord));
-    for (unsigned long& passing : tally.passing) {
-        passing = in.Unsigned();
-    }
+    ReadItems(in, tally.passing,
+              [](Decoder& d) { return static_cast<unsigned long>(d.Unsigned()); });
     tally.warnings = in.Unsigned();
-    for (std::vector<Row>* rows : {&tally.failedRows, &tally.warnedRows}) {
-        rows->resize(in.Count(kWord));
-        for (Row& row : *rows) {
-            row = GetRow(in);
-        }
-    }
+    ReadItems(in, tally.failedRows, GetRow);
+    ReadItems(in, tally.warnedRows, GetRow);
     return tally;
 }
 
@@ -365,24 +365,16 @@ ScreenPart DecodeScreenPart(std::string_view bytes) {
     if (in.Unsigned() != kByteOrder) {
         throw std::runtime_error("the screen part was encoded on a machine of another byte order");
     }
-    constexpr std::size_t kWord = sizeof(std::uint64_t);
     ScreenPart part;
-    part.rows.resize(in.Count(kWord));
-    for (Row& row : part.rows) {
-        row = GetRow(in);
-    }
+    ReadItems(in, part.rows, GetRow);
     ScreenReport& report = part.report;
-    report.hits.resize(in.Count(kWord));
-    for (std::vector<Hit>& hits : report.hits) {
-        hits.resize(in.Count(kWord));
-        for (Hit& hit : hits) {
-            hit = GetHit(in);
-        }
-    }
-    std::vector<io::Problem> kept(in.Count(kWord));
-    for (io::Problem& problem : kept) {
-        problem = GetProblem(in);
-    }
+    ReadItems(in, report.hits, [](Decoder& d) {
+        std::vector<Hit> hits;
+        ReadItems(d, hits, GetHit);
+        return hits;
+    });
+    std::vector<io::Problem> kept;
+    ReadItems(in, kept, GetProblem);
     const unsigned long files = in.Unsigned();
     const unsigned long records = in.Unsigned();
     const unsigned long partial = in.Unsigned();

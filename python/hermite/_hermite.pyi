@@ -418,3 +418,15 @@ def read_molecules(
     smiles_conformers: int = 10,
     seed: int = 42,
 ) -> List[Molecule]: ...
+
+# Distributed screening (hermite.distributed); private.
+def _screen_part(
+    arguments: List[str], slices: List[Tuple[str, int, Optional[int]]], directory: str
+) -> bytes: ...
+def _run_overlay(
+    arguments: List[str],
+    distribute: Callable[[List[List[Tuple[str, int, Optional[int]]]]], Iterable[Tuple[int, bytes]]],
+    part_size: int,
+    program: str,
+) -> int: ...
+def _overlay_help() -> str: ...

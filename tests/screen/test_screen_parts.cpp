@@ -257,11 +257,21 @@ void ExpectSameProblems(const ProblemLog& expected, const ProblemLog& actual) {
     EXPECT_EQ(actual.Partial(), expected.Partial());
 }
 
+/// The tallies of the rows: counts, molecules above the cutoff, the kept failed and warned rows.
+void ExpectSameTally(const RowTally& expected, const RowTally& actual) {
+    EXPECT_EQ(actual.rows, expected.rows);
+    EXPECT_EQ(actual.passing, expected.passing);
+    EXPECT_EQ(actual.warnings, expected.warnings);
+    ExpectSameRows(expected.failedRows, actual.failedRows);
+    ExpectSameRows(expected.warnedRows, actual.warnedRows);
+}
+
 /// Everything a screen produces but its timings.
 void ExpectSameScreen(const ScreenRun& expected, const ScreenRun& actual) {
     ExpectSameRows(expected.rows, actual.rows);
     ExpectSameHits(expected.report.hits, actual.report.hits);
     ExpectSameProblems(expected.report.problems, actual.report.problems);
+    ExpectSameTally(expected.report.tally, actual.report.tally);
     EXPECT_EQ(actual.report.failed, expected.report.failed);
     EXPECT_EQ(actual.report.counts.molecules, expected.report.counts.molecules);
     EXPECT_EQ(actual.report.counts.conformers, expected.report.counts.conformers);
@@ -349,7 +359,8 @@ TEST(ScreenParts, UnusableFilesGoWholeIntoThePartBeingFilled) {
     ExpectSlice(full[1], 0, Cdk2Path, 0, 47);
 }
 
-TEST(ScreenParts, PartSizeZeroMeansOneMoleculePerPart) {
+TEST(ScreenParts, ZeroMoleculesIsTakenAsOne) {
+    // A part of no molecules would never be filled: the splitting could not move on.
     const std::vector<PartSlices> parts = SplitIntoParts({Cdk2Path}, DatabaseRequirements(), 0);
     ASSERT_EQ(parts.size(), 47u);
     for (std::size_t p = 0; p < parts.size(); ++p) {
@@ -367,7 +378,9 @@ TEST(ScreenParts, MeasureFileCountsMoleculesAndChecksTheFileToItsEnd) {
     EXPECT_TRUE(cdk2.usable);
 
     TemporaryDirectory directory;
-    EXPECT_FALSE(MeasureFile(directory.File("missing.sdf"), DatabaseRequirements()).usable);
+    const FileExtent missing = MeasureFile(directory.File("missing.sdf"), DatabaseRequirements());
+    EXPECT_FALSE(missing.usable);
+    EXPECT_EQ(missing.molecules, 0u);
 
     // The molecules before the damage are counted, but the file cannot be split: slices after
     // the damage would not exist.
@@ -435,11 +448,16 @@ TEST(ScreenParts, MergedPartsEqualOneScreenBitForBit) {
     ASSERT_EQ(whole.report.hits.size(), 1u);
     ASSERT_EQ(whole.report.hits[0].size(), 5u);
     EXPECT_EQ(whole.report.hits[0][0].position, 0u);  // the query finds itself first
+    // The parts run on two threads in small batches, the whole screen on one: neither the
+    // split nor the threads may change a bit.
+    ScreenSettings partSettings = settings;
+    partSettings.threads = 2;
+    partSettings.batchSize = 3;
     // One molecule per part (every hit list holds one candidate), a size that does not divide
     // 47, exactly the database, and more than the database (a single part).
     for (std::size_t size : {1u, 7u, 47u, 100u}) {
         SCOPED_TRACE("parts of " + std::to_string(size));
-        ExpectSameScreen(whole, ScreenInParts(queries, {Cdk2Path}, settings, size));
+        ExpectSameScreen(whole, ScreenInParts(queries, {Cdk2Path}, partSettings, size));
     }
 }
 
@@ -452,7 +470,10 @@ TEST(ScreenParts, PerQueryPartsEqualOneScreen) {
     EXPECT_EQ(whole.rows[93].position, 46u);
     ASSERT_EQ(whole.report.hits.size(), 2u);
     EXPECT_EQ(whole.report.hits[1][0].position, 1u);
-    ExpectSameScreen(whole, ScreenInParts(queries, {Cdk2Path}, settings, 6));
+    for (std::size_t size : {1u, 6u, 100u}) {
+        SCOPED_TRACE("parts of " + std::to_string(size));
+        ExpectSameScreen(whole, ScreenInParts(queries, {Cdk2Path}, settings, size));
+    }
 }
 
 TEST(ScreenParts, ProblemsMergeInReadingOrder) {
@@ -614,8 +635,12 @@ TEST(ScreenParts, APartGivenTwiceIsMergedOnce) {
     ScreenRun merged;
     ScreenCallbacks callbacks;
     callbacks.row = [&merged](const Row& row) { merged.rows.push_back(row); };
+    std::vector<unsigned long> progress;  // the molecules merged, after each merged part
+    callbacks.progress = [&progress](const ScreenProgress& counts) {
+        progress.push_back(counts.molecules);
+    };
     PartMerger merger(1, settings.best, callbacks);
-    // Part 1 waits for part 0: nothing is merged, no row goes out.
+    // The second part waits for the first: nothing is merged, no row goes out.
     EXPECT_TRUE(merger.Add(1, DecodeScreenPart(encoded[1])));
     EXPECT_EQ(merger.Merged(), 0u);
     EXPECT_TRUE(merged.rows.empty());
@@ -631,6 +656,8 @@ TEST(ScreenParts, APartGivenTwiceIsMergedOnce) {
     EXPECT_EQ(merged.rows.size(), 40u);
     EXPECT_TRUE(merger.Add(2, DecodeScreenPart(encoded[2])));
     EXPECT_EQ(merger.Merged(), 3u);
+    // One report per part merged, none for the parts refused.
+    EXPECT_EQ(progress, (std::vector<unsigned long>{20, 40, 47}));
     merged.report = merger.Finish();
     ExpectSameScreen(whole, merged);
 }
@@ -709,7 +736,7 @@ TEST(ScreenParts, DecodeRefusesTruncatedAndAlteredBytes) {
     ASSERT_NO_THROW(DecodeScreenPart(bytes));
     EXPECT_THROW(DecodeScreenPart(""), std::runtime_error);
 
-    // A part cut short, as a lost connection leaves it: at least 64 cut points spread over the
+    // A part cut short, as a lost connection leaves it: about 64 cut points spread over the
     // whole encoding, plus every cut within the last field.
     const std::size_t step = std::max<std::size_t>(1, bytes.size() / 64);
     std::size_t cuts = 0;

@@ -80,9 +80,8 @@ def connect(address: str):
             workers = 0
         if workers < 1:
             raise UsageError(f"--scheduler local:N needs a number of workers N >= 1, got {address}")
-        cluster = LocalCluster(
-            n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None
-        )
+        cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
+                               host="127.0.0.1", dashboard_address=None)
         return Client(cluster), cluster
     return Client(address, timeout="30s"), None
 
