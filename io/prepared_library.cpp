@@ -34,7 +34,9 @@ namespace {
 /// The value of the root attribute `format`.
 const char* const FormatName = "hermite-prepared-library";
 /// The layout version this code writes and reads.
-const std::uint64_t FormatVersion = 1;
+const std::uint64_t FormatVersion = 2;
+/// The longest string attribute read (the values are short words).
+const std::size_t MaxStringAttribute = 4096;
 /// Deflate level of the compressed columns: they are written once and read for hits only.
 const unsigned int DeflateLevel = 6;
 /// The first bytes of every HDF5 file without a user block.
@@ -308,17 +310,21 @@ void WriteUnsignedAttribute(hid_t location, const char* name, Kind kind, std::ui
     WriteNumberAttribute(location, name, kind, data);
 }
 
-/// A variable-length UTF-8 string attribute (h5py reads it as `str`).
+/// A fixed-length UTF-8 string attribute (h5py reads it as `bytes`). Not variable-length: those
+/// live in the file's global heap, which carries no checksum, and HDF5 can loop forever on a
+/// damaged one; a fixed-length value is stored in its object header, under its checksum.
 void WriteStringAttribute(hid_t location, const char* name, const std::string& value) {
     const std::string what = std::string("cannot write the attribute '") + name + "'";
     Handle type(H5Tcopy(H5T_C_S1), H5Tclose, what);
-    Check(H5Tset_size(type.Id(), H5T_VARIABLE), what);
+    Check(H5Tset_size(type.Id(), std::max<std::size_t>(1, value.size())), what);
+    Check(H5Tset_strpad(type.Id(), H5T_STR_NULLPAD), what);
     Check(H5Tset_cset(type.Id(), H5T_CSET_UTF8), what);
     Handle space(H5Screate(H5S_SCALAR), H5Sclose, what);
     Handle attribute(H5Acreate2(location, name, type.Id(), space.Id(), H5P_DEFAULT, H5P_DEFAULT),
                      H5Aclose, what);
-    const char* text = value.c_str();
-    Check(H5Awrite(attribute.Id(), type.Id(), &text), what);
+    std::vector<char> padded(std::max<std::size_t>(1, value.size()), '\0');
+    std::copy(value.begin(), value.end(), padded.begin());
+    Check(H5Awrite(attribute.Id(), type.Id(), padded.data()), what);
 }
 
 /// The attribute `name` of `location`, which must exist and hold one value.
@@ -374,17 +380,19 @@ std::string ReadStringAttribute(hid_t location, const char* name, const std::str
     if (H5Tget_class(type.Id()) != H5T_STRING) {
         throw LibraryError(missing);
     }
-    if (H5Tis_variable_str(type.Id()) > 0) {
-        Handle memoryType(H5Tcopy(H5T_C_S1), H5Tclose, what);
-        Check(H5Tset_size(memoryType.Id(), H5T_VARIABLE), what);
-        Check(H5Tset_cset(memoryType.Id(), H5Tget_cset(type.Id())), what);
-        char* text = nullptr;
-        Check(H5Aread(attribute.Id(), memoryType.Id(), &text), what);
-        std::string value = text != nullptr ? text : "";
-        H5free_memory(text);
-        return value;
+    // Never read a variable-length string: its value lives in the global heap, which has no
+    // checksum, and a damaged heap can make HDF5 loop forever.
+    if (H5Tis_variable_str(type.Id()) != 0) {
+        throw LibraryError(std::string("the attribute '") + name +
+                           "' is a variable-length string, which prepared libraries do not use "
+                           "(a library of format version 1, or another program's file: prepare "
+                           "the library again)");
     }
-    std::vector<char> buffer(H5Tget_size(type.Id()) + 1, '\0');
+    const std::size_t size = H5Tget_size(type.Id());
+    if (size == 0 || size > MaxStringAttribute) {
+        throw LibraryError(std::string("the attribute '") + name + "' has an unusable size");
+    }
+    std::vector<char> buffer(size + 1, '\0');
     Check(H5Aread(attribute.Id(), type.Id(), buffer.data()), what);
     return std::string(buffer.data());
 }

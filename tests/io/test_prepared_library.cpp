@@ -222,6 +222,25 @@ public:
         return written;
     }
 
+    /// Replaces a root attribute by a variable-length string holding `value`, as libraries of
+    /// format version 1 stored their strings.
+    bool SetVariableLengthRootAttribute(const char* name, const char* value) {
+        if (H5Adelete(id_, name) < 0) {
+            return false;
+        }
+        const hid_t type = H5Tcopy(H5T_C_S1);
+        H5Tset_size(type, H5T_VARIABLE);
+        const hid_t space = H5Screate(H5S_SCALAR);
+        const hid_t attribute = H5Acreate2(id_, name, type, space, H5P_DEFAULT, H5P_DEFAULT);
+        const bool written = attribute >= 0 && H5Awrite(attribute, type, &value) >= 0;
+        if (attribute >= 0) {
+            H5Aclose(attribute);
+        }
+        H5Sclose(space);
+        H5Tclose(type);
+        return written;
+    }
+
 private:
     hid_t id_;
 };
@@ -484,13 +503,42 @@ TEST(PreparedLibrary, UnsupportedFormatVersion) {
     {
         RawHdfFile file(path);
         ASSERT_GE(file.Id(), 0);
-        ASSERT_TRUE(file.SetRootAttribute("format_version", 2));
+        ASSERT_TRUE(file.SetRootAttribute("format_version", 3));
     }
     PreparedLibraryReader reader(path);
     EXPECT_FALSE(reader.Ok());
     EXPECT_EQ(reader.Error(), path +
-                                  ": unsupported prepared library format version 2 (this build "
-                                  "reads version 1)");
+                                  ": unsupported prepared library format version 3 (this build "
+                                  "reads version 2)");
+}
+
+// Variable-length strings live in the global heap, which has no checksum; a damaged heap made
+// HDF5 loop forever (found by fuzzing). They are refused before anything reads them.
+TEST(PreparedLibrary, VariableLengthStringAttributesAreRefusedUnread) {
+    TemporaryDirectory directory;
+    const std::string path = directory.File("version1.h5");
+    WriteLibrary(path, Cdk2());
+    {
+        RawHdfFile file(path);
+        ASSERT_GE(file.Id(), 0);
+        ASSERT_TRUE(file.SetVariableLengthRootAttribute("format", "hermite-prepared-library"));
+    }
+    PreparedLibraryReader reader(path);
+    EXPECT_FALSE(reader.Ok());
+    EXPECT_EQ(reader.Error(),
+              path +
+                  ": the attribute 'format' is a variable-length string, which prepared libraries "
+                  "do not use (a library of format version 1, or another program's file: prepare "
+                  "the library again)");
+}
+
+// The library the fuzzer found looping forever inside HDF5: it is refused, and at once.
+TEST(PreparedLibrary, DamagedGlobalHeapIsRefused) {
+    const std::string path =
+        std::string(HERMITE_FUZZ_CORPUS) + "/prepared_library/damaged-global-heap.h5";
+    PreparedLibraryReader reader(path);
+    EXPECT_FALSE(reader.Ok());
+    EXPECT_NE(reader.Error().find("variable-length string"), std::string::npos) << reader.Error();
 }
 
 TEST(PreparedLibrary, IncompleteLibrary) {
