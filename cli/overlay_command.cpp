@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "cli/commands.h"
@@ -71,8 +72,20 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     screen.threads = ResolveThreadCount(threads, std::thread::hardware_concurrency());
 
     overlay::Settings& settings = request.overlay;
+    const std::string effort = line.Value("--effort", "default");
+    const std::optional<overlay::Effort> preset = overlay::ParseEffort(effort);
+    if (!preset) {
+        throw UsageError("--effort must be fast, default or thorough, got " + effort);
+    }
+    settings = overlay::WithEffort(settings, *preset);
     settings.order = OrderFrom(line, settings.order);
+    settings.scanRotations =
+        static_cast<unsigned int>(IntegerOption(line, "--scan", settings.scanRotations, 0, 100000));
     settings.extraStarts = static_cast<unsigned int>(IntegerOption(line, "--starts", 0, 0, 1000));
+    settings.searchStarts = static_cast<unsigned int>(
+        IntegerOption(line, "--searches", settings.searchStarts, 1, 1000));
+    settings.refineCandidates = static_cast<unsigned int>(
+        IntegerOption(line, "--refine", settings.refineCandidates, 0, 1000));
     settings.seed = request.read.seed;
     settings.electrostatics =
         line.Has("--electrostatics") || screen.rankBy == screen::RankMetric::Combo;
@@ -343,15 +356,31 @@ ArgumentParser OverlayParser() {
                 "Worker threads: 0 (the default) for all cores, a negative -n for all cores but "
                 "n, a positive number for that many.");
     AddOrderOption(parser, overlay::Settings().order);
-    AddReadOptions(parser, "the extra starts (--starts)");
+    AddReadOptions(parser, "the random orientations (--starts)");
     parser
         .Flag("--electrostatics",
               "Also compare the electrostatic densities of the partial charges (Tanimoto and "
               "Carbo) and report the combo score.")
         .Flag("--score-only", "Do not optimise: score each database molecule in its input pose.")
+        .Option("--effort", "LEVEL",
+                "How hard the pose search tries: fast, default or thorough (presets of --order, "
+                "--scan, --searches and --refine, which override them; speed and quality of "
+                "each in docs/overlay.md).")
+        .Option("--scan", "N",
+                "Evenly spread orientations whose Hermite overlap is scanned besides the four "
+                "principal-axis flips, 0 to 100000; default " +
+                    std::to_string(overlay::Settings().scanRotations) + ".")
         .Option("--starts", "K",
-                "Random starting orientations tried in addition to the four principal-axis "
-                "flips, 0 to 1000 (seeded by --seed); default 0.")
+                "Random orientations scanned besides them, 0 to 1000 (seeded by --seed); "
+                "default 0.")
+        .Option("--searches", "K",
+                "Local searches (BFGS on the Hermite overlap), started from the scanned "
+                "orientations with the largest overlaps, 1 to 1000; default " +
+                    std::to_string(overlay::Settings().searchStarts) + ".")
+        .Option("--refine", "R",
+                "Distinct poses of the local searches refined on the exact overlap of the atom "
+                "Gaussians, the best one kept; 0 (no refinement) to 1000; default " +
+                    std::to_string(overlay::Settings().refineCandidates) + ".")
         .Flag("--quiet", "No progress and no summary on standard error.");
     return parser;
 }

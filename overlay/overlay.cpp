@@ -5,7 +5,6 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
-#include <random>
 #include <string>
 
 #include "overlay/exact_overlap.h"
@@ -83,48 +82,11 @@ QVTrans Rotation(const double* R) {
     return QVTrans(R, zero);
 }
 
-/// A uniformly distributed random rotation (from a unit quaternion with normally distributed
-/// components), drawn from the engine's raw output so that every platform draws the same.
-std::vector<double> RandomRotation(std::mt19937_64& engine) {
-    const auto uniform = [&engine] {
-        return (static_cast<double>(engine() >> 11) + 0.5) / 9007199254740992.0;  // (0, 1)
-    };
-    double q[4];
-    for (int i = 0; i < 4; i += 2) {
-        // Box-Muller: two normal deviates from two uniform ones.
-        const double radius = std::sqrt(-2.0 * std::log(uniform()));
-        const double angle = 2.0 * kPi * uniform();
-        q[i] = radius * std::cos(angle);
-        q[i + 1] = radius * std::sin(angle);
-    }
-    const double norm = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
-    const double w = q[0] / norm, x = q[1] / norm, y = q[2] / norm, z = q[3] / norm;
-    return {1 - 2 * (y * y + z * z), 2 * (x * y - w * z),     2 * (x * z + w * y),
-            2 * (x * y + w * z),     1 - 2 * (x * x + z * z), 2 * (y * z - w * x),
-            2 * (x * z - w * y),     2 * (y * z + w * x),     1 - 2 * (x * x + y * y)};
-}
-
-/// The starting orientations of the fit: the identity, the three half-turns about the axes,
-/// then `extra` random rotations.
-std::vector<std::vector<double>> StartRotations(unsigned int extra, std::uint64_t seed) {
-    std::vector<std::vector<double>> starts = {
-        {1, 0, 0, 0, 1, 0, 0, 0, 1},
-        {1, 0, 0, 0, -1, 0, 0, 0, -1},
-        {-1, 0, 0, 0, 1, 0, 0, 0, -1},
-        {-1, 0, 0, 0, -1, 0, 0, 0, 1},
-    };
-    std::mt19937_64 engine(seed);
-    for (unsigned int i = 0; i < extra; ++i) {
-        starts.push_back(RandomRotation(engine));
-    }
-    return starts;
-}
-
 /// The coefficients of the expansion of `gaussians` turned by a rotation R. Half-turns about the
 /// axes only change signs: diag(sx, sy, sz) multiplies c_lmn by sx^l sy^m sz^n. Any other
 /// rotation is applied to the Gaussians, which are expanded again.
 std::vector<double> RotatedCoefficients(const std::vector<QVGaussian>& gaussians,
-                                        const Expansion& expansion, const std::vector<double>& R) {
+                                        const Expansion& expansion, const RotationMatrix& R) {
     const bool diagonal =
         R[1] == 0 && R[2] == 0 && R[3] == 0 && R[5] == 0 && R[6] == 0 && R[7] == 0;
     const unsigned int N = expansion.order;
@@ -161,7 +123,7 @@ struct Candidate {
 
 /// The pose p -> R^T (U p + t) of a Hermite optimum x = (angles, t) reached from the start
 /// rotation U: the objective turns the query by R = Rx Ry Rz and moves the turned fit by t.
-QVTrans HermitePose(const std::vector<double>& U, const double* x) {
+QVTrans HermitePose(const RotationMatrix& U, const double* x) {
     const std::vector<double> R = QVHermiteMath::RotFromEulerXYZ(x[0], x[1], x[2]);
     const double Rt[9] = {R[0], R[3], R[6], R[1], R[4], R[7], R[2], R[5], R[8]};
     const double t[3] = {x[3], x[4], x[5]};
@@ -244,11 +206,27 @@ double Radius(const std::vector<QVGaussian>& gaussians) {
     return std::max(1.0, std::sqrt(sum / count));
 }
 
+/// The orientations the local search starts from: every orientation of the scan in its order
+/// when there are no more than `settings.searchStarts`, else the best `searchStarts` of them by
+/// the scan's overlaps.
+std::vector<RotationMatrix> SearchStarts(const OrientationScan& scan, const Expansion& fit,
+                                         const Settings& settings) {
+    const std::vector<RotationMatrix>& rotations = scan.Rotations();
+    if (rotations.size() <= settings.searchStarts) {
+        return rotations;
+    }
+    std::vector<RotationMatrix> starts;
+    for (const std::size_t k : scan.Best(fit, std::max(1u, settings.searchStarts))) {
+        starts.push_back(rotations[k]);
+    }
+    return starts;
+}
+
 /// Maximises the Hermite overlap from every start; candidates best first.
 std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fit,
                                      const std::vector<QVGaussian>& fitGaussians, double radius,
-                                     const Settings& settings, double tolerance,
-                                     unsigned int& evaluations) {
+                                     const OrientationScan& scan, const Settings& settings,
+                                     double tolerance, unsigned int& evaluations) {
     FastOverlap objective(query, fit);
     CountingObjective counting(objective, evaluations);
     ScaledRigidObjective counted(counting, radius);
@@ -256,7 +234,7 @@ std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fi
     minimiser.SetTolerance(tolerance);
     minimiser.SetIterLimit(settings.iterationLimit);
     std::vector<Candidate> candidates;
-    for (const std::vector<double>& U : StartRotations(settings.extraStarts, settings.seed)) {
+    for (const RotationMatrix& U : SearchStarts(scan, fit, settings)) {
         objective.SetFitCoefficients(RotatedCoefficients(fitGaussians, fit, U));
         const double start[6] = {0, 0, 0, 0, 0, 0};
         double u[6], x[6];
@@ -271,9 +249,42 @@ std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fi
     return candidates;
 }
 
+/// Poses closer than this (RMS displacement of the fit's atoms, angstrom) are the same optimum.
+constexpr double kSamePose = 0.5;
+
+/// The RMS distance between the fit's atom centres placed by two poses.
+double PoseDistance(const std::vector<QVGaussian>& fit, const QVTrans& a, const QVTrans& b) {
+    double sum = 0.0;
+    for (const QVGaussian& g : fit) {
+        double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        double q[3] = {p[0], p[1], p[2]};
+        a.Apply(p);
+        b.Apply(q);
+        sum += (p[0] - q[0]) * (p[0] - q[0]) + (p[1] - q[1]) * (p[1] - q[1]) +
+               (p[2] - q[2]) * (p[2] - q[2]);
+    }
+    return std::sqrt(sum / static_cast<double>(std::max<std::size_t>(fit.size(), 1)));
+}
+
+/// The indices of the first `count` candidates (best first) whose poses differ: local searches
+/// from several starts often converge to one optimum, and refining it twice would be wasted.
+std::vector<std::size_t> DistinctCandidates(const std::vector<Candidate>& candidates,
+                                            std::size_t count, const std::vector<QVGaussian>& fit) {
+    std::vector<std::size_t> chosen;
+    for (std::size_t i = 0; i < candidates.size() && chosen.size() < count; ++i) {
+        const bool repeated = std::any_of(chosen.begin(), chosen.end(), [&](std::size_t j) {
+            return PoseDistance(fit, candidates[i].pose, candidates[j].pose) < kSamePose;
+        });
+        if (!repeated) {
+            chosen.push_back(i);
+        }
+    }
+    return chosen;
+}
+
 /// Maximises the exact overlap from a candidate's pose and records the refined pose.
 void Refine(const std::vector<QVGaussian>& query, const std::vector<QVGaussian>& fit,
-            const Settings& settings, double tolerance, Candidate& candidate,
+            unsigned int iterations, double tolerance, Candidate& candidate,
             unsigned int& evaluations) {
     ExactOverlapObjective objective(query, Moved(fit, candidate.pose));
     CountingObjective counting(objective, evaluations);
@@ -281,7 +292,7 @@ void Refine(const std::vector<QVGaussian>& query, const std::vector<QVGaussian>&
     ScaledRigidObjective counted(counting, Radius(fit));
     QVOpt::QVBFGSOpt minimiser;
     minimiser.SetTolerance(tolerance);
-    minimiser.SetIterLimit(settings.refineIterationLimit);
+    minimiser.SetIterLimit(iterations);
     const double start[6] = {0, 0, 0, 0, 0, 0};
     double u[6], y[6];
     minimiser(counted, nullptr, start, u);
@@ -389,14 +400,28 @@ PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settin
     }
 }
 
-Query::Query(const QVMol& molecule, const Settings& settings)
-    : settings_(settings), prepared_(molecule, settings) {
+namespace {
+
+/// The expansion of the query's shape at the settings' order with its optimal single lambda.
+QVHermiteMath::QVHermite QueryExpansion(const std::vector<QVGaussian>& shape,
+                                        const Settings& settings) {
     QVHermiteMath::QVHermiteOptions options;
     options.SetNPolyMax(settings.order);
     options.SetUseSingleLambda(true);
     options.SetUseOptimalLambdas(true);
-    expansion_.Setup(prepared_.shape, options);
+    QVHermiteMath::QVHermite expansion;
+    expansion.Setup(shape, options);
+    return expansion;
 }
+
+}  // namespace
+
+Query::Query(const QVMol& molecule, const Settings& settings)
+    : settings_(settings),
+      prepared_(molecule, settings),
+      expansion_(QueryExpansion(prepared_.shape, settings)),
+      scan_(prepared_.shape, Expansion::From(expansion_),
+            StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed)) {}
 
 Result Query::Overlay(const QVMol& molecule) const {
     return Overlay(PreparedMolecule(molecule, settings_));
@@ -409,22 +434,25 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
 
     Result result;
     std::vector<Candidate> candidates =
-        HermiteSearch(query, fitExpansion, fit.shape, Radius(prepared_.shape), settings_, tolerance,
-                      result.hermiteEvaluations);
+        HermiteSearch(query, fitExpansion, fit.shape, Radius(prepared_.shape), scan_, settings_,
+                      tolerance, result.hermiteEvaluations);
     const double hermiteOverlap = candidates.front().hermiteOverlap;
-    const std::size_t refined = std::max<std::size_t>(
-        1, std::min<std::size_t>(settings_.refineCandidates, candidates.size()));
-    for (std::size_t i = 0; i < refined; ++i) {
+    const std::vector<std::size_t> refined =
+        DistinctCandidates(candidates, std::max(1u, settings_.refineCandidates), fit.shape);
+    for (const std::size_t i : refined) {
         if (settings_.refineCandidates > 0) {
-            Refine(prepared_.shape, fit.shape, settings_, tolerance, candidates[i],
-                   result.exactEvaluations);
+            Refine(prepared_.shape, fit.shape, settings_.refineIterationLimit, tolerance,
+                   candidates[i], result.exactEvaluations);
         }
         candidates[i].exactOverlap =
             QVHermiteMath::GaussianOverlap(prepared_.shape, Moved(fit.shape, candidates[i].pose));
     }
-    const Candidate& best = *std::max_element(
-        candidates.begin(), candidates.begin() + refined,
-        [](const Candidate& a, const Candidate& b) { return a.exactOverlap < b.exactOverlap; });
+    // The first of equal exact overlaps wins.
+    std::size_t winner = refined.front();
+    for (const std::size_t i : refined) {
+        winner = candidates[i].exactOverlap > candidates[winner].exactOverlap ? i : winner;
+    }
+    const Candidate& best = candidates[winner];
     result.transform = fit.toFrame.Then(best.pose).Then(prepared_.toFrame.Inverse());
     result.scores =
         ScorePose(fit, best.pose, best.exactOverlap, hermiteOverlap, fitExpansion.SelfOverlap());
@@ -474,6 +502,54 @@ Scores Query::ScorePose(const PreparedMolecule& fit, const QVTrans& pose, double
     }
     scores.combo = scores.shapeTanimoto + scores.electrostaticTanimoto;
     return scores;
+}
+
+std::optional<Effort> ParseEffort(std::string_view name) {
+    if (name == "fast") {
+        return Effort::Fast;
+    }
+    if (name == "default") {
+        return Effort::Default;
+    }
+    if (name == "thorough") {
+        return Effort::Thorough;
+    }
+    return std::nullopt;
+}
+
+namespace {
+
+/// The search settings of a preset: order, scanned rotations, local searches, refined poses.
+struct SearchPreset {
+    unsigned int order;
+    unsigned int scanRotations;
+    unsigned int searchStarts;
+    unsigned int refineCandidates;
+};
+
+SearchPreset PresetOf(Effort effort) {
+    const Settings defaults;
+    switch (effort) {
+        case Effort::Fast:
+            return {4, 30, 2, 1};
+        case Effort::Thorough:
+            return {4, 60, 6, 4};
+        case Effort::Default:
+            break;
+    }
+    return {defaults.order, defaults.scanRotations, defaults.searchStarts,
+            defaults.refineCandidates};
+}
+
+}  // namespace
+
+Settings WithEffort(Settings settings, Effort effort) {
+    const SearchPreset preset = PresetOf(effort);
+    settings.order = preset.order;
+    settings.scanRotations = preset.scanRotations;
+    settings.searchStarts = preset.searchStarts;
+    settings.refineCandidates = preset.refineCandidates;
+    return settings;
 }
 
 void TransformMolecule(QVMol& molecule, const QVTrans& transform) {

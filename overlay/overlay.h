@@ -9,13 +9,16 @@
 ///    result does not depend on the input poses.
 /// 2. The query is expanded in Hermite functions with its optimal single lambda; the fit is
 ///    expanded with the query's lambda, so that rotations are exact and the overlap consistent.
-/// 3. Starts: the fit's frame with each of the four proper 180-degree flips (identity and the
-///    half-turns about x, y and z), plus `extraStarts` random rotations (seeded). From each,
+/// 3. Orientation scan: the Hermite overlap of the two expansions at the common centre for the
+///    fit turned by each of the four proper 180-degree flips of its frame (identity and the
+///    half-turns about x, y and z), `scanRotations` evenly spread rotations and `extraStarts`
+///    random ones (see `OrientationScan`; the query's turned coefficients are made once).
+/// 4. Local search: from the `searchStarts` orientations with the largest scanned overlaps,
 ///    the six-variable Hermite overlap (three angles, three translations) is maximised with
 ///    BFGS.
-/// 4. The best `refineCandidates` poses (default 1) by Hermite overlap are refined by BFGS on the
-/// exact
-///    analytic overlap of the atom Gaussians; the best exact overlap wins.
+/// 5. Refinement: the best `refineCandidates` distinct poses (poses within 0.5 angstrom RMS of
+///    a better one are the same optimum) are refined by BFGS on the exact analytic overlap of
+///    the atom Gaussians; the best exact overlap wins.
 ///
 /// Scores (all at the final pose, from exact analytic overlap integrals unless named Hermite):
 /// - shape Tanimoto O_qf / (O_qq + O_ff - O_qf), in [0, 1];
@@ -33,10 +36,13 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "overlay/orientation_scan.h"
 
 namespace hermite::overlay {
 
@@ -44,16 +50,22 @@ namespace hermite::overlay {
 struct Settings {
     /// Order of the Hermite expansions (0 to 100).
     unsigned int order = 4;
-    /// Random rotations tried in addition to the four flips.
+    /// Evenly spread rotations scanned in addition to the four flips of the principal frame.
+    unsigned int scanRotations = 30;
+    /// Random rotations scanned in addition (seeded by `seed`).
     unsigned int extraStarts = 0;
-    /// Seed of the extra starts.
+    /// Seed of the random rotations.
     std::uint64_t seed = 42;
+    /// Local (BFGS) searches, started from the scanned orientations with the largest Hermite
+    /// overlaps; every scanned orientation is started when there are no more than this.
+    unsigned int searchStarts = 2;
     /// BFGS gradient tolerance of the Hermite search, relative to the query's self-overlap.
     double relativeTolerance = 1e-3;
     /// BFGS iteration limit per start.
     unsigned int iterationLimit = 100;
-    /// Poses refined on the exact overlap (0: no refinement).
-    unsigned int refineCandidates = 1;
+    /// Distinct poses of the local searches refined on the exact overlap, the best kept (0: the
+    /// best Hermite pose, unrefined).
+    unsigned int refineCandidates = 2;
     /// BFGS iteration limit of the exact refinement.
     unsigned int refineIterationLimit = 20;
     /// Compute electrostatic scores (needs partial charges).
@@ -61,6 +73,17 @@ struct Settings {
     /// Width w of the electrostatic Gaussians q / (sqrt(2 pi) w) exp(-r^2 / (2 w^2)), angstrom.
     double electrostaticWidth = 1.0;
 };
+
+/// How hard the search tries: presets of the settings that trade speed for the best pose
+/// (order, scanned rotations, local searches, refined poses). Measured in docs/overlay.md.
+enum class Effort { Fast, Default, Thorough };
+
+/// The effort named "fast", "default" or "thorough"; nothing for another name.
+std::optional<Effort> ParseEffort(std::string_view name);
+
+/// `settings` with the search settings of `effort`; the others (seed, tolerances,
+/// electrostatics) unchanged.
+Settings WithEffort(Settings settings, Effort effort);
 
 /// Scores of one overlay; see the file comment for their definitions.
 struct Scores {
@@ -148,6 +171,7 @@ private:
     Settings settings_;
     PreparedMolecule prepared_;
     QVHermiteMath::QVHermite expansion_;
+    OrientationScan scan_;
 };
 
 /// Applies a rigid transform to every atom of a molecule.

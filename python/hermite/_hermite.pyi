@@ -284,7 +284,10 @@ class OverlaySettings:
         self,
         *,
         order: int = ...,
+        effort: str = ...,
+        scan_rotations: int = ...,
         starts: int = ...,
+        search_starts: int = ...,
         seed: int = ...,
         relative_tolerance: float = ...,
         iteration_limit: int = ...,
@@ -294,7 +297,9 @@ class OverlaySettings:
         electrostatic_width: float = ...,
     ) -> None: ...
     order: int
+    scan_rotations: int
     starts: int
+    search_starts: int
     seed: int
     relative_tolerance: float
     iteration_limit: int
@@ -368,7 +373,10 @@ def overlay(
     *,
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
+    effort: str = ...,
+    scan_rotations: int = ...,
     starts: int = ...,
+    search_starts: int = ...,
     seed: int = ...,
     relative_tolerance: float = ...,
     iteration_limit: int = ...,
@@ -383,7 +391,10 @@ def score(
     *,
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
+    effort: str = ...,
+    scan_rotations: int = ...,
     starts: int = ...,
+    search_starts: int = ...,
     seed: int = ...,
     relative_tolerance: float = ...,
     iteration_limit: int = ...,
@@ -401,7 +412,10 @@ def screen(
     progress: Optional[Callable[[int, int], None]] = None,
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
+    effort: str = ...,
+    scan_rotations: int = ...,
     starts: int = ...,
+    search_starts: int = ...,
     seed: int = ...,
     relative_tolerance: float = ...,
     iteration_limit: int = ...,

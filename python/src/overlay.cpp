@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <exception>
 #include <limits>
+#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -109,7 +110,9 @@ const QVMol& MoleculeArgument(py::handle object, const std::string& name) {
 /// The keyword arguments the overlay functions accept besides `settings`: the properties of
 /// hermite.OverlaySettings.
 const char* const kSettingNames[] = {"order",
+                                     "scan_rotations",
                                      "starts",
+                                     "search_starts",
                                      "seed",
                                      "relative_tolerance",
                                      "iteration_limit",
@@ -136,8 +139,22 @@ Settings ResolveSettings(py::handle settings, const py::kwargs& kwargs) {
         return resolved;
     }
     py::object object = py::cast(resolved);
+    if (kwargs.contains("effort")) {
+        // The preset first, so that the other keywords override it.
+        const std::string effort = py::str(kwargs["effort"]);
+        const std::optional<hermite::overlay::Effort> preset =
+            hermite::overlay::ParseEffort(effort);
+        if (!preset || !py::isinstance<py::str>(kwargs["effort"])) {
+            throw py::value_error("effort must be 'fast', 'default' or 'thorough', got " +
+                                  std::string(py::repr(kwargs["effort"])));
+        }
+        object = py::cast(hermite::overlay::WithEffort(resolved, *preset));
+    }
     for (const auto& item : kwargs) {
         const std::string name = py::str(item.first);
+        if (name == "effort") {
+            continue;
+        }
         const bool known = std::any_of(std::begin(kSettingNames), std::end(kSettingNames),
                                        [&](const char* n) { return name == n; });
         if (!known) {
@@ -150,7 +167,8 @@ Settings ResolveSettings(py::handle settings, const py::kwargs& kwargs) {
 
 std::string SettingsRepr(const Settings& s) {
     std::ostringstream out;
-    out << "OverlaySettings(order=" << s.order << ", starts=" << s.extraStarts
+    out << "OverlaySettings(order=" << s.order << ", scan_rotations=" << s.scanRotations
+        << ", starts=" << s.extraStarts << ", search_starts=" << s.searchStarts
         << ", seed=" << s.seed << ", relative_tolerance=" << Repr(s.relativeTolerance)
         << ", iteration_limit=" << s.iterationLimit << ", refine_candidates=" << s.refineCandidates
         << ", refine_iteration_limit=" << s.refineIterationLimit
@@ -209,7 +227,9 @@ OverlayResultObject MakeResult(const Result& result, const QVMol& fit, const std
 py::dict SettingsState(const Settings& s) {
     py::dict d;
     d["order"] = s.order;
+    d["scan_rotations"] = s.scanRotations;
     d["starts"] = s.extraStarts;
+    d["search_starts"] = s.searchStarts;
     d["seed"] = s.seed;
     d["relative_tolerance"] = s.relativeTolerance;
     d["iteration_limit"] = s.iterationLimit;
@@ -419,9 +439,16 @@ std::string SettingsDoc() {
     std::ostringstream out;
     out << "\nSettings (keyword arguments, or ``settings=hermite.OverlaySettings(...)``; "
            "defaults in brackets):\n"
+        << "    effort: 'fast', 'default' or 'thorough': presets of order, scan_rotations, "
+           "search_starts and refine_candidates, which other keywords override.\n"
         << "    order: Hermite expansion order, 0 to 100 [" << d.order << "].\n"
-        << "    starts: random start rotations tried besides the four flips [" << d.extraStarts
-        << "].\n"
+        << "    scan_rotations: evenly spread rotations scanned besides the four flips of the "
+           "principal frame ["
+        << d.scanRotations << "].\n"
+        << "    starts: random rotations scanned besides them [" << d.extraStarts << "].\n"
+        << "    search_starts: local searches, from the scanned orientations with the largest "
+           "Hermite overlaps (every one when there are no more) ["
+        << d.searchStarts << "].\n"
         << "    seed: seed of the random starts [" << d.seed << "].\n"
         << "    relative_tolerance: BFGS gradient tolerance relative to the query's self-overlap ["
         << Repr(d.relativeTolerance) << "].\n"
@@ -532,9 +559,17 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
             "order", [](const Settings& s) { return s.order; },
             [](Settings& s, py::object v) { s.order = Order(v); }, "Hermite expansion order.")
         .def_property(
+            "scan_rotations", [](const Settings& s) { return s.scanRotations; },
+            [](Settings& s, py::object v) { s.scanRotations = Count(v, "scan_rotations", 100000); },
+            "Evenly spread rotations scanned besides the four flips.")
+        .def_property(
             "starts", [](const Settings& s) { return s.extraStarts; },
             [](Settings& s, py::object v) { s.extraStarts = Count(v, "starts", 100000); },
-            "Random start rotations besides the four flips.")
+            "Random rotations scanned besides the four flips.")
+        .def_property(
+            "search_starts", [](const Settings& s) { return s.searchStarts; },
+            [](Settings& s, py::object v) { s.searchStarts = Count(v, "search_starts", 100000); },
+            "Local searches, from the scanned orientations with the largest Hermite overlaps.")
         .def_property(
             "seed", [](const Settings& s) { return s.seed; },
             [](Settings& s, py::object v) {

@@ -96,7 +96,8 @@ def test_score_keeps_the_pose(cdk2: List[hermite.Molecule]) -> None:
 def test_settings_by_keyword_or_object(cdk2: List[hermite.Molecule]) -> None:
     settings = hermite.OverlaySettings(order=4, starts=3, seed=7)
     assert settings.order == 4 and settings.starts == 3 and settings.seed == 7
-    assert repr(settings).startswith("OverlaySettings(order=4, starts=3, seed=7")
+    assert repr(settings).startswith("OverlaySettings(order=4, scan_rotations=")
+    assert ", starts=3, search_starts=" in repr(settings) and ", seed=7," in repr(settings)
     by_object = hermite.overlay(cdk2[2], cdk2[3], settings=settings)
     by_keywords = hermite.overlay(cdk2[2], cdk2[3], order=4, starts=3, seed=7)
     np.testing.assert_array_equal(by_object.transform, by_keywords.transform)
@@ -173,3 +174,25 @@ def test_screen_score_only(cdk2: List[hermite.Molecule]) -> None:
         np.testing.assert_array_equal(result.transform, np.eye(4))
         assert result.scores.shape_tanimoto == pytest.approx(
             hermite.score(cdk2[0], molecule).scores.shape_tanimoto, rel=1e-12)
+
+
+def test_effort_presets_set_the_search_and_other_keywords_override_them() -> None:
+    fast = hermite.OverlaySettings(effort="fast")
+    thorough = hermite.OverlaySettings(effort="thorough")
+    default = hermite.OverlaySettings(effort="default")
+    assert repr(default) == repr(hermite.OverlaySettings())
+    assert fast.refine_candidates < default.refine_candidates < thorough.refine_candidates
+    assert fast.search_starts <= default.search_starts < thorough.search_starts
+    assert hermite.OverlaySettings(effort="thorough", refine_candidates=1).refine_candidates == 1
+    with pytest.raises(ValueError, match="effort must be 'fast', 'default' or 'thorough'"):
+        hermite.OverlaySettings(effort="maximal")
+    with pytest.raises(ValueError, match="effort must be"):
+        hermite.OverlaySettings(effort=3)
+
+
+def test_a_thorough_search_is_never_worse_on_cdk2(cdk2: List[hermite.Molecule]) -> None:
+    # Pairs whose best poses lie far from the flips of the principal frames.
+    for q, f in [(21, 22), (24, 38), (0, 26)]:
+        fast = hermite.overlay(cdk2[q], cdk2[f], effort="fast").scores.shape_tanimoto
+        thorough = hermite.overlay(cdk2[q], cdk2[f], effort="thorough").scores.shape_tanimoto
+        assert thorough >= fast - 1e-9

@@ -4,7 +4,7 @@ import re
 
 import pytest
 
-from hermite_cli_support import CDK2, run
+from hermite_cli_support import CDK2, query_file, run
 
 COMMANDS = ["overlay", "grid", "expand"]
 
@@ -12,7 +12,8 @@ COMMANDS = ["overlay", "grid", "expand"]
 OPTIONS = {
     "overlay": ["--query", "--db", "--out", "--scores", "--best", "--cutoff", "--rank-by",
                 "--threads", "--order", "--hydrogens", "--electrostatics", "--charges",
-                "--score-only", "--seed", "--starts", "--conformers", "--quiet", "--help"],
+                "--score-only", "--seed", "--starts", "--conformers", "--quiet", "--help",
+                "--effort", "--scan", "--searches", "--refine"],
     "grid": ["--spacing", "--out", "--electrostatics", "--order", "--charges", "--hydrogens",
              "--help"],
     "expand": ["--order", "--hydrogens", "--electrostatics", "--lambda", "--centre", "--out",
@@ -74,6 +75,27 @@ def test_order_above_range():
     result = run("overlay", "--query", CDK2, "--db", CDK2, "--order", "101")
     assert result.returncode == 2
     assert result.stderr == "hermite overlay: --order must be an integer from 0 to 100, got 101\n"
+
+
+def test_effort_must_be_a_preset():
+    result = run("overlay", "--query", CDK2, "--db", CDK2, "--effort", "maximal")
+    assert result.returncode == 2
+    assert result.stderr == (
+        "hermite overlay: --effort must be fast, default or thorough, got maximal\n")
+
+
+def test_effort_and_explicit_search_options_change_the_poses(tmp_path):
+    scores = {}
+    for name, options in {"fast": ["--effort", "fast"], "thorough": ["--effort", "thorough"],
+                          "explicit": ["--effort", "thorough", "--refine", "1", "--searches", "2",
+                                       "--scan", "30"]}.items():
+        result = run("overlay", "--query", query_file(), "--db", CDK2, "--scores",
+                     tmp_path / f"{name}.tsv", "--quiet", *options)
+        assert result.returncode == 0, result.stderr
+        scores[name] = (tmp_path / f"{name}.tsv").read_text()
+    # The explicit options override the preset: thorough with fast's search is fast.
+    assert scores["explicit"] == scores["fast"]
+    assert scores["thorough"] != scores["fast"]
 
 
 @pytest.mark.parametrize("args, message", [

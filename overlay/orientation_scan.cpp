@@ -1,0 +1,139 @@
+#include "overlay/orientation_scan.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+#include <random>
+
+namespace hermite::overlay {
+
+namespace {
+
+constexpr double kPi = 3.141592653589793;
+
+/// The rotation of a unit quaternion (w, x, y, z).
+RotationMatrix FromQuaternion(double w, double x, double y, double z) {
+    return {1 - 2 * (y * y + z * z), 2 * (x * y - w * z),     2 * (x * z + w * y),
+            2 * (x * y + w * z),     1 - 2 * (x * x + z * z), 2 * (y * z - w * x),
+            2 * (x * z - w * y),     2 * (y * z + w * x),     1 - 2 * (x * x + y * y)};
+}
+
+/// A uniformly distributed random rotation (from a unit quaternion with normally distributed
+/// components), drawn from the engine's raw output so that every platform draws the same.
+RotationMatrix RandomRotation(std::mt19937_64& engine) {
+    const auto uniform = [&engine] {
+        return (static_cast<double>(engine() >> 11) + 0.5) / 9007199254740992.0;  // (0, 1)
+    };
+    double q[4];
+    for (int i = 0; i < 4; i += 2) {
+        // Box-Muller: two normal deviates from two uniform ones.
+        const double radius = std::sqrt(-2.0 * std::log(uniform()));
+        const double angle = 2.0 * kPi * uniform();
+        q[i] = radius * std::cos(angle);
+        q[i + 1] = radius * std::sin(angle);
+    }
+    const double norm = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+    return FromQuaternion(q[0] / norm, q[1] / norm, q[2] / norm, q[3] / norm);
+}
+
+/// Rotation `i` of `n` of the super-Fibonacci spiral: unit quaternions spread evenly over the
+/// 3-sphere by two incommensurable turns (constants sqrt(2) and the root of x^4 = x + 4), which
+/// covers the rotations evenly for any n.
+RotationMatrix SpiralRotation(unsigned int i, unsigned int n) {
+    constexpr double phi = 1.4142135623730951;
+    constexpr double psi = 1.533751168755204288;
+    const double s = i + 0.5;
+    const double r = std::sqrt(s / n);
+    const double R = std::sqrt(1.0 - s / n);
+    const double alpha = 2.0 * kPi * s / phi;
+    const double beta = 2.0 * kPi * s / psi;
+    return FromQuaternion(r * std::sin(alpha), r * std::cos(alpha), R * std::sin(beta),
+                          R * std::cos(beta));
+}
+
+/// Gaussians turned by a rotation about the origin (computed in double, stored as float).
+std::vector<QVSystem::QVGaussian> Turned(const std::vector<QVSystem::QVGaussian>& gaussians,
+                                         const RotationMatrix& R) {
+    std::vector<QVSystem::QVGaussian> turned = gaussians;
+    for (QVSystem::QVGaussian& g : turned) {
+        const double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        g.SetX(static_cast<float>(R[0] * p[0] + R[1] * p[1] + R[2] * p[2]));
+        g.SetY(static_cast<float>(R[3] * p[0] + R[4] * p[1] + R[5] * p[2]));
+        g.SetZ(static_cast<float>(R[6] * p[0] + R[7] * p[1] + R[8] * p[2]));
+    }
+    return turned;
+}
+
+}  // namespace
+
+std::vector<RotationMatrix> StartOrientations(unsigned int spread, unsigned int random,
+                                              std::uint64_t seed) {
+    std::vector<RotationMatrix> rotations = {
+        RotationMatrix{1, 0, 0, 0, 1, 0, 0, 0, 1},
+        RotationMatrix{1, 0, 0, 0, -1, 0, 0, 0, -1},
+        RotationMatrix{-1, 0, 0, 0, 1, 0, 0, 0, -1},
+        RotationMatrix{-1, 0, 0, 0, -1, 0, 0, 0, 1},
+    };
+    for (unsigned int i = 0; i < spread; ++i) {
+        rotations.push_back(SpiralRotation(i, spread));
+    }
+    std::mt19937_64 engine(seed);
+    for (unsigned int i = 0; i < random; ++i) {
+        rotations.push_back(RandomRotation(engine));
+    }
+    return rotations;
+}
+
+OrientationScan::OrientationScan(const std::vector<QVSystem::QVGaussian>& gaussians,
+                                 const Expansion& expansion, std::vector<RotationMatrix> rotations)
+    : rotations_(std::move(rotations)), size_(expansion.coefficients.size()) {
+    const unsigned int N = expansion.order;
+    const std::vector<double> K = QVHermiteMath::computeKs(N);
+    const double volume = 1.0 / (expansion.lambda[0] * expansion.lambda[1] * expansion.lambda[2]);
+    std::vector<double> weight;
+    for (unsigned int s = 0; s <= N; ++s) {
+        for (unsigned int l = 0; l <= s; ++l) {
+            for (unsigned int m = 0; m <= s - l; ++m) {
+                weight.push_back(volume * K[l] * K[m] * K[s - l - m]);
+            }
+        }
+    }
+    weighted_.reserve(rotations_.size() * size_);
+    for (const RotationMatrix& R : rotations_) {
+        // Turning the fit by R is turning the query by R^T.
+        const RotationMatrix Rt = {R[0], R[3], R[6], R[1], R[4], R[7], R[2], R[5], R[8]};
+        const Expansion turned = Expansion::Of(Turned(gaussians, Rt), N, expansion.lambda);
+        for (std::size_t i = 0; i < size_; ++i) {
+            weighted_.push_back(turned.coefficients[i] * weight[i]);
+        }
+    }
+}
+
+std::vector<double> OrientationScan::Overlaps(const Expansion& fit) const {
+    std::vector<double> overlaps(rotations_.size());
+    const double* f = fit.coefficients.data();
+    for (std::size_t k = 0; k < rotations_.size(); ++k) {
+        const double* q = weighted_.data() + k * size_;
+        double sum = 0.0;
+        for (std::size_t i = 0; i < size_; ++i) {
+            sum += q[i] * f[i];
+        }
+        overlaps[k] = sum;
+    }
+    return overlaps;
+}
+
+std::vector<std::size_t> OrientationScan::Best(const Expansion& fit, std::size_t count) const {
+    const std::vector<double> overlaps = Overlaps(fit);
+    std::vector<std::size_t> order(overlaps.size());
+    std::iota(order.begin(), order.end(), 0);
+    count = std::min(count, order.size());
+    std::partial_sort(order.begin(), order.begin() + count, order.end(),
+                      [&overlaps](std::size_t a, std::size_t b) {
+                          return overlaps[a] != overlaps[b] ? overlaps[a] > overlaps[b] : a < b;
+                      });
+    order.resize(count);
+    return order;
+}
+
+}  // namespace hermite::overlay

@@ -1,0 +1,190 @@
+// The global scan of orientations: its rotations are proper and cover every orientation, its
+// overlaps are the Hermite overlaps the local search computes, and the search it seeds finds
+// the best pose where the principal frames alone mislead.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "hermite/hermite.h"
+#include "io/molecule_io.h"
+#include "overlay/fast_overlap.h"
+#include "overlay/orientation_scan.h"
+#include "overlay/overlay.h"
+
+namespace {
+
+using hermite::overlay::Expansion;
+using hermite::overlay::FastOverlap;
+using hermite::overlay::OrientationScan;
+using hermite::overlay::PreparedMolecule;
+using hermite::overlay::Query;
+using hermite::overlay::RotationMatrix;
+using hermite::overlay::Settings;
+using hermite::overlay::StartOrientations;
+using QVChem::QVTrans;
+
+constexpr double kPi = 3.141592653589793;
+const char* const kCdk2 = "/usr/share/RDKit/Contrib/Fastcluster/testdata/cdk2.sdf";
+
+/// The rotation angle between two rotations, radians.
+double Angle(const RotationMatrix& a, const RotationMatrix& b) {
+    double trace = 0.0;  // trace of a^T b
+    for (int i = 0; i < 9; ++i) {
+        trace += a[i] * b[i];
+    }
+    return std::acos(std::clamp((trace - 1.0) / 2.0, -1.0, 1.0));
+}
+
+RotationMatrix RandomRotation(std::mt19937_64& engine) {
+    std::normal_distribution<double> normal;
+    double q[4];
+    for (double& c : q) {
+        c = normal(engine);
+    }
+    const double n = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+    const double w = q[0] / n, x = q[1] / n, y = q[2] / n, z = q[3] / n;
+    return {1 - 2 * (y * y + z * z), 2 * (x * y - w * z),     2 * (x * z + w * y),
+            2 * (x * y + w * z),     1 - 2 * (x * x + z * z), 2 * (y * z - w * x),
+            2 * (x * z - w * y),     2 * (y * z + w * x),     1 - 2 * (x * x + y * y)};
+}
+
+/// The largest angle from any of 2,000 random rotations to its nearest rotation of the set.
+double CoveringAngle(const std::vector<RotationMatrix>& set) {
+    std::mt19937_64 engine(11);
+    double worst = 0.0;
+    for (int i = 0; i < 2000; ++i) {
+        const RotationMatrix r = RandomRotation(engine);
+        double nearest = kPi;
+        for (const RotationMatrix& s : set) {
+            nearest = std::min(nearest, Angle(r, s));
+        }
+        worst = std::max(worst, nearest);
+    }
+    return worst;
+}
+
+QVTrans AsTransform(const RotationMatrix& R) {
+    const double zero[3] = {0.0, 0.0, 0.0};
+    return QVTrans(R.data(), zero);
+}
+
+std::vector<QVSystem::QVGaussian> Turned(const std::vector<QVSystem::QVGaussian>& gaussians,
+                                         const RotationMatrix& R) {
+    std::vector<QVSystem::QVGaussian> turned = gaussians;
+    for (QVSystem::QVGaussian& g : turned) {
+        double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        AsTransform(R).Apply(p);
+        g.SetX(static_cast<float>(p[0]));
+        g.SetY(static_cast<float>(p[1]));
+        g.SetZ(static_cast<float>(p[2]));
+    }
+    return turned;
+}
+
+TEST(OrientationScan, StartsWithTheFlipsAndEveryRotationIsProper) {
+    const std::vector<RotationMatrix> set = StartOrientations(30, 5, 3);
+    ASSERT_EQ(set.size(), 39u);
+    EXPECT_EQ(set[0], (RotationMatrix{1, 0, 0, 0, 1, 0, 0, 0, 1}));
+    EXPECT_EQ(set[1], (RotationMatrix{1, 0, 0, 0, -1, 0, 0, 0, -1}));
+    EXPECT_EQ(set[2], (RotationMatrix{-1, 0, 0, 0, 1, 0, 0, 0, -1}));
+    EXPECT_EQ(set[3], (RotationMatrix{-1, 0, 0, 0, -1, 0, 0, 0, 1}));
+    for (const RotationMatrix& R : set) {
+        for (int i = 0; i < 3; ++i) {
+            for (int j = 0; j < 3; ++j) {
+                const double dot =
+                    R[3 * i] * R[3 * j] + R[3 * i + 1] * R[3 * j + 1] + R[3 * i + 2] * R[3 * j + 2];
+                EXPECT_NEAR(dot, i == j ? 1.0 : 0.0, 1e-12);
+            }
+        }
+        const double det = R[0] * (R[4] * R[8] - R[5] * R[7]) - R[1] * (R[3] * R[8] - R[5] * R[6]) +
+                           R[2] * (R[3] * R[7] - R[4] * R[6]);
+        EXPECT_NEAR(det, 1.0, 1e-12);
+    }
+    // The same seed draws the same random rotations.
+    EXPECT_EQ(StartOrientations(30, 5, 3), set);
+}
+
+// Every orientation lies near one of the scanned ones, and more rotations cover more closely:
+// the flips alone leave orientations 2 radians (115 degrees) away.
+TEST(OrientationScan, SpreadRotationsCoverEveryOrientation) {
+    const double flips = CoveringAngle(StartOrientations(0, 0, 0));
+    const double thirty = CoveringAngle(StartOrientations(30, 0, 0));
+    const double sixty = CoveringAngle(StartOrientations(60, 0, 0));
+    EXPECT_GT(flips, 1.9);
+    EXPECT_LT(thirty, 1.25);
+    EXPECT_LT(sixty, 1.0);
+    EXPECT_LT(sixty, thirty);
+}
+
+// The scan's overlap for rotation k is the Hermite overlap the local search computes for the
+// fit turned by rotation k, at the start (no motion): the same number to rounding.
+TEST(OrientationScan, OverlapsAreTheHermiteOverlapsOfTheTurnedFit) {
+    const std::vector<hermite::io::Molecule> ligands = hermite::io::ReadAll(kCdk2);
+    Settings settings;
+    const PreparedMolecule query(ligands[0].conformers[0].Mol(), settings);
+    const PreparedMolecule fit(ligands[5].conformers[0].Mol(), settings);
+    QVHermiteMath::QVHermiteOptions options;
+    options.SetNPolyMax(settings.order);
+    options.SetUseSingleLambda(true);
+    options.SetUseOptimalLambdas(true);
+    QVHermiteMath::QVHermite expansion;
+    expansion.Setup(query.shape, options);
+    const Expansion queryExpansion = Expansion::From(expansion);
+
+    const OrientationScan scan(query.shape, queryExpansion, StartOrientations(20, 0, 0));
+    const Expansion fitExpansion =
+        Expansion::Of(fit.shape, queryExpansion.order, queryExpansion.lambda);
+    const std::vector<double> overlaps = scan.Overlaps(fitExpansion);
+    ASSERT_EQ(overlaps.size(), 24u);
+    const double zero[6] = {0, 0, 0, 0, 0, 0};
+    for (std::size_t k = 0; k < overlaps.size(); ++k) {
+        const Expansion turned = Expansion::Of(Turned(fit.shape, scan.Rotations()[k]),
+                                               queryExpansion.order, queryExpansion.lambda);
+        FastOverlap objective(queryExpansion, turned);
+        const double expected = -objective(zero);
+        EXPECT_NEAR(overlaps[k], expected, 1e-5 * std::abs(expected)) << "rotation " << k;
+    }
+    // Best: the largest overlaps, best first.
+    const std::vector<std::size_t> best = scan.Best(fitExpansion, 3);
+    ASSERT_EQ(best.size(), 3u);
+    std::vector<double> sorted = overlaps;
+    std::sort(sorted.rbegin(), sorted.rend());
+    for (std::size_t i = 0; i < best.size(); ++i) {
+        EXPECT_EQ(overlaps[best[i]], sorted[i]);
+    }
+}
+
+// CDK2 pairs whose best poses lie far from every flip of the principal frames (found by
+// comparing searches over all pairs): the four flips alone stop at least 0.1 below the best
+// pose known, and the search seeded by the scan reaches it.
+TEST(OrientationScan, SearchFindsTheBestPoseWhereTheFramesMislead) {
+    const std::vector<hermite::io::Molecule> ligands = hermite::io::ReadAll(kCdk2);
+    const auto mol = [&ligands](std::size_t i) { return ligands[i].conformers[0].Mol(); };
+    Settings flips;
+    flips.scanRotations = 0;
+    flips.searchStarts = 4;
+    flips.refineCandidates = 1;
+    Settings scanned;
+    scanned.scanRotations = 60;
+    scanned.searchStarts = 4;
+    scanned.refineCandidates = 3;
+    Settings exhaustive;
+    exhaustive.order = 6;
+    exhaustive.scanRotations = 300;
+    exhaustive.searchStarts = 40;
+    exhaustive.refineCandidates = 8;
+    const std::pair<std::size_t, std::size_t> pairs[] = {{21, 22}, {24, 38}, {36, 6}, {0, 26}};
+    for (const auto& [q, f] : pairs) {
+        const double best = Query(mol(q), exhaustive).Overlay(mol(f)).scores.shapeTanimoto;
+        const double fromFlips = Query(mol(q), flips).Overlay(mol(f)).scores.shapeTanimoto;
+        const double fromScan = Query(mol(q), scanned).Overlay(mol(f)).scores.shapeTanimoto;
+        EXPECT_LT(fromFlips, best - 0.1) << "query " << q << ", fit " << f;
+        EXPECT_GT(fromScan, best - 0.002) << "query " << q << ", fit " << f;
+    }
+}
+
+}  // namespace
