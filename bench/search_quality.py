@@ -15,12 +15,14 @@ cached in DATA_DIR/search-reference.json and improved whenever a run finds bette
 
 For each configuration (order, scanned rotations, local searches, refined poses): the mean exact
 Tanimoto on CDK2 and on FABP4, its gap to the best-known mean (target <= 0.003), the share of
-CDK2 pairs with |T(q, f) - T(f, q)| <= 0.01 (target >= 99 %), and overlays per second on one
-thread (the CDK2 screen through hermite.screen, threads=1; target >= 5,000). Prints one Markdown
-table; --json FILE writes the data.
+CDK2 pairs with |T(q, f) - T(f, q)| <= 0.01 (target >= 99 %), overlays per second on one thread
+(the CDK2 screen through hermite.screen, threads=1, median of --repeats runs; target >= 5,000),
+and the time per overlay at 70 heavy atoms over the time at 16 (conformers of a peptide-like
+chain and of a small amide, each overlaid onto ten of its own conformers; target <= 1.5). Prints
+one Markdown table; --json FILE writes the data.
 
 Usage: /usr/bin/python3 bench/search_quality.py [--python-path build/python] [--configs NAME...]
-           [--json FILE] [--data-dir /work/bench-data]
+           [--repeats 5] [--json FILE] [--data-dir /work/bench-data]
 """
 
 import argparse
@@ -45,8 +47,8 @@ CONFIGS = {
     "flips, 4 searches, 1 refined (the former default)": (4, 0, 4, 1),
     "flips, 4 searches, 2 refined": (4, 0, 4, 2),
     "scan 30, 2 searches, 1 refined (fast)": (4, 30, 2, 1),
-    "scan 30, 2 searches, 2 refined": (4, 30, 2, 2),
-    "scan 30, 3 searches, 2 refined (default)": (4, 30, 3, 2),
+    "scan 30, 2 searches, 2 refined (default)": (4, 30, 2, 2),
+    "scan 30, 3 searches, 2 refined": (4, 30, 3, 2),
     "scan 30, 4 searches, 3 refined": (4, 30, 4, 3),
     "scan 60, 4 searches, 3 refined": (4, 60, 4, 3),
     "scan 60, 6 searches, 4 refined (thorough)": (4, 60, 6, 4),
@@ -55,6 +57,15 @@ CONFIGS = {
     "order 6, scan 120, 8 searches, 4 refined": (6, 120, 8, 4),
 }
 EXHAUSTIVE = (8, 200, 50, 4)
+
+# Cost against molecule size: conformers of a small molecule (16 heavy atoms) and of a
+# decapeptide-like chain (70 heavy atoms), each overlaid onto ten of its own conformers.
+SIZE_SMILES = {
+    "small": "O=C(NCCO)c1ccc2ccccc2c1",
+    "large": "CC(C)C[C@H](NC(=O)[C@H](Cc1ccccc1)NC(=O)[C@H](CO)NC(=O)[C@H](C)NC(=O)"
+             "[C@H](Cc1ccc(O)cc1)NC(=O)CN)C(=O)N[C@@H](CCC(N)=O)C(=O)N[C@@H]"
+             "(Cc1c[nH]c2ccccc12)C(=O)O",
+}
 
 
 def log(message):
@@ -146,6 +157,31 @@ def run_config(hermite, config, molecules, pairs, repeats=1):
     return scores, sorted(runs)[len(runs) // 2]
 
 
+def size_rates(hermite, config, repeats):
+    """Overlays per second (one thread) on the small and the large molecule's conformers."""
+    from rdkit import Chem
+    from rdkit.Chem import AllChem
+    import hermite.rdkit
+
+    order, scan, starts, refine = config
+    settings = dict(order=order, scan_rotations=scan, search_starts=starts,
+                    refine_candidates=max(refine, 1))
+    rates = {}
+    for name, smiles in SIZE_SMILES.items():
+        mol = Chem.AddHs(Chem.MolFromSmiles(smiles))
+        ids = AllChem.EmbedMultipleConfs(mol, 20, randomSeed=1)
+        conformers = [hermite.rdkit.from_rdkit(mol, conf_id=i, charges=None) for i in ids]
+        runs = []
+        for _ in range(repeats):
+            start = time.perf_counter()
+            for query in conformers[:10]:
+                hermite.screen(query, conformers, threads=1, **settings)
+            runs.append(10 * len(conformers) / (time.perf_counter() - start))
+        rates[name] = sorted(runs)[len(runs) // 2]
+        rates[name + "_atoms"] = Chem.RemoveHs(mol).GetNumAtoms()
+    return rates
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--python-path", default=os.path.join(REPOSITORY, "build/python"))
@@ -187,6 +223,7 @@ def main():
             improve(name, scores)
             row[name] = scores
             row[f"{name}_rate"] = len(pairs) / seconds
+        row["sizes"] = size_rates(hermite, config, args.repeats)
         rows.append(row)
         log(f"{label}: cdk2 {np.mean(list(row['cdk2'].values())):.4f}, "
             f"{row['cdk2_rate']:.0f} overlays/s")
@@ -198,9 +235,11 @@ def main():
     print(f"best-known mean exact shape Tanimoto: CDK2 {reference['cdk2']:.4f} "
           f"({len(sets['cdk2'])} ordered pairs), FABP4 {reference['fabp4']:.4f} "
           f"({len(sets['fabp4'])} pairs)\n")
+    sizes = rows[0]["sizes"] if rows else {}
     print("| search | CDK2 mean | gap | FABP4 mean | gap | symmetric within 0.01 | "
-          "overlays/s (CDK2, 1 thread) |")
-    print("|---|--:|--:|--:|--:|--:|--:|")
+          f"overlays/s (CDK2, 1 thread) | time at {sizes.get('large_atoms')} / at "
+          f"{sizes.get('small_atoms')} heavy atoms |")
+    print("|---|--:|--:|--:|--:|--:|--:|--:|")
     summary = []
     for row in rows:
         cdk2 = row["cdk2"]
@@ -208,10 +247,12 @@ def main():
         mean = {name: float(np.mean(list(row[name].values()))) for name in sets}
         print(f"| {row['config']} | {mean['cdk2']:.4f} | {reference['cdk2'] - mean['cdk2']:.4f} | "
               f"{mean['fabp4']:.4f} | {reference['fabp4'] - mean['fabp4']:.4f} | "
-              f"{100 * symmetric:.1f} % | {row['cdk2_rate']:,.0f} |")
+              f"{100 * symmetric:.1f} % | {row['cdk2_rate']:,.0f} | "
+              f"{row['sizes']['small'] / row['sizes']['large']:.1f} |")
         summary.append({"config": row["config"], "settings": row["settings"], "mean": mean,
                         "gap": {n: reference[n] - mean[n] for n in sets},
-                        "symmetric": float(symmetric), "rate": row["cdk2_rate"]})
+                        "symmetric": float(symmetric), "rate": row["cdk2_rate"],
+                        "sizes": row["sizes"]})
     if args.json:
         with open(args.json, "w") as out:
             json.dump({"reference": reference, "rows": summary}, out, indent=2)

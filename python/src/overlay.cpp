@@ -542,12 +542,19 @@ Args:
 Settings of an overlay; every argument is keyword-only and also a property.
 
 Args:
+    effort: 'fast', 'default' or 'thorough': presets of order, scan_rotations, search_starts
+        and refine_candidates (the other arguments override them).
     order: Hermite expansion order, 0 to 100.
-    starts: random start rotations tried besides the four flips of the principal frame.
-    seed: seed of the random starts.
+    scan_rotations: evenly spread rotations whose Hermite overlap is scanned besides the four
+        flips of the principal frame.
+    starts: random rotations scanned besides them.
+    search_starts: local (BFGS) searches, from the scanned orientations with the largest
+        Hermite overlaps.
+    seed: seed of the random rotations.
     relative_tolerance: BFGS gradient tolerance, relative to the query's self-overlap.
     iteration_limit: BFGS iteration limit per start.
-    refine_candidates: best Hermite poses refined on the exact overlap (0: no refinement).
+    refine_candidates: best distinct Hermite poses refined on the exact overlap (0: no
+        refinement).
     refine_iteration_limit: BFGS iteration limit of the exact refinement.
     electrostatics: also compute electrostatic scores (needs partial charges).
     electrostatic_width: width of the electrostatic Gaussians, angstrom.
@@ -709,7 +716,8 @@ The result of overlaying a fit molecule onto a query: scores and the rigid motio
 
     const std::string overlayDoc = std::string(R"doc(
 Overlays ``fit`` onto ``query`` by shape: both are put into their principal frames, the Hermite
-overlap is maximised from the four flips (and ``starts`` random rotations), and the best poses
+overlap is scanned over the four flips and ``scan_rotations`` spread (and ``starts`` random)
+rotations, maximised by BFGS from the ``search_starts`` best of them, and the best distinct poses
 are refined on the exact overlap of the atom Gaussians.
 
 Args:

@@ -120,7 +120,7 @@ def test_bad_records_are_named_as_in_one_run_and_the_run_goes_on(inputs, cluster
 
 
 def test_a_worker_killed_mid_run_loses_nothing(inputs, cluster, capfd):
-    arguments = ["--query", "query.sdf", "--db", CDK2_SDF, CDK2_SDF, "--starts", "8",
+    arguments = ["--query", "query.sdf", "--db", CDK2_SDF, CDK2_SDF, "--searches", "8",
                  "--best", "20", "--quiet"]
     single = run_tool([*arguments, "--out", "single.sdf", "--scores", "single.tsv"], inputs)
     assert single.returncode == 0, single.stderr

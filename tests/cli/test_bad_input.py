@@ -188,7 +188,7 @@ def test_interrupted_run_leaves_no_file(tmp_path):
     (tmp_path / "big.sdf").write_text(CDK2.read_text() * 100)
     process = subprocess.Popen([HERMITE, "overlay", "--query", str(QUERY), "--db", "big.sdf",
                                 "--scores", "scores.tsv", "--out", "hits.sdf", "--threads", "1",
-                                "--starts", "20"],
+                                "--searches", "20"],
                                cwd=tmp_path, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                text=True)
     # Interrupt once the run is under way: its outputs are open (as temporary files).

@@ -554,7 +554,7 @@ def test_interrupted_smiles_overlay_leaves_no_output(tmp_path):
 
 def test_terminated_overlay_of_a_large_file_leaves_no_output(tmp_path):
     (tmp_path / "big.sdf").write_text(CDK2.read_text() * 200)
-    stderr = interrupt(tmp_path, ["overlay", "--query", QUERY, "--db", "big.sdf", "--starts",
+    stderr = interrupt(tmp_path, ["overlay", "--query", QUERY, "--db", "big.sdf", "--searches",
                                   "20", "--scores", "scores.tsv", "--out", "hits.sdf"],
                        ["big.sdf"], signal.SIGTERM)
     assert "no output written" in stderr
