@@ -12,6 +12,7 @@ import os
 import signal
 import subprocess
 import sys
+import time
 from pathlib import Path
 
 import pytest
@@ -194,3 +195,31 @@ def test_help_shows_the_cluster_options_and_those_of_hermite_overlay():
 def test_part_size_is_checked_in_python(cluster):
     with pytest.raises(ValueError, match="part_size"):
         hermite.distributed.overlay(["--query", "q.sdf", "--db", "d.sdf"], cluster, part_size=0)
+
+
+def test_sigterm_stops_the_run_and_writes_nothing(inputs):
+    (inputs / "big.sdf").write_text(Path(CDK2_SDF).read_text() * 20)
+    command = [sys.executable, "-m", "hermite.distributed", "overlay", "--scheduler", "local:2",
+               "--part-size", "5", "--query", "query.sdf", "--db", "big.sdf", "--searches", "20",
+               "--out", "hits.sdf", "--scores", "scores.tsv", "--quiet"]
+    process = subprocess.Popen(command, cwd=inputs, stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE, text=True)
+    try:
+        deadline = time.monotonic() + time_limit(120)
+        # The outputs are open (as temporary files) once the cluster is up and the run started.
+        while not any(".tmp" in name for name in os.listdir(inputs)):
+            assert process.poll() is None, process.communicate()
+            assert time.monotonic() < deadline
+            time.sleep(0.05)
+        time.sleep(0.5)
+        assert process.poll() is None, "finished before the signal"
+        process.send_signal(signal.SIGTERM)
+        _, stderr = process.communicate(timeout=time_limit(60))
+    finally:
+        if process.poll() is None:
+            process.kill()
+            process.communicate()
+    assert process.returncode == 130, stderr
+    assert "interrupted; no output written" in stderr
+    assert not (inputs / "hits.sdf").exists() and not (inputs / "scores.tsv").exists()
+    assert not [name for name in os.listdir(inputs) if ".tmp" in name]
