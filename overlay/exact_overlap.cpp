@@ -53,6 +53,19 @@ ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGauss
     for (const QVSystem::QVGaussian& g : fixed) {
         fixed_.push_back({{g.GetX(), g.GetY(), g.GetZ()}, g.GetPrefactor(), g.GetExponent()});
     }
+    SetMoving(moving);
+    for (const Point& m : moving_) {
+        for (const Point& f : fixed_) {
+            const double exponentSum = f.exponent + m.exponent;
+            const double piOverP = kPi / exponentSum;
+            pairs_.push_back({f.prefactor * m.prefactor * piOverP * std::sqrt(piOverP),
+                              f.exponent * m.exponent / exponentSum});
+        }
+    }
+}
+
+void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& moving) {
+    centre_[0] = centre_[1] = centre_[2] = 0.0;
     for (const QVSystem::QVGaussian& g : moving) {
         centre_[0] += g.GetX();
         centre_[1] += g.GetY();
@@ -62,18 +75,11 @@ ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGauss
     for (double& c : centre_) {
         c /= count;
     }
+    moving_.clear();
     for (const QVSystem::QVGaussian& g : moving) {
         moving_.push_back({{g.GetX() - centre_[0], g.GetY() - centre_[1], g.GetZ() - centre_[2]},
                            g.GetPrefactor(),
                            g.GetExponent()});
-    }
-    for (const Point& m : moving_) {
-        for (const Point& f : fixed_) {
-            const double exponentSum = f.exponent + m.exponent;
-            const double piOverP = kPi / exponentSum;
-            pairs_.push_back({f.prefactor * m.prefactor * piOverP * std::sqrt(piOverP),
-                              f.exponent * m.exponent / exponentSum});
-        }
     }
 }
 

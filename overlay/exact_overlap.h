@@ -25,6 +25,11 @@ public:
     ExactOverlapObjective(const std::vector<QVSystem::QVGaussian>& fixed,
                           const std::vector<QVSystem::QVGaussian>& moving);
 
+    /// Moves the moving density to other positions: `moving` must hold the same Gaussians
+    /// (prefactors and exponents, in the same order) as the one the objective was made with, so
+    /// that the pair constants are kept. The motion y = 0 is then `moving` as given.
+    void SetMoving(const std::vector<QVSystem::QVGaussian>& moving);
+
     unsigned int NumVar() const override { return 6; }
     double operator()(const double* y) override;
     double operator()(const double* y, double* gradient) override;

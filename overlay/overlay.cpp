@@ -282,22 +282,25 @@ std::vector<std::size_t> DistinctCandidates(const std::vector<Candidate>& candid
     return chosen;
 }
 
-/// Maximises the exact overlap from a candidate's pose and records the refined pose.
-void Refine(const std::vector<QVGaussian>& query, const std::vector<QVGaussian>& fit,
-            unsigned int iterations, double tolerance, Candidate& candidate,
-            unsigned int& evaluations) {
-    ExactOverlapObjective objective(query, Moved(fit, candidate.pose));
+/// Maximises the exact overlap from a candidate's pose, records the refined pose and returns
+/// the overlap there as the objective computes it (pairs beyond its cut-off left out).
+/// `objective` holds the query and the fit; it is moved to the candidate's pose first.
+double Refine(ExactOverlapObjective& objective, const std::vector<QVGaussian>& fit,
+              double fitRadius, unsigned int iterations, double tolerance, Candidate& candidate,
+              unsigned int& evaluations) {
+    objective.SetMoving(Moved(fit, candidate.pose));
     CountingObjective counting(objective, evaluations);
     // The angles turn the fit about its own centre: scaled by the fit's radius.
-    ScaledRigidObjective counted(counting, Radius(fit));
+    ScaledRigidObjective counted(counting, fitRadius);
     QVOpt::QVBFGSOpt minimiser;
     minimiser.SetTolerance(tolerance);
     minimiser.SetIterLimit(iterations);
     const double start[6] = {0, 0, 0, 0, 0, 0};
     double u[6], y[6];
-    minimiser(counted, nullptr, start, u);
+    const double value = minimiser(counted, nullptr, start, u);
     counted.Unscale(u, y);
     candidate.pose = candidate.pose.Then(objective.Motion(y));
+    return -value;
 }
 
 }  // namespace
@@ -439,20 +442,25 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
     const double hermiteOverlap = candidates.front().hermiteOverlap;
     const std::vector<std::size_t> refined =
         DistinctCandidates(candidates, std::max(1u, settings_.refineCandidates), fit.shape);
-    for (const std::size_t i : refined) {
-        if (settings_.refineCandidates > 0) {
-            Refine(prepared_.shape, fit.shape, settings_.refineIterationLimit, tolerance,
-                   candidates[i], result.exactEvaluations);
+    // Refined candidates are compared by the refinement's own overlaps; the winner's exact
+    // overlap, every pair included, is computed once.
+    if (settings_.refineCandidates > 0) {
+        ExactOverlapObjective exact(prepared_.shape, fit.shape);
+        const double fitRadius = Radius(fit.shape);
+        for (const std::size_t i : refined) {
+            candidates[i].exactOverlap =
+                Refine(exact, fit.shape, fitRadius, settings_.refineIterationLimit, tolerance,
+                       candidates[i], result.exactEvaluations);
         }
-        candidates[i].exactOverlap =
-            QVHermiteMath::GaussianOverlap(prepared_.shape, Moved(fit.shape, candidates[i].pose));
     }
-    // The first of equal exact overlaps wins.
+    // The first of equal overlaps wins.
     std::size_t winner = refined.front();
     for (const std::size_t i : refined) {
         winner = candidates[i].exactOverlap > candidates[winner].exactOverlap ? i : winner;
     }
-    const Candidate& best = candidates[winner];
+    Candidate& best = candidates[winner];
+    best.exactOverlap =
+        QVHermiteMath::GaussianOverlap(prepared_.shape, Moved(fit.shape, best.pose));
     result.transform = fit.toFrame.Then(best.pose).Then(prepared_.toFrame.Inverse());
     result.scores =
         ScorePose(fit, best.pose, best.exactOverlap, hermiteOverlap, fitExpansion.SelfOverlap());

@@ -153,6 +153,25 @@ TEST(ExactOverlapObjectiveTest, ValueAndGradientAreExact) {
     }
 }
 
+/// Moving the density to other positions is the same as making the objective for them.
+TEST(ExactOverlapObjectiveTest, SetMovingEqualsANewObjective) {
+    const std::vector<QVGaussian> fixed = Molecule(31u, 9), first = Molecule(32u, 7);
+    std::vector<QVGaussian> second = first;
+    for (std::size_t i = 0; i < second.size(); ++i) {
+        second[i].SetX(second[i].GetX() + 0.5f * static_cast<float>(i));
+        second[i].SetZ(second[i].GetZ() - 1.25f);
+    }
+    ExactOverlapObjective reused(fixed, first);
+    reused.SetMoving(second);
+    ExactOverlapObjective fresh(fixed, second);
+    const double y[6] = {0.2, -0.7, 0.4, -0.3, 0.6, 0.15};
+    double reusedGradient[6], freshGradient[6];
+    EXPECT_EQ(reused(y, reusedGradient), fresh(y, freshGradient));
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(reusedGradient[i], freshGradient[i]) << i;
+    }
+}
+
 /// The motion turns the moving density about its mean centre: a pure rotation keeps the mean
 /// centre in place, and a pure translation moves every centre by t.
 TEST(ExactOverlapObjectiveTest, MotionTurnsAboutTheMeanCentre) {
