@@ -1,5 +1,6 @@
 #include "overlay/exact_overlap.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace hermite::overlay {
@@ -62,6 +63,51 @@ ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGauss
                               f.exponent * m.exponent / exponentSum});
         }
     }
+    BuildCells();
+}
+
+void ExactOverlapObjective::BuildCells() {
+    double smallestK = INFINITY;
+    for (const Pair& pair : pairs_) {
+        smallestK = std::min(smallestK, pair.k);
+    }
+    if (fixed_.empty() || !(smallestK > 0.0) || !std::isfinite(smallestK)) {
+        return;  // no pairs, or no finite reach: every pair is visited
+    }
+    // k d^2 > kCutoff for every pair farther apart than this.
+    reach_ = std::sqrt(kCutoff / smallestK);
+    double low[3] = {INFINITY, INFINITY, INFINITY}, high[3] = {-INFINITY, -INFINITY, -INFINITY};
+    for (const Point& f : fixed_) {
+        for (int a = 0; a < 3; ++a) {
+            low[a] = std::min(low[a], f.x[a]);
+            high[a] = std::max(high[a], f.x[a]);
+        }
+    }
+    for (int a = 0; a < 3; ++a) {
+        cellOrigin_[a] = low[a];
+        cells_[a] = static_cast<int>((high[a] - low[a]) / reach_) + 1;
+    }
+    const auto cellOf = [this](const double* x) {
+        int index[3];
+        for (int a = 0; a < 3; ++a) {
+            index[a] =
+                std::clamp(static_cast<int>((x[a] - cellOrigin_[a]) / reach_), 0, cells_[a] - 1);
+        }
+        return (index[2] * cells_[1] + index[1]) * cells_[0] + index[0];
+    };
+    const std::size_t count = static_cast<std::size_t>(cells_[0]) * cells_[1] * cells_[2];
+    cellStart_.assign(count + 1, 0);
+    for (const Point& f : fixed_) {
+        ++cellStart_[cellOf(f.x) + 1];
+    }
+    for (std::size_t c = 0; c < count; ++c) {
+        cellStart_[c + 1] += cellStart_[c];
+    }
+    cellAtoms_.assign(fixed_.size(), 0);
+    std::vector<unsigned int> next(cellStart_.begin(), cellStart_.end() - 1);
+    for (unsigned int i = 0; i < fixed_.size(); ++i) {
+        cellAtoms_[next[cellOf(fixed_[i].x)]++] = i;
+    }
 }
 
 void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& moving) {
@@ -99,8 +145,10 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
     RotationAndDerivatives(y, R, dR);
     double overlap = 0.0;
     double g[6] = {0, 0, 0, 0, 0, 0};
-    const Pair* pair = pairs_.data();
-    for (const Point& m : moving_) {
+    const std::size_t fixedCount = fixed_.size();
+    for (std::size_t j = 0; j < moving_.size(); ++j) {
+        const Point& m = moving_[j];
+        const Pair* pairs = pairs_.data() + j * fixedCount;
         double p[3];
         Apply(R, m.x, p);
         for (int i = 0; i < 3; ++i) {
@@ -108,19 +156,31 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
         }
         // dO/dp of this moving centre: sum over fixed centres of 2 k C e (q - p).
         double force[3] = {0, 0, 0};
-        for (const Point& f : fixed_) {
-            const Pair& constants = *pair++;
+        const auto add = [&](std::size_t i) {
+            const Point& f = fixed_[i];
+            const Pair& constants = pairs[i];
             const double d[3] = {f.x[0] - p[0], f.x[1] - p[1], f.x[2] - p[2]};
             const double exponent = constants.k * (d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
             if (exponent > kCutoff) {
-                continue;
+                return;
             }
             const double term = constants.C * std::exp(-exponent);
             overlap += term;
             const double scale = 2.0 * constants.k * term;
-            for (int i = 0; i < 3; ++i) {
-                force[i] += scale * d[i];
+            for (int a = 0; a < 3; ++a) {
+                force[a] += scale * d[a];
             }
+        };
+        if (cellStart_.empty()) {
+            for (std::size_t i = 0; i < fixedCount; ++i) {
+                add(i);
+            }
+        } else {
+            ForEachNearCell(p, [&](unsigned int cell) {
+                for (unsigned int k = cellStart_[cell]; k < cellStart_[cell + 1]; ++k) {
+                    add(cellAtoms_[k]);
+                }
+            });
         }
         if (gradient != nullptr) {
             for (int a = 0; a < 3; ++a) {

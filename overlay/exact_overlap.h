@@ -3,6 +3,8 @@
 /// with its analytic gradient: the objective of the final refinement of an overlay.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include "hermite/hermite.h"
@@ -52,10 +54,43 @@ private:
     /// O and, when `gradient` is not null, dO/dy.
     double Evaluate(const double* y, double* gradient) const;
 
+    /// Builds the cell grid of the fixed centres.
+    void BuildCells();
+
+    /// Calls `visit(cell)` for every cell within one cell of the one holding `p`: the cells
+    /// that can hold fixed centres within `reach_` of it.
+    template <class Visit>
+    void ForEachNearCell(const double* p, Visit visit) const {
+        int low[3], high[3];
+        for (int a = 0; a < 3; ++a) {
+            const double cell = std::floor((p[a] - cellOrigin_[a]) / reach_);
+            if (!std::isfinite(cell)) {
+                return;
+            }
+            low[a] = static_cast<int>(std::clamp(cell - 1.0, 0.0, double(cells_[a])));
+            high[a] = static_cast<int>(std::clamp(cell + 1.0, -1.0, cells_[a] - 1.0));
+        }
+        for (int z = low[2]; z <= high[2]; ++z) {
+            for (int y = low[1]; y <= high[1]; ++y) {
+                for (int x = low[0]; x <= high[0]; ++x) {
+                    visit(static_cast<unsigned int>((z * cells_[1] + y) * cells_[0] + x));
+                }
+            }
+        }
+    }
+
     std::vector<Point> fixed_;
     std::vector<Point> moving_;  // relative to g
     std::vector<Pair> pairs_;    // moving-major: pairs_[j * fixed_.size() + i]
     double centre_[3];
+    // The fixed centres sorted into cubic cells of edge `reach_`, the farthest distance at
+    // which a pair term is kept: the terms of a moving centre come from the 27 cells around
+    // its own, so an evaluation costs in proportion to the near pairs, not to all pairs.
+    double reach_ = 0.0;
+    double cellOrigin_[3] = {0.0, 0.0, 0.0};
+    int cells_[3] = {0, 0, 0};
+    std::vector<unsigned int> cellStart_;  // per cell (x fastest), then one past the last
+    std::vector<unsigned int> cellAtoms_;  // fixed indices, cell after cell
 };
 
 }  // namespace hermite::overlay

@@ -153,6 +153,77 @@ TEST(ExactOverlapObjectiveTest, ValueAndGradientAreExact) {
     }
 }
 
+/// Gaussians of mixed widths scattered over a box of `size` angstrom (a fixed seed per call).
+std::vector<QVGaussian> Scattered(unsigned int seed, unsigned int count, double size) {
+    std::mt19937_64 engine(seed);
+    std::uniform_real_distribution<double> coordinate(0.0, size), exponent(0.4, 1.2);
+    std::vector<QVGaussian> gaussians;
+    for (unsigned int i = 0; i < count; ++i) {
+        const float centre[3] = {static_cast<float>(coordinate(engine)),
+                                 static_cast<float>(coordinate(engine)),
+                                 static_cast<float>(coordinate(engine))};
+        gaussians.emplace_back(2.7f, static_cast<float>(exponent(engine)), centre, 0u);
+    }
+    return gaussians;
+}
+
+/// Densities larger than the cut-off reach are summed through cells: the value and gradient
+/// equal a plain sum over every pair with the same cut-off, to rounding.
+TEST(ExactOverlapObjectiveTest, CellsGiveThePlainSumOverEveryPair) {
+    const std::vector<QVGaussian> fixed = Scattered(41u, 300, 40.0);
+    const std::vector<QVGaussian> moving = Scattered(42u, 200, 30.0);
+    ExactOverlapObjective objective(fixed, moving);
+    const double y[6] = {0.3, -0.2, 0.9, 1.5, -2.0, 0.5};
+    double gradient[6];
+    const double value = objective(y, gradient);
+
+    // The plain sum, with every centre moved in double precision, p -> R (p - g) + g + t with
+    // R = Rx Ry Rz and g the mean centre, and every pair's constants.
+    const std::vector<double> R = QVHermiteMath::RotFromEulerXYZ(y[0], y[1], y[2]);
+    double g[3] = {0, 0, 0};
+    for (const QVGaussian& m : moving) {
+        g[0] += m.GetX() / double(moving.size());
+        g[1] += m.GetY() / double(moving.size());
+        g[2] += m.GetZ() / double(moving.size());
+    }
+    double overlap = 0.0;
+    for (const QVGaussian& m : moving) {
+        const double r[3] = {m.GetX() - g[0], m.GetY() - g[1], m.GetZ() - g[2]};
+        double p[3];
+        for (int i = 0; i < 3; ++i) {
+            p[i] = R[3 * i] * r[0] + R[3 * i + 1] * r[1] + R[3 * i + 2] * r[2] + g[i] + y[3 + i];
+        }
+        for (const QVGaussian& f : fixed) {
+            const double a = f.GetExponent(), b = m.GetExponent();
+            const double k = a * b / (a + b);
+            const double d2 = (f.GetX() - p[0]) * (f.GetX() - p[0]) +
+                              (f.GetY() - p[1]) * (f.GetY() - p[1]) +
+                              (f.GetZ() - p[2]) * (f.GetZ() - p[2]);
+            if (k * d2 <= ExactOverlapObjective::kCutoff) {
+                overlap += double(f.GetPrefactor()) * m.GetPrefactor() *
+                           std::pow(3.141592653589793 / (a + b), 1.5) * std::exp(-k * d2);
+            }
+        }
+    }
+    ASSERT_GT(overlap, 0.0);
+    EXPECT_NEAR(-value, overlap, 1e-10 * overlap);
+
+    const double h = 1e-5;
+    for (int i = 0; i < 6; ++i) {
+        double plus[6], minus[6];
+        for (int j = 0; j < 6; ++j) {
+            plus[j] = minus[j] = y[j];
+        }
+        plus[i] += h;
+        minus[i] -= h;
+        const double difference = (objective(plus) - objective(minus)) / (2 * h);
+        EXPECT_NEAR(gradient[i], difference, 1e-5 * std::fabs(value)) << i;
+    }
+    // A motion far from everything overlaps nothing.
+    const double away[6] = {0, 0, 0, 1e6, 0, 0};
+    EXPECT_EQ(objective(away), 0.0);
+}
+
 /// Moving the density to other positions is the same as making the objective for them.
 TEST(ExactOverlapObjectiveTest, SetMovingEqualsANewObjective) {
     const std::vector<QVGaussian> fixed = Molecule(31u, 9), first = Molecule(32u, 7);
