@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -249,6 +250,21 @@ private:
 const std::vector<Molecule>& Cdk2() {
     static const std::vector<Molecule> molecules = ReadAll(Cdk2Path);
     return molecules;
+}
+
+/// The CDK2 library written at `path`, damaged by `damage` (false: it could not be damaged),
+/// then opened: the reader's error, which must be a refusal.
+std::string ErrorOfDamagedLibrary(const std::string& path,
+                                  const std::function<bool(RawHdfFile&)>& damage) {
+    WriteLibrary(path, Cdk2());
+    {
+        RawHdfFile file(path);
+        if (file.Id() < 0 || !damage(file)) {
+            return "the library could not be damaged";
+        }
+    }
+    PreparedLibraryReader reader(path);
+    return reader.Ok() ? "the damaged library was read" : reader.Error();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -499,17 +515,12 @@ TEST(PreparedLibrary, ForeignHdf5FileIsNotALibrary) {
 TEST(PreparedLibrary, UnsupportedFormatVersion) {
     TemporaryDirectory directory;
     const std::string path = directory.File("future.h5");
-    WriteLibrary(path, Cdk2());
-    {
-        RawHdfFile file(path);
-        ASSERT_GE(file.Id(), 0);
-        ASSERT_TRUE(file.SetRootAttribute("format_version", 3));
-    }
-    PreparedLibraryReader reader(path);
-    EXPECT_FALSE(reader.Ok());
-    EXPECT_EQ(reader.Error(), path +
-                                  ": unsupported prepared library format version 3 (this build "
-                                  "reads version 2)");
+    EXPECT_EQ(
+        ErrorOfDamagedLibrary(
+            path, [](RawHdfFile& file) { return file.SetRootAttribute("format_version", 3); }),
+        path +
+            ": unsupported prepared library format version 3 (this build "
+            "reads version 2)");
 }
 
 // Variable-length strings live in the global heap, which has no checksum; a damaged heap made
@@ -517,15 +528,11 @@ TEST(PreparedLibrary, UnsupportedFormatVersion) {
 TEST(PreparedLibrary, VariableLengthStringAttributesAreRefusedUnread) {
     TemporaryDirectory directory;
     const std::string path = directory.File("version1.h5");
-    WriteLibrary(path, Cdk2());
-    {
-        RawHdfFile file(path);
-        ASSERT_GE(file.Id(), 0);
-        ASSERT_TRUE(file.SetVariableLengthRootAttribute("format", "hermite-prepared-library"));
-    }
-    PreparedLibraryReader reader(path);
-    EXPECT_FALSE(reader.Ok());
-    EXPECT_EQ(reader.Error(),
+    EXPECT_EQ(ErrorOfDamagedLibrary(path,
+                                    [](RawHdfFile& file) {
+                                        return file.SetVariableLengthRootAttribute(
+                                            "format", "hermite-prepared-library");
+                                    }),
               path +
                   ": the attribute 'format' is a variable-length string, which prepared libraries "
                   "do not use (a library of format version 1, or another program's file: prepare "
@@ -544,17 +551,11 @@ TEST(PreparedLibrary, DamagedGlobalHeapIsRefused) {
 TEST(PreparedLibrary, IncompleteLibrary) {
     TemporaryDirectory directory;
     const std::string path = directory.File("unfinished.h5");
-    WriteLibrary(path, Cdk2());
-    {
-        RawHdfFile file(path);
-        ASSERT_GE(file.Id(), 0);
-        ASSERT_TRUE(file.SetRootAttribute("complete", 0));
-    }
-    PreparedLibraryReader reader(path);
-    EXPECT_FALSE(reader.Ok());
-    EXPECT_EQ(reader.Error(), path +
-                                  ": incomplete prepared library: the preparation that wrote it "
-                                  "did not finish");
+    EXPECT_EQ(ErrorOfDamagedLibrary(
+                  path, [](RawHdfFile& file) { return file.SetRootAttribute("complete", 0); }),
+              path +
+                  ": incomplete prepared library: the preparation that wrote it "
+                  "did not finish");
 }
 
 TEST(PreparedLibrary, InconsistentDatasetSizes) {

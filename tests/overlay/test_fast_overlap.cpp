@@ -119,6 +119,23 @@ TEST(FastOverlapTest, SetFitCoefficientsEqualsANewEvaluation) {
     EXPECT_EQ(reused(x), fresh(x));
 }
 
+/// Each entry of the analytic `gradient` of `objective` at `y` equals the central difference
+/// with step 1e-5 (error O(h^2)) within `tolerance`.
+void ExpectCentralDifferences(ExactOverlapObjective& objective, const double* y,
+                              const double* gradient, double tolerance) {
+    const double h = 1e-5;
+    for (int i = 0; i < 6; ++i) {
+        double plus[6], minus[6];
+        for (int j = 0; j < 6; ++j) {
+            plus[j] = minus[j] = y[j];
+        }
+        plus[i] += h;
+        minus[i] -= h;
+        const double difference = (objective(plus) - objective(minus)) / (2 * h);
+        EXPECT_NEAR(gradient[i], difference, tolerance) << i;
+    }
+}
+
 /// The exact objective's value is minus the library's analytic overlap of the moved density,
 /// and its gradient equals central differences (error O(h^2)).
 TEST(ExactOverlapObjectiveTest, ValueAndGradientAreExact) {
@@ -140,17 +157,7 @@ TEST(ExactOverlapObjectiveTest, ValueAndGradientAreExact) {
     // Moved centres are stored as floats: relative error about 1e-7 per coordinate.
     EXPECT_NEAR(-value, QVHermiteMath::GaussianOverlap(fixed, moved), 1e-5 * std::fabs(value));
 
-    const double h = 1e-5;
-    for (int i = 0; i < 6; ++i) {
-        double plus[6], minus[6];
-        for (int j = 0; j < 6; ++j) {
-            plus[j] = minus[j] = y[j];
-        }
-        plus[i] += h;
-        minus[i] -= h;
-        const double difference = (objective(plus) - objective(minus)) / (2 * h);
-        EXPECT_NEAR(gradient[i], difference, 1e-6 * std::fabs(value)) << i;
-    }
+    ExpectCentralDifferences(objective, y, gradient, 1e-6 * std::fabs(value));
 }
 
 /// Gaussians of mixed widths scattered over a box of `size` angstrom (a fixed seed per call).
@@ -208,17 +215,7 @@ TEST(ExactOverlapObjectiveTest, CellsGiveThePlainSumOverEveryPair) {
     ASSERT_GT(overlap, 0.0);
     EXPECT_NEAR(-value, overlap, 1e-10 * overlap);
 
-    const double h = 1e-5;
-    for (int i = 0; i < 6; ++i) {
-        double plus[6], minus[6];
-        for (int j = 0; j < 6; ++j) {
-            plus[j] = minus[j] = y[j];
-        }
-        plus[i] += h;
-        minus[i] -= h;
-        const double difference = (objective(plus) - objective(minus)) / (2 * h);
-        EXPECT_NEAR(gradient[i], difference, 1e-5 * std::fabs(value)) << i;
-    }
+    ExpectCentralDifferences(objective, y, gradient, 1e-5 * std::fabs(value));
     // A motion far from everything overlaps nothing.
     const double away[6] = {0, 0, 0, 1e6, 0, 0};
     EXPECT_EQ(objective(away), 0.0);
