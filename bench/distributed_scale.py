@@ -91,13 +91,41 @@ def time_distributed(client, query, database, directory, part_size, reference):
     return seconds, identical
 
 
-def part_bytes(query, database, molecules):
-    """Bytes one task returns for a part of `molecules` molecules, screened here."""
+class SizeRecordingClient:
+    """A client that records the size of every part its tasks return."""
+
+    def __init__(self, client):
+        self.client = client
+        self.sizes = []
+
+    def submit(self, function, *args, **kwargs):
+        sizes = self.sizes
+
+        def recorded(*task_args):
+            result = function(*task_args)
+            sizes.append(len(result))
+            return result
+
+        return self.client.submit(recorded, *args, **kwargs)
+
+    def cancel(self, futures):
+        self.client.cancel(futures)
+
+
+def part_bytes(query, database, part_size):
+    """The median of the bytes one task returns for a part of `part_size` molecules (one run on
+    a cluster of threads of this process, so that the tasks can record their sizes)."""
+    import distributed
     import hermite.distributed
 
-    arguments = screen_arguments(query, database, "unused.sdf", "unused.tsv")
-    encoded = hermite.distributed.screen_part(arguments, [(database, 0, molecules)], os.getcwd())
-    return len(encoded)
+    with distributed.Client(processes=False, n_workers=1, threads_per_worker=1,
+                            dashboard_address=None) as client:
+        recording = SizeRecordingClient(client)
+        with tempfile.TemporaryDirectory() as directory:
+            arguments = screen_arguments(query, database, os.path.join(directory, "hits.sdf"),
+                                         os.path.join(directory, "scores.tsv"))
+            hermite.distributed.overlay(arguments, recording, part_size=part_size)
+    return int(statistics.median(recording.sizes))
 
 
 def main():

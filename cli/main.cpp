@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/cluster_commands.h"
 #include "cli/commands.h"
 #include "cli/common.h"
 
@@ -110,6 +111,14 @@ int Main(const std::vector<std::string>& arguments) {
     }
     if (first == "help") {
         return RunHelp(rest);
+    }
+    // Not in the help: the commands through which the Python module's distributed screening
+    // drives the tool.
+    if (first == kCoordinatorCommand) {
+        return RunReportingErrors(first + ": ", [&] { return RunOverlayCoordinator(rest); });
+    }
+    if (first == kWorkerCommand) {
+        return RunOverlayWorker(rest);
     }
     const Command* command = FindCommand(first);
     if (command == nullptr) {

@@ -392,7 +392,7 @@ int RunOverlay(const CommandLine& line) {
         return screen::Screen(plan.queries, screen::Database::Files(plan.databasePaths),
                               plan.settings, callbacks, control);
     };
-    return RunOverlayWith(line, localScreen, true);
+    return RunOverlayWith(line, localScreen);
 }
 
 OverlayPlan PlanOverlay(const std::vector<std::string>& arguments) {
@@ -401,13 +401,11 @@ OverlayPlan PlanOverlay(const std::vector<std::string>& arguments) {
                        !request.scoresPath.empty()};
 }
 
-int RunOverlayWith(const CommandLine& line, const OverlayScreen& screen, bool catchSignals) {
+int RunOverlayWith(const CommandLine& line, const OverlayScreen& screen) {
     const OverlayRequest request = RequestFrom(line);
     LibraryErrors libraryErrors("overlay");
     io::SetRDKitLogging(false);
-    if (catchSignals) {
-        CatchInterrupts();
-    }
+    CatchInterrupts();
 
     Outputs outputs = OpenOutputs(request);
     const OverlayPlan plan{request.databasePaths, ReadQueries(request), request.screen,

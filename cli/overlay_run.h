@@ -1,7 +1,7 @@
 /// \file
 /// `hermite overlay` with a replaceable screen: the command as the tool runs it (one screen on
-/// this machine), or with its database screened in parts elsewhere and merged here (the Python
-/// module's distributed screening). Either way the command line, the outputs, the messages and
+/// this machine), or with its database screened in parts elsewhere and merged here (the
+/// coordinator of distributed screening, see cli/cluster_commands.h). Either way the command line, the outputs, the messages and
 /// the exit status are the tool's.
 #pragma once
 
@@ -32,11 +32,10 @@ using OverlayScreen = std::function<screen::ScreenReport(const OverlayPlan& plan
                                                          const screen::ScreenCallbacks& callbacks,
                                                          screen::RunControl& control)>;
 
-/// Runs `hermite overlay` for a parsed command line, with `screen` screening the database.
-/// `catchSignals`: stop on SIGINT, SIGTERM and SIGHUP as the tool does (not inside a process
-/// that handles its own signals, such as Python's). Returns the exit status; throws
+/// Runs `hermite overlay` for a parsed command line, with `screen` screening the database;
+/// SIGINT, SIGTERM and SIGHUP stop it with no output written. Returns the exit status; throws
 /// `UsageError` and `FatalError` as the tool's commands do.
-int RunOverlayWith(const CommandLine& line, const OverlayScreen& screen, bool catchSignals);
+int RunOverlayWith(const CommandLine& line, const OverlayScreen& screen);
 
 /// The plan of an overlay command line (the arguments after "overlay"), with its queries read
 /// and prepared: what a part of its screen needs wherever it runs. Throws `UsageError` and

@@ -173,40 +173,6 @@ std::vector<Conformer> BuildConformers(const std::shared_ptr<const RDKit::ROMol>
 // ---------------------------------------------------------------------------------------------
 // Conformer
 
-Conformer::Conformer() = default;
-
-Conformer::Conformer(QVChem::QVMol mol) : mol_(std::move(mol)) {
-    for (unsigned int i = 0; i < mol_.NumAtoms(); ++i) {
-        recordAtomIndices_.push_back(i);
-    }
-}
-
-bool HasFiniteCharges(const QVChem::QVMol& mol) {
-    for (const QVChem::QVAtom& atom : mol) {
-        if (!std::isfinite(atom.GetPartialCharge())) {
-            return false;
-        }
-    }
-    return true;
-}
-
-std::string DescribeSource(const Conformer& conformer) {
-    std::string text = conformer.File().empty() ? std::string("(no file)") : conformer.File();
-    if (conformer.Record() > 0) {
-        text += ", record " + std::to_string(conformer.Record());
-    }
-    if (!conformer.Title().empty()) {
-        std::string title = conformer.Title();
-        for (char& c : title) {
-            if (c == '\n' || c == '\r' || c == '\t') {
-                c = ' ';
-            }
-        }
-        text += " (" + title + ")";
-    }
-    return text;
-}
-
 unsigned int Conformer::NumRecordAtoms() const {
     return recordData_ ? recordData_->molecule->getNumAtoms() : mol_.NumAtoms();
 }

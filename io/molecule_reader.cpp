@@ -18,27 +18,6 @@ namespace hermite::io {
 
 namespace {
 
-std::string Lowercase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-bool EndsWith(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() &&
-           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-/// The extension of the file name in `path` ("" if none), lower case, after removing ".gz".
-std::string Extension(const std::string& path) {
-    std::string name = Lowercase(path.substr(path.find_last_of('/') + 1));
-    if (EndsWith(name, ".gz")) {
-        name.resize(name.size() - 3);
-    }
-    const std::size_t dot = name.find_last_of('.');
-    return dot == std::string::npos ? std::string() : name.substr(dot + 1);
-}
-
 /// The conformers of one record, its problems appended to `problems`.
 std::vector<Conformer> ParseOneRecord(const RecordGroup& group, const RawRecord& record,
                                       const ReadOptions& options, std::vector<Problem>& problems) {
@@ -60,65 +39,6 @@ std::vector<Conformer> ParseOneRecord(const RecordGroup& group, const RawRecord&
 
 // ---------------------------------------------------------------------------------------------
 // Options, formats and problems
-
-std::optional<ChargeModel> ParseChargeModel(std::string_view text) {
-    if (text == "gasteiger") {
-        return ChargeModel::Gasteiger;
-    }
-    if (text == "mmff" || text == "mmff94") {
-        return ChargeModel::MMFF94;
-    }
-    if (text == "input") {
-        return ChargeModel::Input;
-    }
-    return std::nullopt;
-}
-
-const char* ChargeModelName(ChargeModel model) {
-    switch (model) {
-        case ChargeModel::Gasteiger:
-            return "gasteiger";
-        case ChargeModel::MMFF94:
-            return "mmff";
-        case ChargeModel::Input:
-            return "input";
-    }
-    return "unknown";
-}
-
-unsigned int RecordSeed(unsigned int seed, unsigned int record) {
-    // splitmix64 of both numbers: neighbouring records get unrelated streams.
-    std::uint64_t z = (static_cast<std::uint64_t>(seed) << 32 | record) + 0x9e3779b97f4a7c15ull;
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-    z ^= z >> 31;
-    return static_cast<unsigned int>(z & 0x7fffffffu);
-}
-
-FileFormat FormatFromPath(const std::string& path) {
-    const std::string extension = Extension(path);
-    if (extension == "sdf" || extension == "sd" || extension == "mol") {
-        return FileFormat::Sdf;
-    }
-    if (extension == "mol2") {
-        return FileFormat::Mol2;
-    }
-    if (extension == "smi" || extension == "smiles") {
-        return FileFormat::Smiles;
-    }
-    return FileFormat::Unknown;
-}
-
-std::string Problem::Message() const {
-    std::string message = file;
-    if (record > 0) {
-        message += ", record " + std::to_string(record);
-        if (!title.empty()) {
-            message += " (" + title + ")";
-        }
-    }
-    return message + ": " + reason;
-}
 
 void SetRDKitLogging(bool enabled) {
     if (enabled) {

@@ -22,6 +22,8 @@
 
 namespace hermite::screen {
 
+struct ScreenReport;
+
 /// "No index".
 constexpr std::size_t kNoIndex = std::numeric_limits<std::size_t>::max();
 
@@ -46,6 +48,10 @@ struct SourceMolecule {
     };
     Kind kind = Kind::ProblemsOnly;
     io::RecordGroup records;
+    /// How `records` become molecules (`io::ParseMolecule`), set by the reader of files: only
+    /// screens of files link the parsers and their chemistry toolkit.
+    std::vector<io::Molecule> (*parse)(const io::RecordGroup&, const io::ReadOptions&,
+                                       std::vector<io::Problem>&) = nullptr;
     io::LibraryMolecule prepared;
     /// The index of the prepared library among the inputs (`Kind::Library`).
     std::size_t library = kNoIndex;
@@ -140,9 +146,26 @@ public:
     std::unique_ptr<Reader> Open(const DatabaseRequirements& requirements,
                                  std::size_t libraryChunk = 256);
 
+    /// Completes the hits of a screen of this database once it is over: loads the records of
+    /// hits from prepared libraries (dropping, with a problem, those that cannot be loaded) and
+    /// makes every hit's posed record (`Hit::molBlock`). Hits of molecules in memory have no
+    /// record and are left as they are.
+    void FinishHits(ScreenReport& report) const;
+
 private:
+    /// Opens the reader of this kind of database (files or memory): set by the factories, so
+    /// that screens of molecules in memory do not link the file readers.
+    using Opener = std::unique_ptr<Reader> (*)(Database& self,
+                                               const DatabaseRequirements& requirements,
+                                               std::size_t libraryChunk);
+
+    /// Makes the posed records of the hits (of files only).
+    using HitFinisher = void (*)(const Database& self, ScreenReport& report);
+
     std::vector<FileSlice> slices_;
     std::vector<io::Molecule> molecules_;
+    Opener open_ = nullptr;
+    HitFinisher finish_ = nullptr;
 };
 
 class Database::Reader {

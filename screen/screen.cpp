@@ -148,80 +148,11 @@ void KeepCandidates(const ScreenSettings& settings, const Thresholds& thresholds
     }
 }
 
-/// Loads the records of the hits that came from prepared libraries; hits that cannot be loaded
-/// are dropped with a problem.
-void LoadLibraryHits(const std::vector<std::string>& paths, ScreenReport& report) {
-    std::map<std::size_t, std::unique_ptr<io::PreparedLibraryReader>> libraries;
-    for (std::vector<Hit>& hits : report.hits) {
-        std::vector<Hit> loaded;
-        for (Hit& hit : hits) {
-            if (hit.library == kNoIndex) {
-                loaded.push_back(std::move(hit));
-                continue;
-            }
-            std::unique_ptr<io::PreparedLibraryReader>& library = libraries[hit.library];
-            if (library == nullptr) {
-                library = std::make_unique<io::PreparedLibraryReader>(paths[hit.library]);
-            }
-            io::Conformer conformer;
-            if (library->Ok() && library->LoadConformer(hit.libraryConformer, conformer)) {
-                hit.conformer = std::move(conformer);
-                loaded.push_back(std::move(hit));
-            } else {
-                report.problems.Add(
-                    io::Problem{paths[hit.library], 0, hit.row.title,
-                                "the hit's record could not be loaded: " + library->Error(), true});
-            }
-        }
-        hits = std::move(loaded);
-    }
-}
-
-/// Makes the posed record of every hit.
-void PoseHits(ScreenReport& report) {
-    for (std::vector<Hit>& hits : report.hits) {
-        for (Hit& hit : hits) {
-            try {
-                hit.molBlock = io::FormatPosedMolBlock(hit.conformer, hit.row.result.transform);
-                hit.properties = hit.conformer.Properties();
-            } catch (const std::exception& error) {
-                hit.writeError = error.what();
-            }
-        }
-    }
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // Queries
 
-namespace {
-
-/// Every molecule of a query file is a query: a record that cannot be used would silently
-/// change what the screen asks, so it stops the run, naming the records.
-void RequireEveryRecord(const std::vector<io::Problem>& problems) {
-    std::vector<std::string> skipped;
-    for (const io::Problem& problem : problems) {
-        if (problem.skipped) {
-            skipped.push_back(problem.Message());
-        }
-    }
-    if (skipped.empty()) {
-        return;
-    }
-    std::string message = std::to_string(skipped.size()) + " query record" +
-                          (skipped.size() == 1 ? "" : "s") + " cannot be used:";
-    for (std::size_t i = 0; i < skipped.size() && i < 5; ++i) {
-        message += "\n  " + skipped[i];
-    }
-    if (skipped.size() > 5) {
-        message += "\n  ... and " + std::to_string(skipped.size() - 5) + " more";
-    }
-    throw QueryError(message);
-}
-
-}  // namespace
 
 QuerySet MakeQueries(const std::vector<io::Molecule>& molecules,
                      const overlay::Settings& settings) {
@@ -266,38 +197,6 @@ QuerySet MakeQueries(const std::vector<io::Molecule>& molecules,
     return queries;
 }
 
-QuerySet ReadQueries(const std::vector<std::string>& paths, const io::ReadOptions& read,
-                     const overlay::Settings& settings) {
-    io::ReadOptions options = read;
-    options.computeCharges = settings.electrostatics;
-    options.chargesRequired = settings.electrostatics;
-    std::vector<io::Molecule> molecules;
-    std::vector<io::Problem> problems;
-    for (const std::string& path : paths) {
-        io::MoleculeReader reader(path, options);
-        const std::size_t before = molecules.size();
-        io::Molecule molecule;
-        while (reader.Next(molecule)) {
-            molecules.push_back(std::move(molecule));
-        }
-        problems.insert(problems.end(), reader.Problems().begin(), reader.Problems().end());
-        if (!reader.Ok()) {
-            throw QueryError(reader.Problems().front().Message());
-        }
-        RequireEveryRecord(reader.Problems());
-        if (molecules.size() == before) {
-            std::string message = path + ": no usable query molecule";
-            for (const io::Problem& problem : reader.Problems()) {
-                message += "\n  " + problem.Message();
-            }
-            throw QueryError(message);
-        }
-    }
-    QuerySet queries = MakeQueries(molecules, settings);
-    problems.insert(problems.end(), queries.problems.begin(), queries.problems.end());
-    queries.problems = std::move(problems);
-    return queries;
-}
 
 // ---------------------------------------------------------------------------------------------
 // Row tallies
@@ -418,8 +317,7 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
         report.hits.push_back(std::move(hits));
     }
     if (!report.interrupted) {
-        LoadLibraryHits(database.Paths(), report);
-        PoseHits(report);
+        database.FinishHits(report);
     }
     report.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return report;

@@ -80,6 +80,8 @@ namespace {
 
 /// "hermite screen part", format 1, and a number whose bytes show the byte order.
 constexpr char kMagic[] = "hermite-screen-part-1";
+/// The slices of a part, format 1.
+constexpr char kSlicesMagic[] = "hermite-part-slices-1";
 constexpr std::uint64_t kByteOrder = 0x0102030405060708ULL;
 
 class Encoder {
@@ -355,6 +357,42 @@ std::string EncodeScreenPart(const ScreenPart& part) {
     out.Unsigned(report.peakInFlight);
     out.Flag(report.interrupted);
     return out.Take();
+}
+
+std::string EncodePartSlices(const PartSlices& slices) {
+    Encoder out;
+    out.Text(kSlicesMagic);
+    out.Unsigned(slices.size());
+    for (const FileSlice& slice : slices) {
+        out.Text(slice.path);
+        out.Unsigned(slice.first);
+        out.Unsigned(slice.count);
+    }
+    return out.Take();
+}
+
+PartSlices DecodePartSlices(std::string_view bytes) {
+    const std::runtime_error notSlices("not the encoded slices of a screen part");
+    try {
+        Decoder in(bytes);
+        if (in.Text() != kSlicesMagic) {
+            throw notSlices;
+        }
+        PartSlices slices;
+        ReadItems(in, slices, [](Decoder& d) {
+            FileSlice slice;
+            slice.path = d.Text();
+            slice.first = d.Unsigned();
+            slice.count = d.Unsigned();
+            return slice;
+        });
+        if (!in.AtEnd()) {
+            throw notSlices;
+        }
+        return slices;
+    } catch (const std::runtime_error&) {
+        throw notSlices;
+    }
 }
 
 ScreenPart DecodeScreenPart(std::string_view bytes) {

@@ -56,6 +56,12 @@ std::string EncodeScreenPart(const ScreenPart& part);
 /// The part encoded by `EncodeScreenPart`; throws std::runtime_error for bytes that are not one.
 ScreenPart DecodeScreenPart(std::string_view bytes);
 
+/// The slices of a part as bytes, for the process that screens it; `kNoIndex` counts survive.
+std::string EncodePartSlices(const PartSlices& slices);
+
+/// The slices encoded by `EncodePartSlices`; throws std::runtime_error for bytes that are not.
+PartSlices DecodePartSlices(std::string_view bytes);
+
 /// Merges parts, given in any order, into the screen of the whole database: rows go to the
 /// callback in input order as soon as every part before theirs is in, and hits are ranked
 /// across parts.

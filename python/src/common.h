@@ -246,7 +246,5 @@ void BindGaussians(py::module_& m);
 void BindExpansion(py::module_& m);
 void BindObjectives(py::module_& m);
 void BindOverlay(py::module_& m);
-void BindIo(py::module_& m);
-void BindDistributed(py::module_& m);
 
 }  // namespace hermite::python

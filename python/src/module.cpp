@@ -48,6 +48,4 @@ PYBIND11_MODULE(_hermite, m) {
     BindExpansion(m);
     BindObjectives(m);
     BindOverlay(m);
-    BindIo(m);
-    BindDistributed(m);
 }

@@ -32,6 +32,10 @@ struct OverlayResultObject {
     std::string queryTitle;
     bool electrostatics = false;
     std::vector<double> aligned;  // the fit's atoms moved by the transform, flat
+    /// The 0-based conformer of the fit and of the query of the best pair (screens of
+    /// conformer lists); 0 for single molecules.
+    std::size_t conformer = 0;
+    std::size_t queryConformer = 0;
 };
 
 std::string Repr(double value) {
@@ -269,11 +273,12 @@ py::tuple ResultState(const OverlayResultObject& r) {
                           r.result.hermiteEvaluations, r.result.exactEvaluations, Text(r.title),
                           Text(r.queryTitle), r.electrostatics,
                           ToArray(std::vector<double>(r.aligned),
-                                  {static_cast<py::ssize_t>(r.aligned.size() / 3), 3}));
+                                  {static_cast<py::ssize_t>(r.aligned.size() / 3), 3}),
+                          r.conformer, r.queryConformer);
 }
 
 OverlayResultObject ResultFromState(const py::tuple& state) {
-    if (state.size() != 9) {
+    if (state.size() != 11) {
         throw py::value_error("invalid pickled OverlayResult state");
     }
     const std::vector<double> R = Values(state[0].attr("ravel")(), "rotation", 9);
@@ -287,6 +292,8 @@ OverlayResultObject ResultFromState(const py::tuple& state) {
     r.queryTitle = state[6].cast<std::string>();
     r.electrostatics = state[7].cast<bool>();
     r.aligned = Points(state[8], "aligned_coords", true);
+    r.conformer = state[9].cast<std::size_t>();
+    r.queryConformer = state[10].cast<std::size_t>();
     return r;
 }
 
@@ -307,17 +314,52 @@ std::string ResultRepr(const OverlayResultObject& r) {
 // ---------------------------------------------------------------------------------------------
 // Screening
 
-/// Overlays (or scores) every fit on the screening engine's worker threads, in input order.
-/// The calling thread holds no GIL while the engine runs, but takes it every 100 ms to let
-/// Python handle signals: an interrupt stops the workers after the molecules in progress and
-/// is raised. A molecule the library fails on raises `LibraryError` naming it, after the
+/// The conformers of one molecule of a screen: a hermite.Molecule alone, or a non-empty
+/// sequence of them (the conformers of one molecule, all with the first one's title).
+std::vector<QVMol> ConformersArgument(py::handle object, const std::string& name) {
+    if (py::isinstance<MoleculeObject>(object)) {
+        return {MoleculeArgument(object, name)};
+    }
+    if (py::isinstance<py::str>(object) || py::isinstance<py::bytes>(object) ||
+        !py::isinstance<py::sequence>(object)) {
+        throw py::type_error(name + " must be hermite.Molecule or a sequence of them, got " +
+                             std::string(py::str(py::type::handle_of(object).attr("__name__"))));
+    }
+    std::vector<QVMol> conformers;
+    const py::sequence sequence = py::reinterpret_borrow<py::sequence>(object);
+    for (std::size_t i = 0; i < sequence.size(); ++i) {
+        conformers.push_back(
+            MoleculeArgument(sequence[i], name + "[" + std::to_string(i) + "]"));
+    }
+    if (conformers.empty()) {
+        throw py::value_error(name + " holds no conformer");
+    }
+    return conformers;
+}
+
+/// The screening engine's molecule of a list of conformers: the first one's title for all.
+io::Molecule EngineMolecule(const std::vector<QVMol>& conformers) {
+    io::Molecule molecule{conformers.front().GetTitle(), {}};
+    for (const QVMol& conformer : conformers) {
+        molecule.conformers.emplace_back(conformer);
+    }
+    return molecule;
+}
+
+/// Overlays (or scores) every fit molecule, each of one or more conformers, on the screening
+/// engine's worker threads, and returns its row (the best pair by the rank metric) in input
+/// order. The calling thread holds no GIL while the engine runs, but takes it every 100 ms to
+/// let Python handle signals: an interrupt stops the workers after the molecules in progress
+/// and is raised. A molecule the library fails on raises `LibraryError` naming it, after the
 /// library's warnings.
-std::vector<Result> RunScreen(const screen::QuerySet& queries, const std::vector<QVMol>& fits,
-                              unsigned int threadCount, bool scoreOnly, py::handle progress) {
+std::vector<screen::Row> RunScreen(const screen::QuerySet& queries,
+                                   const std::vector<std::vector<QVMol>>& fits,
+                                   unsigned int threadCount, bool scoreOnly,
+                                   py::handle progress) {
     std::vector<io::Molecule> molecules;
     molecules.reserve(fits.size());
-    for (const QVMol& fit : fits) {
-        molecules.push_back(io::Molecule{fit.GetTitle(), {io::Conformer(fit)}});
+    for (const std::vector<QVMol>& conformers : fits) {
+        molecules.push_back(EngineMolecule(conformers));
     }
     screen::ScreenSettings settings;
     settings.scoreOnly = scoreOnly;
@@ -367,24 +409,22 @@ std::vector<Result> RunScreen(const screen::QuerySet& queries, const std::vector
         }
     }
     EmitWarnings(diagnostics);
-    std::vector<Result> results;
     for (const screen::Row& row : rows) {
         if (!row.Ok()) {
             throw LibraryError("molecules[" + std::to_string(row.position) + "]: " + row.error);
         }
-        results.push_back(row.result);
     }
-    return results;
+    return rows;
 }
 
-std::vector<QVMol> FitMolecules(py::handle molecules) {
+std::vector<std::vector<QVMol>> FitMolecules(py::handle molecules) {
     if (py::isinstance<MoleculeObject>(molecules) || py::isinstance<py::str>(molecules)) {
-        throw py::type_error("molecules must be an iterable of hermite.Molecule");
+        throw py::type_error(
+            "molecules must be an iterable of hermite.Molecule or of sequences of them");
     }
-    std::vector<QVMol> fits;
-    std::size_t index = 0;
+    std::vector<std::vector<QVMol>> fits;
     for (py::handle item : py::iter(molecules)) {
-        fits.push_back(MoleculeArgument(item, "molecules[" + std::to_string(index++) + "]"));
+        fits.push_back(ConformersArgument(item, "molecules[" + std::to_string(fits.size()) + "]"));
     }
     return fits;
 }
@@ -395,15 +435,15 @@ py::list ScreenResults(py::handle query, py::handle molecules, py::handle thread
     if (!progress.is_none() && !PyCallable_Check(progress.ptr())) {
         throw py::type_error("progress must be callable or None");
     }
-    const QVMol& queryMol = MoleculeArgument(query, "query");
+    const std::vector<QVMol> queryConformers = ConformersArgument(query, "query");
     const Settings resolved = ResolveSettings(settings, kwargs);
-    const std::vector<QVMol> fits = FitMolecules(molecules);
+    const std::vector<std::vector<QVMol>> fits = FitMolecules(molecules);
     const long long threads = Integer(threadsArgument, "threads", -1024, 1024);
     const unsigned int threadCount = std::min<unsigned int>(
         screen::ResolveThreadCount(threads, std::thread::hardware_concurrency()),
         static_cast<unsigned int>(
             std::max<std::size_t>(1, std::min<std::size_t>(fits.size(), 1024))));
-    const io::Molecule queryMolecule{queryMol.GetTitle(), {io::Conformer(queryMol)}};
+    const io::Molecule queryMolecule = EngineMolecule(queryConformers);
     const screen::QuerySet queries = RunLibrary([&] {
         try {
             return screen::MakeQueries({queryMolecule}, resolved);
@@ -411,10 +451,18 @@ py::list ScreenResults(py::handle query, py::handle molecules, py::handle thread
             throw LibraryError(error.what());
         }
     });
-    const std::vector<Result> results = RunScreen(queries, fits, threadCount, scoreOnly, progress);
+    const std::vector<screen::Row> rows =
+        RunScreen(queries, fits, threadCount, scoreOnly, progress);
     py::list list;
-    for (std::size_t i = 0; i < results.size(); ++i) {
-        list.append(MakeResult(results[i], fits[i], queryMol.GetTitle(), resolved.electrostatics));
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        // The engine counts conformers from 1.
+        const std::size_t conformer = rows[i].conformer - 1;
+        OverlayResultObject result =
+            MakeResult(rows[i].result, fits[i][conformer], queryMolecule.title,
+                       resolved.electrostatics);
+        result.conformer = conformer;
+        result.queryConformer = rows[i].queryConformer - 1;
+        list.append(std::move(result));
     }
     return list;
 }
@@ -703,6 +751,12 @@ The result of overlaying a fit molecule onto a query: scores and the rigid motio
             "The query's title.")
         .def_readonly("electrostatics", &OverlayResultObject::electrostatics,
                       "Whether the electrostatic scores were computed.")
+        .def_readonly("conformer", &OverlayResultObject::conformer,
+                      "0-based index of the fit conformer of the best pair among the "
+                      "conformers screened for this molecule (0 for a single molecule).")
+        .def_readonly("query_conformer", &OverlayResultObject::queryConformer,
+                      "0-based index of the query conformer of the best pair (0 for a single "
+                      "query molecule).")
         .def_property_readonly(
             "hermite_evaluations",
             [](const OverlayResultObject& r) { return r.result.hermiteEvaluations; },
@@ -749,12 +803,15 @@ result is the identity).
 
     const std::string screenDoc = std::string(R"doc(
 Overlays every molecule of ``molecules`` onto ``query`` on several threads (the GIL is released
-meanwhile; Ctrl-C stops it). The results are in input order and do not depend on the number of
-threads.
+meanwhile; Ctrl-C stops it). A molecule may come as several conformers: every one is overlaid
+onto every query conformer, and the molecule keeps its best pair by exact shape Tanimoto (the
+first of equal ones, query conformers first). The
+results are in input order and do not depend on the number of threads.
 
 Args:
-    query: the hermite.Molecule that stays.
-    molecules: an iterable of hermite.Molecule.
+    query: the hermite.Molecule that stays, or a sequence of them (the query's conformers).
+    molecules: an iterable whose items are a hermite.Molecule or a non-empty sequence of them
+        (the conformers of one molecule, titled by the first).
     threads: worker threads: 0 all cores, n > 0 that many, -n all cores but n.
     score_only: score the molecules in their own poses instead of overlaying them.
     progress: None, or a callable ``progress(molecules_done, overlays_done)`` called on the
@@ -762,7 +819,8 @@ Args:
         the screen and is raised.
 )doc") + SettingsDoc() + R"doc(
 Returns:
-    list of hermite.OverlayResult, one per molecule.
+    list of hermite.OverlayResult, one per molecule, for its best pair; ``conformer`` and
+    ``query_conformer`` give the pair's 0-based conformer indices.
 )doc";
     m.def(
         "screen",

@@ -9,10 +9,16 @@ cores), and returns the rows of its molecules and its own best hits, posed, as a
 per molecule. The client merges the parts in input order into exactly the ranking, hits file and
 score table that one ``hermite overlay`` run gives on the same inputs.
 
+The screening itself is the ``hermite`` command-line tool's: the client runs it as the
+coordinator of the run (it plans the parts, merges them and writes the outputs), and each worker
+process keeps one tool process that screens its parts. The Python module never loads the
+chemistry toolkit the tool reads files with, so it shares a process with any RDKit. The tool is
+found as ``$HERMITE_CLI``, next to the package (``pip install``), or on ``PATH``.
+
 Requirements: every file (queries and databases) is read under the same path on the client and
 on every worker (shared storage); relative paths are taken from the client's working directory,
 which must then exist on the workers too. The outputs are written by the client only. Workers need the
-``hermite`` package and the same RDKit.
+``hermite`` package and the same ``hermite`` tool.
 
 Faults: a part lost with its worker is run again by Dask on another worker, and every part is
 merged once. Bad records are reported with file and record, as in one run, and the run goes on;
@@ -30,13 +36,18 @@ The shell entry point, for users who never write Python::
 from __future__ import annotations
 
 import os
+import shutil
+import signal
+import struct
+import subprocess
+import sys
+import threading
 import uuid
 import zlib
-from typing import Callable, Iterator, Optional, Sequence
+from pathlib import Path
+from typing import BinaryIO, Callable, List, Optional, Sequence, Tuple
 
-from .. import _hermite
-
-__all__ = ["DEFAULT_PART_SIZE", "overlay", "screen_part"]
+__all__ = ["DEFAULT_PART_SIZE", "overlay", "screen_part", "tool_path"]
 
 #: Molecules per part by default: large enough that the scheduler's cost per task (a few
 #: milliseconds) is small against the task, small enough that a cluster gets many parts per
@@ -46,23 +57,112 @@ DEFAULT_PART_SIZE = 2000
 #: The name messages start with.
 PROGRAM = "hermite.distributed"
 
-Slice = tuple  # (path, first molecule, molecule count or None)
+# The tool's hidden commands (see cli/cluster_commands.h for the protocol).
+_COORDINATOR = "_overlay-coordinator"
+_WORKER = "_overlay-worker"
+_FRAME_HEADER = struct.Struct("<Q")
 
 
-def screen_part(arguments: Sequence[str], slices: Sequence[Slice], directory: str = "") -> bytes:
+def tool_path() -> str:
+    """The ``hermite`` command-line tool: ``$HERMITE_CLI``, the one installed with the package
+    (``pip install``), or the first on ``PATH``. Raises ``RuntimeError`` when there is none."""
+    candidates = [os.environ.get("HERMITE_CLI", ""),
+                  str(Path(__file__).resolve().parent.parent / "bin" / "hermite"),
+                  shutil.which("hermite") or ""]
+    for candidate in candidates:
+        if candidate and os.path.isfile(candidate) and os.access(candidate, os.X_OK):
+            return candidate
+    raise RuntimeError("hermite.distributed needs the hermite command-line tool: install the "
+                       "package with pip, put hermite on PATH or set HERMITE_CLI to its path")
+
+
+def _write_frame(stream: BinaryIO, data: bytes) -> None:
+    stream.write(_FRAME_HEADER.pack(len(data)))
+    stream.write(data)
+
+
+def _read_exactly(stream: BinaryIO, size: int) -> Optional[bytes]:
+    chunks = []
+    while size > 0:
+        chunk = stream.read(size)
+        if not chunk:
+            return None
+        chunks.append(chunk)
+        size -= len(chunk)
+    return b"".join(chunks)
+
+
+def _read_frame(stream: BinaryIO) -> Optional[bytes]:
+    """The next frame, or None at the end of the stream."""
+    header = _read_exactly(stream, _FRAME_HEADER.size)
+    if header is None:
+        return None
+    (size,) = _FRAME_HEADER.unpack(header)
+    data = _read_exactly(stream, size)
+    if data is None:
+        raise RuntimeError("the hermite tool's output ended inside a frame")
+    return data
+
+
+class _Worker:
+    """The tool process that screens the parts of this Python process, one at a time (parts use
+    every thread they ask for anyway); started on first use, again if it died."""
+
+    def __init__(self) -> None:
+        self._lock = threading.Lock()
+        self._process: Optional[subprocess.Popen] = None
+
+    def screen(self, arguments: List[str], slices: bytes, directory: str) -> Tuple[str, bytes]:
+        with self._lock:
+            for attempt in range(2):
+                process = self._running()
+                try:
+                    _write_frame(process.stdin, directory.encode())
+                    _write_frame(process.stdin, slices)
+                    _write_frame(process.stdin, "\0".join(arguments).encode())
+                    process.stdin.flush()
+                    status = _read_frame(process.stdout)
+                    payload = _read_frame(process.stdout) if status is not None else None
+                except (BrokenPipeError, OSError):
+                    status = payload = None
+                if status is not None and payload is not None:
+                    return status.decode(), payload
+                self._stop()
+            raise RuntimeError("the hermite tool screening this part ended unexpectedly")
+
+    def _running(self) -> subprocess.Popen:
+        if self._process is None or self._process.poll() is not None:
+            self._process = subprocess.Popen([tool_path(), _WORKER], stdin=subprocess.PIPE,
+                                             stdout=subprocess.PIPE)
+        return self._process
+
+    def _stop(self) -> None:
+        if self._process is not None:
+            self._process.kill()
+            self._process.wait()
+            self._process = None
+
+
+_worker = _Worker()
+
+
+def screen_part(arguments: Sequence[str], slices: bytes, directory: str = "") -> bytes:
     """Screens one part of the database of ``hermite overlay <arguments>`` on this machine.
 
-    The task function of :func:`overlay`: ``slices`` are (path, first molecule, molecule count
-    or None for the rest of the file) tuples; molecules are counted from 0 as source molecules
-    (SD records of one title, MOL2 records, SMILES lines, molecules of a prepared library).
-    Relative paths are taken from ``directory`` (the client's working directory) when it exists
-    on this machine. Returns the part, encoded and compressed (zlib), for the merge. Raises
-    ``RuntimeError`` (or ``ValueError`` for a bad command line) when the part cannot run at all.
+    The task function of :func:`overlay`: ``slices`` are the part's runs of molecules as the
+    coordinator encoded them. Relative paths are taken from ``directory`` (the client's working
+    directory) when it exists on this machine. Returns the part, encoded and compressed (zlib),
+    for the merge. Raises ``RuntimeError`` (or ``ValueError`` for a bad command line) when the
+    part cannot run at all.
     """
-    encoded = _hermite._screen_part(list(arguments), [tuple(s) for s in slices], str(directory))
+    status, payload = _worker.screen([str(a) for a in arguments], bytes(slices), str(directory))
+    if status == "usage":
+        raise ValueError(payload.decode(errors="replace"))
+    if status != "ok":
+        raise RuntimeError(payload.decode(errors="replace"))
     # Level 1: the posed hits' molfiles and the rows' file names shrink several times over for
     # about a millisecond per megabyte.
-    return zlib.compress(encoded, 1)
+    return zlib.compress(payload, 1)
 
 
 def overlay(
@@ -94,28 +194,62 @@ def overlay(
     if isinstance(arguments, (str, bytes)):
         raise TypeError("arguments must be a sequence of strings, not one string")
     arguments = [str(argument) for argument in arguments]
+    parts_in, parts_out = os.pipe()  # coordinator -> client: the parts to screen
+    done_in, done_out = os.pipe()  # client -> coordinator: the screened parts
+    command = [tool_path(), _COORDINATOR, str(done_in), str(parts_out), str(part_size), PROGRAM,
+               *arguments]
+    try:
+        coordinator = subprocess.Popen(command, pass_fds=(done_in, parts_out))
+    finally:
+        os.close(done_in)
+        os.close(parts_out)
+    with os.fdopen(parts_in, "rb") as parts, os.fdopen(done_out, "wb") as done:
+        try:
+            _screen_parts(arguments, client, parts, done, progress)
+        except KeyboardInterrupt:
+            # The coordinator stops on the signal and sees the end of its input; the parts
+            # it may still be writing must not block it.
+            coordinator.send_signal(signal.SIGINT)
+            done.close()
+            parts.close()
+            coordinator.wait()
+            raise
+        except BrokenPipeError:
+            pass  # the coordinator stopped; its status tells why
+    return coordinator.wait()
+
+
+def _screen_parts(arguments: List[str], client, parts: BinaryIO, done: BinaryIO,
+                  progress: Optional[Callable[[int, int], None]]) -> None:
+    """Submits the coordinator's parts to the cluster and hands the screened parts back as they
+    arrive. Returns at once when the coordinator sends no parts (help, a usage error)."""
+    count = _read_frame(parts)
+    if count is None:
+        return
+    slices = [_read_frame(parts) for _ in range(int(count))]
+    if any(part is None for part in slices):
+        return
+    from distributed import as_completed
+
     directory = os.getcwd()
     run = uuid.uuid4().hex
-
-    def distribute(parts: list) -> Iterator[tuple[int, bytes]]:
-        from distributed import as_completed
-
-        futures = [
-            client.submit(screen_part, arguments, slices, directory, key=f"hermite-part-{run}-{index}",
-                          pure=False)
-            for index, slices in enumerate(parts)
-        ]
-        index_of = {future.key: index for index, future in enumerate(futures)}
-        done = 0
-        try:
-            for future in as_completed(futures):
-                encoded = zlib.decompress(future.result())
-                future.release()
-                done += 1
-                if progress is not None:
-                    progress(done, len(parts))
-                yield index_of[future.key], encoded
-        finally:
-            client.cancel(futures)
-
-    return _hermite._run_overlay(arguments, distribute, part_size, PROGRAM)
+    futures = [client.submit(screen_part, arguments, part, directory,
+                             key=f"hermite-part-{run}-{index}", pure=False)
+               for index, part in enumerate(slices)]
+    index_of = {future.key: index for index, future in enumerate(futures)}
+    try:
+        for finished, future in enumerate(as_completed(futures), start=1):
+            encoded = zlib.decompress(future.result())
+            future.release()
+            _write_frame(done, str(index_of[future.key]).encode())
+            _write_frame(done, encoded)
+            done.flush()
+            if progress is not None:
+                progress(finished, len(slices))
+    except BrokenPipeError:
+        raise
+    except Exception as error:
+        # A part that failed as a whole: the coordinator, whose input ends here, stops the run.
+        sys.stderr.write(f"{PROGRAM} overlay: the cluster failed: {error}\n")
+    finally:
+        client.cancel(futures)

@@ -3,11 +3,11 @@
 from __future__ import annotations
 
 import signal
+import subprocess
 import sys
 from typing import List, Optional, Tuple
 
-from . import DEFAULT_PART_SIZE, PROGRAM, overlay
-from .. import _hermite
+from . import DEFAULT_PART_SIZE, PROGRAM, overlay, tool_path
 
 USAGE = f"""Usage: python3 -m {PROGRAM} overlay --scheduler ADDRESS [--part-size N] [options]
 
@@ -108,7 +108,13 @@ def main(argv: Optional[List[str]] = None) -> int:
         return 2
     rest = arguments[1:]
     if "--help" in rest or "-h" in rest:
-        sys.stdout.write(USAGE + "Options of hermite overlay:\n\n" + _hermite._overlay_help())
+        try:
+            help_text = subprocess.run([tool_path(), "overlay", "--help"], capture_output=True,
+                                       text=True, check=True).stdout
+        except (RuntimeError, OSError, subprocess.CalledProcessError) as error:
+            sys.stderr.write(f"{prefix}{error}\n")
+            return 3
+        sys.stdout.write(USAGE + "Options of hermite overlay:\n\n" + help_text)
         return 0
     try:
         address, rest = take_option(rest, "--scheduler")
@@ -131,6 +137,9 @@ def main(argv: Optional[List[str]] = None) -> int:
     except KeyboardInterrupt:
         sys.stderr.write(f"{prefix}interrupted; no output written\n")
         return 130
+    except RuntimeError as error:
+        sys.stderr.write(f"{prefix}{error}\n")
+        return 3
     except OSError as error:
         sys.stderr.write(f"{prefix}cannot reach the scheduler {address}: {error}\n")
         return 3
