@@ -140,8 +140,8 @@ screen::ScreenReport ScreenThroughClient(const OverlayPlan& plan,
             break;
         }
         if (!part) {
-            throw FatalError("the cluster returned " + std::to_string(merger.Merged()) +
-                             " of " + std::to_string(parts.size()) + " parts");
+            throw FatalError("the cluster returned " + std::to_string(merger.Merged()) + " of " +
+                             std::to_string(parts.size()) + " parts");
         }
         const std::size_t at = Count(*index, "a part index");
         if (at >= parts.size()) {

@@ -11,6 +11,7 @@
 #include "cli/file_identity.h"
 #include "cli/overlay_run.h"
 #include "cli/progress.h"
+#include "cli/report_output.h"
 #include "cli/score_output.h"
 #include "io/atomic_file.h"
 #include "screen/screen.h"
@@ -30,6 +31,7 @@ struct OverlayRequest {
     std::vector<std::string> databasePaths;
     std::string hitsPath;    ///< empty: no hits file
     std::string scoresPath;  ///< empty: no score table
+    ReportRequest report;    ///< empty directory: no report
     io::ReadOptions read;
     overlay::Settings overlay;
     screen::ScreenSettings screen;
@@ -49,6 +51,21 @@ OverlayRequest RequestFrom(const CommandLine& line) {
             request.hitsPath);
     }
     request.scoresPath = line.Value("--scores");
+    request.report.directory = line.Value("--report");
+    request.report.activesPath = line.Value("--actives");
+    if (!request.report.activesPath.empty() && request.report.directory.empty()) {
+        throw UsageError("--actives labels the ROC curve of a report: add --report DIR");
+    }
+    if (!request.report.directory.empty()) {
+        // The report reads the hits and the score table from its directory.
+        const std::string directory = request.report.directory + "/";
+        if (request.hitsPath.empty()) {
+            request.hitsPath = directory + "hits.sdf";
+        }
+        if (request.scoresPath.empty()) {
+            request.scoresPath = directory + "scores.tsv";
+        }
+    }
     request.read = ReadOptionsFrom(line);
     request.quiet = line.Has("--quiet");
     std::vector<std::string> inputs = request.queryPaths;
@@ -68,6 +85,9 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     const screen::ScoreRange range = screen::RankScoreRange(screen.rankBy);
     screen.cutoff = RealOption(line, "--cutoff", 0.0, range.lowest, range.highest);
     screen.best = static_cast<std::size_t>(IntegerOption(line, "--best", 100, 1, 1000000000));
+    request.report.metric = screen.rankBy;
+    request.report.cutoff = screen.cutoff;
+    request.report.best = screen.best;
     const long long threads = IntegerOption(line, "--threads", 0, -100000, 100000);
     screen.threads = ResolveThreadCount(threads, std::thread::hardware_concurrency());
 
@@ -381,6 +401,17 @@ ArgumentParser OverlayParser() {
                 "Distinct poses of the local searches refined on the exact overlap of the atom "
                 "Gaussians, the best one kept; 0 (no refinement) to 1000; default " +
                     std::to_string(overlay::Settings().refineCandidates) + ".")
+        .Option("--report", "DIR",
+                "Also write a report into DIR (created if missing): the hits (hits.sdf), the "
+                "score table (scores.tsv), the query records (query.sdf), a score "
+                "distribution, a grid of the top hits and, with --actives, a ROC curve as PNG "
+                "images, an HTML page (index.html) and a PyMOL script loading the query and "
+                "each posed hit (hermite.pml). Made by the Python module (python3 -m "
+                "hermite.report; $HERMITE_PYTHON names the interpreter), which needs "
+                "matplotlib and RDKit.")
+        .Option("--actives", "FILE",
+                "Titles of the known actives, one per line (or a molecule file of them), for "
+                "the report's ROC curve.")
         .Flag("--quiet", "No progress and no summary on standard error.");
     return parser;
 }
@@ -407,6 +438,9 @@ int RunOverlayWith(const CommandLine& line, const OverlayScreen& screen) {
     io::SetRDKitLogging(false);
     CatchInterrupts();
 
+    if (!request.report.directory.empty()) {
+        PrepareReportDirectory(request.report.directory);
+    }
     Outputs outputs = OpenOutputs(request);
     const OverlayPlan plan{request.databasePaths, ReadQueries(request), request.screen,
                            !request.scoresPath.empty()};
@@ -466,6 +500,10 @@ int RunOverlayWith(const CommandLine& line, const OverlayScreen& screen) {
     const ProblemMessages problems = CollectProblems(queries.problems, report.problems);
     if (!request.quiet) {
         PrintSummary(request, queries, report, problems, hitsWritten);
+    }
+    if (!request.report.directory.empty() &&
+        !WriteReport(request.report, queries, request.hitsPath, request.scoresPath)) {
+        return kExitUnusable;
     }
     return problems.AnySkipped() || report.failed > 0 ? kExitSkipped : kExitOk;
 }

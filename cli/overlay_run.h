@@ -1,8 +1,8 @@
 /// \file
 /// `hermite overlay` with a replaceable screen: the command as the tool runs it (one screen on
 /// this machine), or with its database screened in parts elsewhere and merged here (the
-/// coordinator of distributed screening, see cli/cluster_commands.h). Either way the command line, the outputs, the messages and
-/// the exit status are the tool's.
+/// coordinator of distributed screening, see cli/cluster_commands.h). Either way the command line,
+/// the outputs, the messages and the exit status are the tool's.
 #pragma once
 
 #include <functional>

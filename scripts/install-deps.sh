@@ -12,7 +12,7 @@ packages=(
     librdkit-dev libboost-dev rdkit-data python3-rdkit openbabel zlib1g-dev
     python3-dev pybind11-dev python3-numpy
     libhdf5-dev python3-h5py
-    python3-distributed
+    python3-distributed python3-pandas python3-matplotlib python3-tqdm python3-venv
 )
 
 missing=()

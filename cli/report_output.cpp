@@ -1,0 +1,133 @@
+// The report of an overlay run: its files gathered in one directory, then the Python report.
+
+#include "cli/report_output.h"
+
+#include <filesystem>
+#include <iostream>
+#include <vector>
+
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include "cli/common.h"
+#include "io/molecule_io.h"
+
+extern char** environ;
+
+namespace hermite::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The score column the report ranks by.
+const char* MetricColumn(screen::RankMetric metric) {
+    switch (metric) {
+        case screen::RankMetric::Shape:
+            return "shape_tanimoto";
+        case screen::RankMetric::Combo:
+            return "combo";
+        case screen::RankMetric::TverskyQuery:
+            return "tversky_query";
+        case screen::RankMetric::TverskyFit:
+            return "tversky_fit";
+    }
+    return "shape_tanimoto";
+}
+
+/// Copies `from` to `directory/name` unless it is that file already.
+bool CopyInto(const std::string& from, const std::string& directory, const char* name) {
+    const fs::path to = fs::path(directory) / name;
+    std::error_code error;
+    if (fs::exists(to, error) && fs::equivalent(from, to, error)) {
+        return true;
+    }
+    fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
+    if (error) {
+        std::cerr << "hermite overlay: cannot copy " << from
+                  << " into the report: " << error.message() << "\n";
+        return false;
+    }
+    return true;
+}
+
+bool WriteQueryRecords(const screen::QuerySet& queries, const std::string& directory) {
+    const std::string path = (fs::path(directory) / "query.sdf").string();
+    io::SdfWriter writer(path);
+    bool written = writer.Ok();
+    for (const screen::QueryConformer& query : queries.conformers) {
+        written = written && writer.Write(query.source);
+    }
+    if (!written || !writer.Commit()) {
+        std::cerr << "hermite overlay: cannot write the report's query.sdf: " << writer.Error()
+                  << "\n";
+        return false;
+    }
+    return true;
+}
+
+/// Runs `arguments` (the program searched on PATH) and waits; its exit status, or -1 when it
+/// could not be started or ended by a signal.
+int RunAndWait(const std::vector<std::string>& arguments) {
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
+        return -1;
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) {
+            return -1;
+        }
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+void PrepareReportDirectory(const std::string& directory) {
+    std::error_code error;
+    fs::create_directories(directory, error);
+    if (error || !fs::is_directory(directory)) {
+        throw FatalError("cannot create the report directory " + directory + ": " +
+                         (error ? error.message() : "not a directory"));
+    }
+}
+
+bool WriteReport(const ReportRequest& request, const screen::QuerySet& queries,
+                 const std::string& hitsPath, const std::string& scoresPath) {
+    if (!CopyInto(hitsPath, request.directory, "hits.sdf") ||
+        !CopyInto(scoresPath, request.directory, "scores.tsv") ||
+        !WriteQueryRecords(queries, request.directory)) {
+        return false;
+    }
+    const char* python = std::getenv("HERMITE_PYTHON");
+    std::vector<std::string> command = {python != nullptr && *python != '\0' ? python : "python3",
+                                        "-m",
+                                        "hermite.report",
+                                        request.directory,
+                                        "--metric",
+                                        MetricColumn(request.metric),
+                                        "--cutoff",
+                                        FormatExact(request.cutoff),
+                                        "--best",
+                                        std::to_string(request.best)};
+    if (!request.activesPath.empty()) {
+        command.insert(command.end(), {"--actives", request.activesPath});
+    }
+    const int status = RunAndWait(command);
+    if (status != 0) {
+        std::cerr << "hermite overlay: the report was not made"
+                  << (status < 0 ? " (cannot run " + command.front() + ")" : std::string())
+                  << "; it needs Python 3 with the hermite module, matplotlib and RDKit "
+                     "(set HERMITE_PYTHON to choose the interpreter)\n";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace hermite::cli

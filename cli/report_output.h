@@ -1,0 +1,36 @@
+/// \file
+/// `hermite overlay --report DIR`: the files of a screen gathered in one directory (the score
+/// table, the posed hits, the query records) and turned into pictures, an HTML page and a PyMOL
+/// script by the Python module's report (`python3 -m hermite.report`), which holds the one
+/// implementation of the pictures for notebooks and the tool alike.
+#pragma once
+
+#include <string>
+
+#include "screen/ranking.h"
+#include "screen/screen.h"
+
+namespace hermite::cli {
+
+/// What the report needs besides the run's files.
+struct ReportRequest {
+    /// The report's directory (created when missing); empty: no report.
+    std::string directory;
+    /// A file naming the actives (titles one per line, or a molecule file), for the ROC curve.
+    std::string activesPath;
+    screen::RankMetric metric = screen::RankMetric::Shape;
+    double cutoff = 0.0;
+    std::size_t best = 0;
+};
+
+/// Creates the report's directory; throws `FatalError` when it cannot.
+void PrepareReportDirectory(const std::string& directory);
+
+/// Writes the report: copies the hits and the score table into its directory when they were
+/// written elsewhere, writes the query records as query.sdf, then runs the Python report with
+/// the interpreter named by $HERMITE_PYTHON (else python3 on PATH). Returns false after
+/// printing why when any step fails.
+bool WriteReport(const ReportRequest& request, const screen::QuerySet& queries,
+                 const std::string& hitsPath, const std::string& scoresPath);
+
+}  // namespace hermite::cli
