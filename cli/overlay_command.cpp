@@ -86,7 +86,9 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     screen.cutoff = RealOption(line, "--cutoff", 0.0, range.lowest, range.highest);
     screen.best = static_cast<std::size_t>(IntegerOption(line, "--best", 100, 1, 1000000000));
     request.report.metric = screen.rankBy;
-    request.report.cutoff = screen.cutoff;
+    if (line.Has("--cutoff")) {
+        request.report.cutoff = screen.cutoff;
+    }
     request.report.best = screen.best;
     const long long threads = IntegerOption(line, "--threads", 0, -100000, 100000);
     screen.threads = ResolveThreadCount(threads, std::thread::hardware_concurrency());

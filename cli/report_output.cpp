@@ -112,10 +112,11 @@ bool WriteReport(const ReportRequest& request, const screen::QuerySet& queries,
                                         request.directory,
                                         "--metric",
                                         MetricColumn(request.metric),
-                                        "--cutoff",
-                                        FormatExact(request.cutoff),
                                         "--best",
                                         std::to_string(request.best)};
+    if (request.cutoff) {
+        command.insert(command.end(), {"--cutoff", FormatExact(*request.cutoff)});
+    }
     if (!request.activesPath.empty()) {
         command.insert(command.end(), {"--actives", request.activesPath});
     }

@@ -5,6 +5,7 @@
 /// implementation of the pictures for notebooks and the tool alike.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "screen/ranking.h"
@@ -19,7 +20,8 @@ struct ReportRequest {
     /// A file naming the actives (titles one per line, or a molecule file), for the ROC curve.
     std::string activesPath;
     screen::RankMetric metric = screen::RankMetric::Shape;
-    double cutoff = 0.0;
+    /// The cutoff the user set (the pictures mark it); none when left at its default.
+    std::optional<double> cutoff;
     std::size_t best = 0;
 };
 
