@@ -3,9 +3,9 @@
 // hits. Only screens of files link the molecule parsers and their chemistry toolkit.
 
 #include <algorithm>
+#include <cctype>
 #include <map>
 #include <memory>
-#include <cctype>
 #include <utility>
 
 #include "screen/database.h"
@@ -220,7 +220,6 @@ void PoseHits(ScreenReport& report) {
         }
     }
 }
-
 
 /// Every molecule of a query file is a query: a record that cannot be used would silently
 /// change what the screen asks, so it stops the run, naming the records.

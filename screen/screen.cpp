@@ -153,7 +153,6 @@ void KeepCandidates(const ScreenSettings& settings, const Thresholds& thresholds
 // ---------------------------------------------------------------------------------------------
 // Queries
 
-
 QuerySet MakeQueries(const std::vector<io::Molecule>& molecules,
                      const overlay::Settings& settings) {
     QuerySet queries;
@@ -196,7 +195,6 @@ QuerySet MakeQueries(const std::vector<io::Molecule>& molecules,
     }
     return queries;
 }
-
 
 // ---------------------------------------------------------------------------------------------
 // Row tallies

@@ -6,9 +6,11 @@ analytic gradients, exact rotations, optimal basis scales, centres of mass, prin
 rendering onto grids. On top of that, ``overlay`` and ``screen`` superpose molecules by shape
 and score them.
 
-The compiled core lives in ``hermite._hermite``; everything public is re-exported here. The
-RDKit helpers are in :mod:`hermite.rdkit` (imported on first use, so that ``import hermite``
-does not load RDKit).
+The compiled core lives in ``hermite._hermite``; everything public is re-exported here, with
+the molecule file readers and writer of :mod:`hermite.molfiles` (``read_molecules``,
+``read_mols``, ``write_sd``). The RDKit helpers are in :mod:`hermite.rdkit` (imported on first
+use); the file functions import RDKit when they are called, so that ``import hermite`` does not
+load RDKit.
 
 Library warnings are issued as :class:`HermiteWarning`; fatal library conditions raise
 :class:`HermiteError`; invalid arguments raise ``ValueError`` (or ``TypeError``).
@@ -46,11 +48,11 @@ from ._hermite import (
     optimization_search_com,
     orient_by_moments_of_inertia,
     overlay,
-    read_molecules,
     score,
     screen,
     shape_gaussians,
 )
+from .molfiles import read_mols, read_molecules, write_sd
 
 __version__ = "0.1.0"
 
@@ -81,10 +83,12 @@ __all__ = [
     "optimization_search_com",
     "orient_by_moments_of_inertia",
     "overlay",
+    "read_mols",
     "read_molecules",
     "score",
     "screen",
     "shape_gaussians",
+    "write_sd",
 ]
 
 # The classes present themselves as hermite.X (repr, help, pickling by reference).

@@ -10,6 +10,7 @@ from typing import (
     List,
     NamedTuple,
     Optional,
+    Sequence,
     Tuple,
     Union,
     overload,
@@ -361,6 +362,10 @@ class OverlayResult:
     @property
     def electrostatics(self) -> bool: ...
     @property
+    def conformer(self) -> int: ...
+    @property
+    def query_conformer(self) -> int: ...
+    @property
     def hermite_evaluations(self) -> int: ...
     @property
     def exact_evaluations(self) -> int: ...
@@ -404,8 +409,8 @@ def score(
     electrostatic_width: float = ...,
 ) -> OverlayResult: ...
 def screen(
-    query: Molecule,
-    molecules: Iterable[Molecule],
+    query: Union[Molecule, Sequence[Molecule]],
+    molecules: Iterable[Union[Molecule, Sequence[Molecule]]],
     *,
     threads: int = 0,
     score_only: bool = False,
@@ -424,23 +429,3 @@ def screen(
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
 ) -> List[OverlayResult]: ...
-def read_molecules(
-    path: _Path,
-    *,
-    hydrogens: bool = False,
-    charges: str = "gasteiger",
-    smiles_conformers: int = 10,
-    seed: int = 42,
-) -> List[Molecule]: ...
-
-# Distributed screening (hermite.distributed); private.
-def _screen_part(
-    arguments: List[str], slices: List[Tuple[str, int, Optional[int]]], directory: str
-) -> bytes: ...
-def _run_overlay(
-    arguments: List[str],
-    distribute: Callable[[List[List[Tuple[str, int, Optional[int]]]]], Iterable[Tuple[int, bytes]]],
-    part_size: int,
-    program: str,
-) -> int: ...
-def _overlay_help() -> str: ...

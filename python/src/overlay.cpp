@@ -314,22 +314,20 @@ std::string ResultRepr(const OverlayResultObject& r) {
 // ---------------------------------------------------------------------------------------------
 // Screening
 
-/// The conformers of one molecule of a screen: a hermite.Molecule alone, or a non-empty
-/// sequence of them (the conformers of one molecule, all with the first one's title).
+/// The conformers of one molecule of a screen: a hermite.Molecule alone, or a non-empty list
+/// or tuple of them (the conformers of one molecule, all with the first one's title).
 std::vector<QVMol> ConformersArgument(py::handle object, const std::string& name) {
     if (py::isinstance<MoleculeObject>(object)) {
         return {MoleculeArgument(object, name)};
     }
-    if (py::isinstance<py::str>(object) || py::isinstance<py::bytes>(object) ||
-        !py::isinstance<py::sequence>(object)) {
-        throw py::type_error(name + " must be hermite.Molecule or a sequence of them, got " +
+    if (!py::isinstance<py::list>(object) && !py::isinstance<py::tuple>(object)) {
+        throw py::type_error(name + " must be hermite.Molecule or a list of them, got " +
                              std::string(py::str(py::type::handle_of(object).attr("__name__"))));
     }
     std::vector<QVMol> conformers;
-    const py::sequence sequence = py::reinterpret_borrow<py::sequence>(object);
+    const py::sequence sequence = py::reinterpret_borrow<py::sequence>(object);  // list or tuple
     for (std::size_t i = 0; i < sequence.size(); ++i) {
-        conformers.push_back(
-            MoleculeArgument(sequence[i], name + "[" + std::to_string(i) + "]"));
+        conformers.push_back(MoleculeArgument(sequence[i], name + "[" + std::to_string(i) + "]"));
     }
     if (conformers.empty()) {
         throw py::value_error(name + " holds no conformer");
@@ -354,8 +352,7 @@ io::Molecule EngineMolecule(const std::vector<QVMol>& conformers) {
 /// library's warnings.
 std::vector<screen::Row> RunScreen(const screen::QuerySet& queries,
                                    const std::vector<std::vector<QVMol>>& fits,
-                                   unsigned int threadCount, bool scoreOnly,
-                                   py::handle progress) {
+                                   unsigned int threadCount, bool scoreOnly, py::handle progress) {
     std::vector<io::Molecule> molecules;
     molecules.reserve(fits.size());
     for (const std::vector<QVMol>& conformers : fits) {
@@ -420,7 +417,7 @@ std::vector<screen::Row> RunScreen(const screen::QuerySet& queries,
 std::vector<std::vector<QVMol>> FitMolecules(py::handle molecules) {
     if (py::isinstance<MoleculeObject>(molecules) || py::isinstance<py::str>(molecules)) {
         throw py::type_error(
-            "molecules must be an iterable of hermite.Molecule or of sequences of them");
+            "molecules must be an iterable of hermite.Molecule or of lists of them");
     }
     std::vector<std::vector<QVMol>> fits;
     for (py::handle item : py::iter(molecules)) {
@@ -457,9 +454,8 @@ py::list ScreenResults(py::handle query, py::handle molecules, py::handle thread
     for (std::size_t i = 0; i < rows.size(); ++i) {
         // The engine counts conformers from 1.
         const std::size_t conformer = rows[i].conformer - 1;
-        OverlayResultObject result =
-            MakeResult(rows[i].result, fits[i][conformer], queryMolecule.title,
-                       resolved.electrostatics);
+        OverlayResultObject result = MakeResult(rows[i].result, fits[i][conformer],
+                                                queryMolecule.title, resolved.electrostatics);
         result.conformer = conformer;
         result.queryConformer = rows[i].queryConformer - 1;
         list.append(std::move(result));
@@ -809,9 +805,10 @@ first of equal ones, query conformers first). The
 results are in input order and do not depend on the number of threads.
 
 Args:
-    query: the hermite.Molecule that stays, or a sequence of them (the query's conformers).
-    molecules: an iterable whose items are a hermite.Molecule or a non-empty sequence of them
-        (the conformers of one molecule, titled by the first).
+    query: the hermite.Molecule that stays, or a list (or tuple) of them: the query's
+        conformers.
+    molecules: an iterable whose items are a hermite.Molecule or a non-empty list (or tuple)
+        of them: the conformers of one molecule, titled by the first.
     threads: worker threads: 0 all cores, n > 0 that many, -n all cores but n.
     score_only: score the molecules in their own poses instead of overlaying them.
     progress: None, or a callable ``progress(molecules_done, overlays_done)`` called on the

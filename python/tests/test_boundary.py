@@ -320,26 +320,26 @@ def test_multiprocessing_pool_returns_overlay_results(cdk2: List[hermite.Molecul
 # None molecules from RDKit suppliers
 
 
-def test_screen_mols_skips_none_with_one_warning(cdk2_rdkit: list) -> None:
+def test_screen_skips_none_with_one_warning(cdk2_rdkit: list) -> None:
     import hermite.rdkit as hr
 
     mols = [cdk2_rdkit[1], None, cdk2_rdkit[2], None, None, cdk2_rdkit[3]]
     with warnings.catch_warnings(record=True) as caught:
         warnings.simplefilter("always")
-        posed = hr.screen_mols(cdk2_rdkit[0], mols, threads=1)
+        table = hr.screen(cdk2_rdkit[0], mols, threads=1, progress=False)
     skipped = [w for w in caught if issubclass(w.category, hermite.HermiteWarning)]
     assert len(skipped) == 1
     message = str(skipped[0].message)
     assert "skipped 3 of 6" in message and "positions 1, 3, 4" in message
     assert skipped[0].filename == __file__  # reported at the caller
-    assert len(posed) == 3
-    assert [p.result.title for p in posed] == [m.GetProp("_Name") for m in cdk2_rdkit[1:4]]
-    alone = hr.screen_mols(cdk2_rdkit[0], cdk2_rdkit[1:4], threads=1)
-    for a, b in zip(posed, alone):
-        np.testing.assert_array_equal(a.result.transform, b.result.transform)
+    assert sorted(table["position"]) == [0, 2, 5]
+    titles = dict(zip(table["position"], table["title"]))
+    assert [titles[p] for p in (0, 2, 5)] == [m.GetProp("_Name") for m in cdk2_rdkit[1:4]]
+    alone = hr.screen(cdk2_rdkit[0], cdk2_rdkit[1:4], threads=1, progress=False)
+    np.testing.assert_array_equal(table["shape_tanimoto"], alone["shape_tanimoto"])
     with warnings.catch_warnings():
         warnings.simplefilter("error")
-        assert hr.screen_mols(cdk2_rdkit[0], [cdk2_rdkit[1]], threads=1)  # no None, no warning
+        assert len(hr.screen(cdk2_rdkit[0], [cdk2_rdkit[1]], threads=1, progress=False)) == 1
 
 
 # ---------------------------------------------------------------------------------------------

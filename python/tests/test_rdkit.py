@@ -115,19 +115,49 @@ def test_overlay_mols_in_place_and_other_conformers(cdk2_rdkit: List[Chem.Mol]) 
         hr.overlay_mols(query, fit, fit_conf=3)
 
 
-def test_screen_mols_equals_overlay_mols(cdk2_rdkit: List[Chem.Mol]) -> None:
+def test_screen_equals_overlay_mols(cdk2_rdkit: List[Chem.Mol]) -> None:
     query, mols = cdk2_rdkit[0], cdk2_rdkit[1:7]
-    screened = hr.screen_mols(query, mols, threads=2)
-    assert [p.mol.GetProp("_Name") for p in screened] == [m.GetProp("_Name") for m in mols]
-    for mol, posed in zip(mols, screened):
+    table = hr.screen(query, mols, threads=2, progress=False)
+    assert sorted(table["position"]) == list(range(6))
+    assert list(table["rank"]) == list(range(1, 7))
+    assert list(table["shape_tanimoto"]) == sorted(table["shape_tanimoto"], reverse=True)
+    for row in table.itertuples():
+        mol = mols[row.position]
         single = hr.overlay_mols(query, mol)
-        np.testing.assert_array_equal(single.result.transform, posed.result.transform)
-        assert posed.mol.GetDoubleProp("hermite_shape_tanimoto") == \
-            single.mol.GetDoubleProp("hermite_shape_tanimoto")
-        assert not mol.HasProp("hermite_shape_tanimoto")
+        assert row.title == mol.GetProp("_Name")
+        assert row.shape_tanimoto == single.result.scores.shape_tanimoto
+        assert row.tversky_fit == single.result.scores.tversky_fit
+        np.testing.assert_allclose(row.mol.GetConformer().GetPositions(),
+                                   single.mol.GetConformer().GetPositions(), atol=1e-9)
+        assert row.mol.GetDoubleProp("hermite_shape_tanimoto") == row.shape_tanimoto
+        assert row.mol.GetIntProp("hermite_rank") == row.rank
+        assert (row.conformer, row.query_conformer, row.conformers) == (0, 0, 1)
+        assert not mol.HasProp("hermite_shape_tanimoto")  # the input is untouched
     # None entries (unreadable records) are skipped with a warning, not an error.
     with pytest.warns(hermite.HermiteWarning, match="skipped 1 of 2"):
-        assert len(hr.screen_mols(query, [mols[0], None])) == 1
+        assert len(hr.screen(query, [mols[0], None], progress=False)) == 1
+
+
+def test_screen_electrostatics_and_charges(cdk2_rdkit: List[Chem.Mol]) -> None:
+    query, mols = cdk2_rdkit[0], cdk2_rdkit[1:4]
+    table = hr.screen(query, mols, electrostatics=True, charges="mmff", progress=False)
+    assert list(table["combo"]) == sorted(table["combo"], reverse=True)
+    for row in table.itertuples():
+        single = hr.overlay_mols(query, mols[row.position], charges="mmff", electrostatics=True)
+        assert row.es_tanimoto == pytest.approx(single.result.scores.es_tanimoto, abs=1e-9)
+        assert row.combo == pytest.approx(row.shape_tanimoto + row.es_tanimoto, abs=1e-9)
+        assert row.mol.GetDoubleProp("hermite_combo") == row.combo
+    # Shape-only screens take no charges: a charge model that would fail does not matter.
+    assert hr.screen(query, mols, charges="input", progress=False)["error"].isna().all()
+    # With electrostatics a molecule without input charges is a row with an error, a query
+    # without them an exception.
+    charged = Chem.Mol(query)
+    for atom in charged.GetAtoms():
+        atom.SetDoubleProp("PartialCharge", 0.0)
+    failed = hr.screen(charged, mols[:1], charges="input", electrostatics=True, progress=False)
+    assert "PartialCharge" in failed["error"][0] and np.isnan(failed["shape_tanimoto"][0])
+    with pytest.raises(ValueError, match="PartialCharge"):
+        hr.screen(query, mols, charges="input", electrostatics=True, progress=False)
 
 
 def test_rdkit_input_errors(cdk2_rdkit: List[Chem.Mol]) -> None:

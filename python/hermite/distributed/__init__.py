@@ -36,7 +36,6 @@ The shell entry point, for users who never write Python::
 from __future__ import annotations
 
 import os
-import shutil
 import signal
 import struct
 import subprocess
@@ -44,10 +43,11 @@ import sys
 import threading
 import uuid
 import zlib
-from pathlib import Path
 from typing import BinaryIO, Callable, List, Optional, Sequence, Tuple
 
-__all__ = ["DEFAULT_PART_SIZE", "overlay", "screen_part", "tool_path"]
+from ..tool import tool_path
+
+__all__ = ["DEFAULT_PART_SIZE", "overlay", "screen_part"]
 
 #: Molecules per part by default: large enough that the scheduler's cost per task (a few
 #: milliseconds) is small against the task, small enough that a cluster gets many parts per
@@ -61,19 +61,6 @@ PROGRAM = "hermite.distributed"
 _COORDINATOR = "_overlay-coordinator"
 _WORKER = "_overlay-worker"
 _FRAME_HEADER = struct.Struct("<Q")
-
-
-def tool_path() -> str:
-    """The ``hermite`` command-line tool: ``$HERMITE_CLI``, the one installed with the package
-    (``pip install``), or the first on ``PATH``. Raises ``RuntimeError`` when there is none."""
-    candidates = [os.environ.get("HERMITE_CLI", ""),
-                  str(Path(__file__).resolve().parent.parent / "bin" / "hermite"),
-                  shutil.which("hermite") or ""]
-    for candidate in candidates:
-        if candidate and os.path.isfile(candidate) and os.access(candidate, os.X_OK):
-            return candidate
-    raise RuntimeError("hermite.distributed needs the hermite command-line tool: install the "
-                       "package with pip, put hermite on PATH or set HERMITE_CLI to its path")
 
 
 def _write_frame(stream: BinaryIO, data: bytes) -> None:

@@ -7,7 +7,8 @@ import subprocess
 import sys
 from typing import List, Optional, Tuple
 
-from . import DEFAULT_PART_SIZE, PROGRAM, overlay, tool_path
+from . import DEFAULT_PART_SIZE, PROGRAM, overlay
+from ..tool import tool_path
 
 USAGE = f"""Usage: python3 -m {PROGRAM} overlay --scheduler ADDRESS [--part-size N] [options]
 
