@@ -132,6 +132,18 @@ class _Worker:
 
 _worker = _Worker()
 
+# The coordinators running in this process, so that a signal handler can stop them even when
+# the KeyboardInterrupt it raises is lost (Python ignores exceptions raised while it runs a
+# garbage-collector callback or a finaliser).
+_coordinators: "set[subprocess.Popen]" = set()
+
+
+def stop_coordinators() -> None:
+    """Asks every coordinator of this process to stop (as Ctrl-C does): it stops at the next
+    part it receives or at the end of its input, and writes nothing."""
+    for coordinator in list(_coordinators):
+        coordinator.send_signal(signal.SIGINT)
+
 
 def screen_part(arguments: Sequence[str], slices: bytes, directory: str = "") -> bytes:
     """Screens one part of the database of ``hermite overlay <arguments>`` on this machine.
@@ -190,6 +202,7 @@ def overlay(
     finally:
         os.close(done_in)
         os.close(parts_out)
+    _coordinators.add(coordinator)
     with os.fdopen(parts_in, "rb") as parts, os.fdopen(done_out, "wb") as done:
         try:
             _screen_parts(arguments, client, parts, done, progress)
@@ -203,6 +216,8 @@ def overlay(
             raise
         except BrokenPipeError:
             pass  # the coordinator stopped; its status tells why
+        finally:
+            _coordinators.discard(coordinator)
     return coordinator.wait()
 
 

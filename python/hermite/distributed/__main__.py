@@ -7,7 +7,7 @@ import subprocess
 import sys
 from typing import List, Optional, Tuple
 
-from . import DEFAULT_PART_SIZE, PROGRAM, overlay
+from . import DEFAULT_PART_SIZE, PROGRAM, overlay, stop_coordinators
 from ..tool import tool_path
 
 USAGE = f"""Usage: python3 -m {PROGRAM} overlay --scheduler ADDRESS [--part-size N] [options]
@@ -91,6 +91,7 @@ def stop_on_signals() -> None:
     """SIGTERM and SIGHUP stop the run as Ctrl-C does (no output is written)."""
 
     def interrupt(signum, frame):
+        stop_coordinators()
         raise KeyboardInterrupt
 
     for name in ("SIGTERM", "SIGHUP"):
