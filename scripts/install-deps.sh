@@ -13,6 +13,7 @@ packages=(
     python3-dev pybind11-dev python3-numpy
     libhdf5-dev python3-h5py
     python3-distributed python3-pandas python3-matplotlib python3-tqdm python3-venv
+    python3-mypy
 )
 
 missing=()

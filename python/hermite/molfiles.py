@@ -27,13 +27,15 @@ import os
 import secrets
 import sys
 import warnings
-from typing import (TYPE_CHECKING, Any, BinaryIO, Callable, Dict, Iterator, List,
-                    NamedTuple, Optional, Sequence, Tuple, Union)
+from typing import (TYPE_CHECKING, Any, BinaryIO, Callable, Dict, Generator, Iterator,
+                    List, NamedTuple, Optional, Sequence, Tuple, Union, cast)
 
 from . import _hermite
 
 if TYPE_CHECKING:  # RDKit is imported where it is used, never by ``import hermite``
     from rdkit import Chem
+
+    from .rdkit import ChargeModel
 
 __all__ = [
     "RECORD_PROPERTY",
@@ -144,7 +146,7 @@ def _open_text(path: Union[str, bytes]) -> BinaryIO:
 
 
 class _Record(NamedTuple):
-    index: int      # 0-based record number
+    number: int     # 0-based record number
     title: str      # first line (SD), molecule name (MOL2), name (SMILES), trimmed
     text: str       # the record's lines (SMILES: the SMILES alone)
     line: int = 0   # 1-based line number (SMILES only)
@@ -265,7 +267,7 @@ class _Options(NamedTuple):
 
 def _describe(file: str, record: _Record) -> str:
     """"ligands.sdf, record 2 (ZINC03814459)" for messages."""
-    where = f"{file}, record {record.index}"
+    where = f"{file}, record {record.number}"
     if record.line:
         where += f", line {record.line}"
     title = " ".join(record.title.split())
@@ -468,7 +470,7 @@ class _Group:
         self.mol = mol
         self.first = record
         self._key: Optional[str] = None
-        mol.GetConformer().SetIntProp(RECORD_PROPERTY, record.index)
+        mol.GetConformer().SetIntProp(RECORD_PROPERTY, record.number)
 
     def key(self) -> str:
         if self._key is None:
@@ -485,7 +487,7 @@ class _Group:
         if not _same_atoms(self.mol, mol):
             return False
         conformer = Chem.Conformer(mol.GetConformer())
-        conformer.SetIntProp(RECORD_PROPERTY, record.index)
+        conformer.SetIntProp(RECORD_PROPERTY, record.number)
         self.mol.AddConformer(conformer, assignId=True)
         return True
 
@@ -548,7 +550,7 @@ class MolReader:
             del silence
         return None
 
-    def _read(self) -> Iterator["Chem.Mol"]:
+    def _read(self) -> Generator["Chem.Mol", None, None]:
         try:
             if self.format == "sdf":
                 yield from self._sd_molecules()
@@ -557,7 +559,7 @@ class MolReader:
                     mol = self._parse(record)
                     if mol is not None:
                         for conformer in mol.GetConformers():
-                            conformer.SetIntProp(RECORD_PROPERTY, record.index)
+                            conformer.SetIntProp(RECORD_PROPERTY, record.number)
                         yield mol
         finally:
             self._stream.close()
@@ -577,7 +579,7 @@ class MolReader:
             if group is not None and not group.add(mol, record):
                 if constitution_key(mol) != group.key():
                     warn(f"{_describe(self.path, record)}: shares the title of record "
-                         f"{group.first.index} but has another constitution: read as a "
+                         f"{group.first.number} but has another constitution: read as a "
                          "separate molecule")
                 yield group.mol
                 group = None
@@ -693,7 +695,7 @@ def _numbers(text: str, name: str) -> List[float]:
 
 
 def _hermite_conformers(mol: "Chem.Mol", file: str, file_format: str, hydrogens: bool,
-                        charges: str) -> List[_hermite.Molecule]:
+                        charges: "ChargeModel") -> List[_hermite.Molecule]:
     """The conformers of `mol` as hermite.Molecule, the charges computed once for all of them
     (SD input charges: each conformer's own record's); a conformer that cannot be used is
     skipped with a warning naming its record."""
@@ -765,7 +767,7 @@ def read_molecules(path: PathArgument, *, hydrogens: bool = False, charges: str 
     """
     if charges not in _CHARGE_MODELS:
         raise ValueError(f"charges must be 'gasteiger', 'mmff' or 'input', got {charges!r}")
-    model = "mmff" if charges == "mmff94" else charges
+    model = cast("ChargeModel", "mmff" if charges == "mmff94" else charges)
     reader = read_mols(path, smiles_conformers=smiles_conformers, seed=seed)
     with reader:
         if model == "input" and reader.format == "smiles":

@@ -40,7 +40,7 @@ import sys
 from dataclasses import dataclass, field
 from pathlib import Path
 from types import ModuleType
-from typing import (TYPE_CHECKING, Any, Dict, Iterable, List, Mapping, Optional,
+from typing import (TYPE_CHECKING, Any, TextIO, Dict, Iterable, List, Mapping, Optional,
                     Sequence, Tuple, Union)
 
 import numpy as np
@@ -138,6 +138,12 @@ class MissingDependency(ImportError):
         self.package = package
 
 
+#: Scores of molecules (higher is better; NaN ranks last): a sequence, an array or a pandas
+#: Series; and their labels (True for an active) in the same order.
+ScoreValues = Union[Sequence[float], np.ndarray, "pd.Series"]
+LabelValues = Union[Sequence[bool], np.ndarray, "pd.Series"]
+
+
 def _require(module: str, package: str, purpose: str) -> ModuleType:
     """Imports `module`, or raises MissingDependency naming the pip package."""
     try:
@@ -203,7 +209,7 @@ def _tie_groups(values: np.ndarray, actives: np.ndarray) -> Tuple[np.ndarray, np
     return counts, found
 
 
-def roc_auc(scores: Sequence[float], labels: Sequence[bool]) -> float:
+def roc_auc(scores: ScoreValues, labels: LabelValues) -> float:
     """The area under the ROC curve: the probability that a random active scores above a random
     inactive, ties counting one half (the Mann-Whitney U statistic over actives x inactives).
 
@@ -224,7 +230,7 @@ def roc_auc(scores: Sequence[float], labels: Sequence[bool]) -> float:
     return float(u / (n_actives * n_inactives))
 
 
-def _roc_points(scores: Sequence[float], labels: Sequence[bool]) -> Tuple[np.ndarray, np.ndarray]:
+def _roc_points(scores: ScoreValues, labels: LabelValues) -> Tuple[np.ndarray, np.ndarray]:
     """False and true positive rates at each distinct score, from (0, 0) to (1, 1); tied
     molecules make one diagonal step, so the area under the polyline is :func:`roc_auc`."""
     values, actives = _classified(scores, labels)
@@ -235,7 +241,7 @@ def _roc_points(scores: Sequence[float], labels: Sequence[bool]) -> Tuple[np.nda
     return fpr, tpr
 
 
-def enrichment_factor(scores: Sequence[float], labels: Sequence[bool],
+def enrichment_factor(scores: ScoreValues, labels: LabelValues,
                       fraction: float) -> float:
     """The enrichment factor at `fraction` of the ranked list: the fraction of actives among the
     top n = ceil(fraction N) molecules (at least one) over the fraction of actives among all N.
@@ -264,7 +270,7 @@ def enrichment_factor(scores: Sequence[float], labels: Sequence[bool],
     return float((hits / top) / (actives.sum() / total))
 
 
-def bedroc(scores: Sequence[float], labels: Sequence[bool], alpha: float = 20.0) -> float:
+def bedroc(scores: ScoreValues, labels: LabelValues, alpha: float = 20.0) -> float:
     """The Boltzmann-enhanced discrimination of ROC (Truchon and Bayly, J. Chem. Inf. Model. 47,
     488 (2007)), in [0, 1]: actives near the top of the list weigh exp(-alpha r / N).
 
@@ -373,7 +379,7 @@ def score_distribution(scores: Any, *, metric: str = "shape_tanimoto",
     return figure
 
 
-def roc_curve(scores: Sequence[float], labels: Sequence[bool], *, ax: Optional["Axes"] = None,
+def roc_curve(scores: ScoreValues, labels: LabelValues, *, ax: Optional["Axes"] = None,
               label: Optional[str] = None) -> Tuple["Figure", float]:
     """The ROC curve of a ranking against known actives, with the diagonal of a random ranking.
 
@@ -561,7 +567,7 @@ def top_hits_grid(df: "pd.DataFrame", n: int = 12, metric: str = "shape_tanimoto
 def _row_scores(row: Any) -> Dict[str, float]:
     scores = {}
     for name in METRICS:
-        value = row.get(name) if hasattr(row, "get") else None
+        value: Any = row.get(name) if hasattr(row, "get") else None
         try:
             scores[name] = float(value)
         except (TypeError, ValueError):
@@ -572,7 +578,7 @@ def _row_scores(row: Any) -> Dict[str, float]:
 # --- reading the command-line tool's files --------------------------------------------------
 
 
-def _open_text(path: PathLike) -> io.TextIOBase:
+def _open_text(path: PathLike) -> TextIO:
     """A text file, gunzipped when its name ends in .gz."""
     if str(path).endswith(".gz"):
         return gzip.open(path, "rt", encoding="utf-8", errors="replace")

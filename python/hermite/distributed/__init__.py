@@ -43,7 +43,7 @@ import sys
 import threading
 import uuid
 import zlib
-from typing import BinaryIO, Callable, List, Optional, Sequence, Tuple
+from typing import BinaryIO, Callable, List, Optional, Sequence, Tuple, cast
 
 from ..tool import tool_path
 
@@ -103,13 +103,15 @@ class _Worker:
         with self._lock:
             for attempt in range(2):
                 process = self._running()
+                requests = cast(BinaryIO, process.stdin)
+                replies = cast(BinaryIO, process.stdout)
                 try:
-                    _write_frame(process.stdin, directory.encode())
-                    _write_frame(process.stdin, slices)
-                    _write_frame(process.stdin, "\0".join(arguments).encode())
-                    process.stdin.flush()
-                    status = _read_frame(process.stdout)
-                    payload = _read_frame(process.stdout) if status is not None else None
+                    _write_frame(requests, directory.encode())
+                    _write_frame(requests, slices)
+                    _write_frame(requests, "\0".join(arguments).encode())
+                    requests.flush()
+                    status = _read_frame(replies)
+                    payload = _read_frame(replies) if status is not None else None
                 except (BrokenPipeError, OSError):
                     status = payload = None
                 if status is not None and payload is not None:
