@@ -20,6 +20,7 @@
 #include <optional>
 #include <vector>
 
+#include "cli/map_writers.h"
 #include "hermite/hermite.h"
 
 namespace hermite::cli {
@@ -58,5 +59,11 @@ std::array<double, 3> MeanCentre(const std::vector<QVSystem::QVGaussian>& gaussi
 /// The Gaussians moved by minus `offset` (new centres rounded to single precision).
 std::vector<QVSystem::QVGaussian> Shifted(const std::vector<QVSystem::QVGaussian>& gaussians,
                                           const std::array<double, 3>& offset);
+
+/// Renders the expansion of `density` onto `grid`, whose points lie at multiples of `spacing`
+/// (angstrom) in the molecule's coordinates, covering the density with a margin of 3 angstrom
+/// beyond the outermost atom centre. Throws `UsageError` when `spacing` is too fine for that
+/// within 300 points per axis.
+MapGeometry Render(const Density& density, double spacing, QVSystem::QVScalarGrid& grid);
 
 }  // namespace hermite::cli

@@ -53,8 +53,12 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     request.scoresPath = line.Value("--scores");
     request.report.directory = line.Value("--report");
     request.report.activesPath = line.Value("--actives");
+    request.report.maps = line.Has("--maps");
     if (!request.report.activesPath.empty() && request.report.directory.empty()) {
         throw UsageError("--actives labels the ROC curve of a report: add --report DIR");
+    }
+    if (request.report.maps && request.report.directory.empty()) {
+        throw UsageError("--maps adds density maps to a report: add --report DIR");
     }
     if (!request.report.directory.empty()) {
         // The report reads the hits and the score table from its directory.
@@ -67,6 +71,7 @@ OverlayRequest RequestFrom(const CommandLine& line) {
         }
     }
     request.read = ReadOptionsFrom(line);
+    request.report.read = request.read;
     request.quiet = line.Has("--quiet");
     std::vector<std::string> inputs = request.queryPaths;
     inputs.insert(inputs.end(), request.databasePaths.begin(), request.databasePaths.end());
@@ -101,6 +106,7 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     }
     settings = overlay::WithEffort(settings, *preset);
     settings.order = OrderFrom(line, settings.order);
+    request.report.order = settings.order;
     settings.scanRotations =
         static_cast<unsigned int>(IntegerOption(line, "--scan", settings.scanRotations, 0, 100000));
     settings.extraStarts = static_cast<unsigned int>(IntegerOption(line, "--starts", 0, 0, 1000));
@@ -411,6 +417,10 @@ ArgumentParser OverlayParser() {
                 "each posed hit (hermite.pml). Made by the Python module (python3 -m "
                 "hermite.report; $HERMITE_PYTHON names the interpreter), which needs "
                 "matplotlib and RDKit.")
+        .Flag("--maps",
+              "Add the shape density maps of the queries and the posed hits to the report "
+              "(maps/query-K.ccp4, maps/hit-NNN.ccp4; CCP4, 0.5 angstrom spacing), loaded and "
+              "contoured by its PyMOL script.")
         .Option("--actives", "FILE",
                 "Titles of the known actives, one per line (or a molecule file of them), for "
                 "the report's ROC curve.")

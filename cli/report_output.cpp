@@ -10,6 +10,9 @@
 #include <sys/wait.h>
 
 #include "cli/common.h"
+#include "cli/density.h"
+#include "cli/map_writers.h"
+#include "io/atomic_file.h"
 #include "io/molecule_io.h"
 
 extern char** environ;
@@ -66,6 +69,87 @@ bool WriteQueryRecords(const screen::QuerySet& queries, const std::string& direc
     return true;
 }
 
+/// The map spacing, angstrom: fine enough for a contoured surface, coarse enough that a
+/// drug-sized molecule takes well under a megabyte.
+constexpr double kMapSpacing = 0.5;
+
+/// Writes the shape density map of `mol` to `path`; false after printing why when it cannot.
+bool WriteShapeMap(const QVChem::QVMol& mol, unsigned int order, const std::string& path,
+                   const std::string& title) {
+    try {
+        DensityRequest request;
+        request.order = order;
+        request.centre = true;
+        const Density density = ExpandDensity(mol, request);
+        QVSystem::QVScalarGrid grid;
+        const MapGeometry geometry = Render(density, kMapSpacing, grid);
+        std::string error;
+        if (!io::WriteFileAtomically(path, FormatCcp4Map(grid, geometry, title), &error)) {
+            std::cerr << "hermite overlay: cannot write the map " << path << ": " << error << "\n";
+            return false;
+        }
+        return true;
+    } catch (const std::exception& error) {
+        std::cerr << "hermite overlay: no map for " << title << ": " << error.what() << "\n";
+        return false;
+    }
+}
+
+/// The value of data item `name`, or `fallback`.
+std::string ItemOr(const io::SdProperties& items, const std::string& name,
+                   const std::string& fallback) {
+    for (const io::SdProperty& item : items) {
+        if (item.first == name) {
+            return item.second;
+        }
+    }
+    return fallback;
+}
+
+/// "001" for 1: the rank as the report names hit maps.
+std::string ThreeDigits(const std::string& rank) {
+    return rank.size() >= 3 ? rank : std::string(3 - rank.size(), '0') + rank;
+}
+
+/// The maps of the first conformer of every query molecule and of every posed hit, read back
+/// from the hits file (so that maps and records agree, however the screen ran).
+bool WriteMaps(const ReportRequest& request, const screen::QuerySet& queries) {
+    const fs::path directory = fs::path(request.directory) / "maps";
+    std::error_code error;
+    fs::create_directories(directory, error);
+    if (error) {
+        std::cerr << "hermite overlay: cannot create " << directory.string() << ": "
+                  << error.message() << "\n";
+        return false;
+    }
+    bool written = true;
+    for (const screen::QueryConformer& query : queries.conformers) {
+        if (query.conformer == 1) {
+            const std::string name = "query-" + std::to_string(query.molecule + 1) + ".ccp4";
+            written = WriteShapeMap(query.source.Mol(), request.order, (directory / name).string(),
+                                    query.source.Title()) &&
+                      written;
+        }
+    }
+    io::ReadOptions read = request.read;
+    read.computeCharges = false;
+    io::MoleculeReader hits((fs::path(request.directory) / "hits.sdf").string(), read);
+    io::Molecule molecule;
+    unsigned long position = 0;
+    while (hits.Next(molecule)) {
+        for (const io::Conformer& hit : molecule.conformers) {
+            ++position;
+            const std::string rank =
+                ItemOr(hit.Properties(), "hermite_rank", std::to_string(position));
+            written = WriteShapeMap(hit.Mol(), request.order,
+                                    (directory / ("hit-" + ThreeDigits(rank) + ".ccp4")).string(),
+                                    hit.Title()) &&
+                      written;
+        }
+    }
+    return written;
+}
+
 /// Runs `arguments` (the program searched on PATH) and waits; its exit status, or -1 when it
 /// could not be started or ended by a signal.
 int RunAndWait(const std::vector<std::string>& arguments) {
@@ -102,7 +186,8 @@ bool WriteReport(const ReportRequest& request, const screen::QuerySet& queries,
                  const std::string& hitsPath, const std::string& scoresPath) {
     if (!CopyInto(hitsPath, request.directory, "hits.sdf") ||
         !CopyInto(scoresPath, request.directory, "scores.tsv") ||
-        !WriteQueryRecords(queries, request.directory)) {
+        !WriteQueryRecords(queries, request.directory) ||
+        (request.maps && !WriteMaps(request, queries))) {
         return false;
     }
     const char* python = std::getenv("HERMITE_PYTHON");

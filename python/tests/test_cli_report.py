@@ -8,6 +8,7 @@ import struct
 import subprocess
 from pathlib import Path
 
+import numpy
 import pytest
 
 from conftest import CDK2_SDF, time_limit
@@ -62,6 +63,46 @@ def test_the_report_goes_beside_the_requested_outputs(tmp_path):
                     "--out", "hits.sdf", "--report", "report"], tmp_path)
     assert done.returncode == 0, done.stderr
     assert (tmp_path / "hits.sdf").read_bytes() == (tmp_path / "report" / "hits.sdf").read_bytes()
+
+
+def ccp4_header(path: Path) -> tuple:
+    """Points per axis and the minimum, maximum and mean density of a CCP4 map."""
+    header = path.read_bytes()[:1024]
+    points = struct.unpack("<3i", header[:12])
+    low, high, mean = struct.unpack("<3f", header[76:88])
+    return points, low, high, mean
+
+
+def test_maps_of_the_query_and_each_hit_are_loaded_by_the_script(tmp_path):
+    records = Path(CDK2_SDF).read_text().split("$$$$\n")
+    query = tmp_path / "query.sdf"
+    query.write_text(records[0] + "$$$$\n")
+    done = overlay(["--query", str(query), "--db", CDK2_SDF, "--best", "4", "--quiet",
+                    "--report", "report", "--maps"], tmp_path)
+    assert done.returncode == 0, done.stderr
+    maps = tmp_path / "report" / "maps"
+    names = sorted(path.name for path in maps.iterdir())
+    assert names == ["hit-001.ccp4", "hit-002.ccp4", "hit-003.ccp4", "hit-004.ccp4",
+                     "query-1.ccp4"]
+    for name in names:
+        points, low, high, mean = ccp4_header(maps / name)
+        assert points[0] == points[1] == points[2] > 20
+        # A truncated expansion ripples below zero, well under its peak.
+        assert high > 0.5 and low > -0.3 * high and 0 < mean < high
+    # The best hit is the query itself, moved back onto it: the same density where it lies.
+    query_map, hit_map = (numpy.frombuffer((maps / name).read_bytes()[1024:], dtype="<f4")
+                          for name in ("query-1.ccp4", "hit-001.ccp4"))
+    assert query_map.shape == hit_map.shape
+    assert numpy.abs(query_map - hit_map).max() < 0.02 * query_map.max()
+    script = (tmp_path / "report" / "hermite.pml").read_text()
+    for name in names:
+        assert f"maps/{name}" in script
+
+
+def test_maps_without_a_report_is_a_usage_error(tmp_path):
+    done = overlay(["--query", CDK2_SDF, "--db", CDK2_SDF, "--maps"], tmp_path)
+    assert done.returncode == 2
+    assert "--report" in done.stderr
 
 
 def test_a_missing_interpreter_is_reported_with_status_3(tmp_path):
