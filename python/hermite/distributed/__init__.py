@@ -64,8 +64,11 @@ _FRAME_HEADER = struct.Struct("<Q")
 
 
 def _write_frame(stream: BinaryIO, data: bytes) -> None:
-    stream.write(_FRAME_HEADER.pack(len(data)))
-    stream.write(data)
+    for chunk in (_FRAME_HEADER.pack(len(data)), data):
+        view = memoryview(chunk)
+        while view:  # an unbuffered stream may take part of a chunk at a time
+            written = stream.write(view)
+            view = view[written if written is not None else len(view):]
 
 
 def _read_exactly(stream: BinaryIO, size: int) -> Optional[bytes]:
@@ -205,7 +208,9 @@ def overlay(
         os.close(done_in)
         os.close(parts_out)
     _coordinators.add(coordinator)
-    with os.fdopen(parts_in, "rb") as parts, os.fdopen(done_out, "wb") as done:
+    # Unbuffered: a coordinator that stopped makes the write of a part fail where it is handled,
+    # never the closing of the pipe.
+    with os.fdopen(parts_in, "rb") as parts, os.fdopen(done_out, "wb", buffering=0) as done:
         try:
             _screen_parts(arguments, client, parts, done, progress)
         except KeyboardInterrupt:
@@ -247,7 +252,6 @@ def _screen_parts(arguments: List[str], client, parts: BinaryIO, done: BinaryIO,
             future.release()
             _write_frame(done, str(index_of[future.key]).encode())
             _write_frame(done, encoded)
-            done.flush()
             if progress is not None:
                 progress(finished, len(slices))
     except BrokenPipeError:

@@ -131,7 +131,11 @@ def main(argv: Optional[List[str]] = None) -> int:
     cluster = None
     client = None
     try:
-        client, cluster = connect(address)
+        try:
+            client, cluster = connect(address)
+        except OSError as error:
+            sys.stderr.write(f"{prefix}cannot reach the scheduler {address}: {error}\n")
+            return 3
         return overlay(rest, client, part_size=part_size)
     except UsageError as error:
         sys.stderr.write(f"{prefix}{error}\n")
@@ -139,11 +143,8 @@ def main(argv: Optional[List[str]] = None) -> int:
     except KeyboardInterrupt:
         sys.stderr.write(f"{prefix}interrupted; no output written\n")
         return 130
-    except RuntimeError as error:
+    except (RuntimeError, OSError) as error:
         sys.stderr.write(f"{prefix}{error}\n")
-        return 3
-    except OSError as error:
-        sys.stderr.write(f"{prefix}cannot reach the scheduler {address}: {error}\n")
         return 3
     finally:
         if client is not None:
