@@ -949,8 +949,9 @@ def _active_labels(table: "pd.DataFrame", actives: Any) -> Optional[np.ndarray]:
 def _error_rows(table: "pd.DataFrame") -> "pd.DataFrame":
     if "error" not in table.columns:
         return table.iloc[:0]
-    failed = [e is not None and not (isinstance(e, float) and math.isnan(e)) and str(e) != ""
-              for e in table["error"]]
+    # Missing reasons are None, NaN or pandas' NA, depending on the column's dtype.
+    pd = _require("pandas", "pandas", "reading a screen table")
+    failed = [not pd.isna(e) and str(e) != "" for e in table["error"]]
     return table[failed]
 
 
