@@ -1,4 +1,5 @@
-// `hermite overlay`: screens database molecules against queries by shape (and electrostatics).
+// `hermite overlay`: screens database molecules against queries by shape (and colour and
+// electrostatics).
 
 #include <algorithm>
 #include <iostream>
@@ -14,6 +15,7 @@
 #include "cli/report_output.h"
 #include "cli/score_output.h"
 #include "io/atomic_file.h"
+#include "io/features.h"
 #include "screen/screen.h"
 
 namespace hermite::cli {
@@ -37,6 +39,16 @@ struct OverlayRequest {
     screen::ScreenSettings screen;
     bool quiet = false;
 };
+
+/// The feature definitions of a .fdef file; throws `UsageError` naming the file and the line
+/// when they cannot be used.
+io::FeatureDefinitions ReadFeatureDefinitions(const std::string& path) {
+    try {
+        return io::FeatureDefinitions::FromFile(path);
+    } catch (const std::exception& error) {
+        throw UsageError(std::string("--features: ") + error.what());
+    }
+}
 
 /// The request of a parsed command line; throws `UsageError` for a bad value.
 OverlayRequest RequestFrom(const CommandLine& line) {
@@ -71,7 +83,6 @@ OverlayRequest RequestFrom(const CommandLine& line) {
         }
     }
     request.read = ReadOptionsFrom(line);
-    request.report.read = request.read;
     request.quiet = line.Has("--quiet");
     std::vector<std::string> inputs = request.queryPaths;
     inputs.insert(inputs.end(), request.databasePaths.begin(), request.databasePaths.end());
@@ -81,8 +92,9 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     const std::string rankBy = line.Value("--rank-by", "shape");
     const std::optional<screen::RankMetric> metric = screen::ParseRankMetric(rankBy);
     if (!metric) {
-        throw UsageError("--rank-by must be shape, combo, tversky-query or tversky-fit, got " +
-                         rankBy);
+        throw UsageError(
+            "--rank-by must be shape, combo, es-combo, tversky-query or tversky-fit, got " +
+            rankBy);
     }
     screen.rankBy = *metric;
     screen.scoreOnly = line.Has("--score-only");
@@ -116,8 +128,20 @@ OverlayRequest RequestFrom(const CommandLine& line) {
         IntegerOption(line, "--refine", settings.refineCandidates, 0, 1000));
     settings.seed = request.read.seed;
     settings.electrostatics =
-        line.Has("--electrostatics") || screen.rankBy == screen::RankMetric::Combo;
+        line.Has("--electrostatics") || screen.rankBy == screen::RankMetric::ElectrostaticCombo;
+    settings.colour =
+        line.Has("--colour") || line.Has("--color") || screen.rankBy == screen::RankMetric::Combo;
+    settings.colourWeight = RealOption(line, "--colour-weight", settings.colourWeight, 0.0, 100.0);
+    if (!line.Value("--features").empty() && !settings.colour) {
+        throw UsageError("--features defines the colour features: add --colour");
+    }
+    if (settings.colour) {
+        request.read.features = std::make_shared<const io::FeatureDefinitions>(
+            line.Has("--features") ? ReadFeatureDefinitions(line.Value("--features"))
+                                   : io::FeatureDefinitions::Default());
+    }
     screen.read = request.read;
+    request.report.read = request.read;
     return request;
 }
 
@@ -316,7 +340,8 @@ ArgumentParser OverlayParser() {
     ArgumentParser parser(
         "overlay", "--query FILE [FILE...] --db FILE [FILE...] [options]",
         "Overlays every molecule of the database files onto the query by shape (and optionally "
-        "electrostatics) and ranks them. The query is every conformer of every molecule of the "
+        "colour and electrostatics) and ranks them. The query is every conformer of every molecule "
+        "of the "
         "query files. Every conformer of every database molecule is overlaid onto every query "
         "conformer (consecutive SD records with the same title and constitution are the "
         "conformers of one molecule; SMILES get generated conformers) and each database "
@@ -335,7 +360,8 @@ ArgumentParser OverlayParser() {
         "SD records moved onto the query, with their titles and data items and tags "
         "hermite_rank, hermite_shape_tanimoto, hermite_hermite_tanimoto, hermite_tversky_query, "
         "hermite_tversky_fit (with electrostatics also hermite_es_tanimoto, hermite_es_carbo, "
-        "hermite_combo), hermite_conformer, hermite_query and hermite_query_conformer (1-based "
+        "hermite_es_combo; with colour hermite_colour_tanimoto, hermite_combo), "
+        "hermite_conformer, hermite_query and hermite_query_conformer (1-based "
         "indices of the database conformer, the query molecule and its conformer) and "
         "hermite_query_title; with --scores a tab-separated table with one row per database "
         "molecule (per query molecule with --per-query) in input order, written as the screen "
@@ -363,20 +389,21 @@ ArgumentParser OverlayParser() {
                 "with the columns title, file, record and conformer (of the best conformer), "
                 "conformers, query and query_conformer (of the best pair, 1-based), "
                 "shape_tanimoto, hermite_tanimoto, tversky_query, tversky_fit (with "
-                "electrostatics also es_tanimoto, es_carbo, combo) and status (ok, or error: and "
+                "electrostatics also es_tanimoto, es_carbo, es_combo; with colour "
+                "colour_tanimoto, combo) and status (ok, or error: and "
                 "the reason). Scores have 4 decimals.")
         .Option("--best", "N",
                 "Hits written to --out at most (1 or more), per query molecule with "
                 "--per-query; default 100.")
         .Option("--cutoff", "C",
                 "Only molecules with a rank score of at least C are hits; default 0. C must "
-                "lie in the range of the rank metric: 0 to 1 for shape, -1/3 to 2 for combo, "
-                "0 to 2.2942 for the Tversky scores.")
+                "lie in the range of the rank metric: 0 to 1 for shape, 0 to 2 for combo, -1/3 "
+                "to 2 for es-combo, 0 to 2.2942 for the Tversky scores.")
         .Option("--rank-by", "METRIC",
-                "Rank metric: shape (exact shape Tanimoto, the default), combo (shape + "
-                "electrostatic Tanimoto, 0 to 2; implies --electrostatics), tversky-query or "
-                "tversky-fit (shape Tversky weighted 0.95 to the query or to the database "
-                "molecule).")
+                "Rank metric: shape (exact shape Tanimoto, the default), combo (shape + colour "
+                "Tanimoto, 0 to 2; implies --colour), es-combo (shape + electrostatic "
+                "Tanimoto; implies --electrostatics), tversky-query or tversky-fit (shape "
+                "Tversky weighted 0.95 to the query or to the database molecule).")
         .Flag("--per-query",
               "Rank the database separately for each query molecule (one row per database "
               "molecule and query molecule, one hit list per query molecule).")
@@ -388,7 +415,20 @@ ArgumentParser OverlayParser() {
     parser
         .Flag("--electrostatics",
               "Also compare the electrostatic densities of the partial charges (Tanimoto and "
-              "Carbo) and report the combo score.")
+              "Carbo) and report the electrostatic combo score (es_combo: shape + electrostatic "
+              "Tanimoto). Scored at the final pose only.")
+        .Flag("--colour",
+              "Also match pharmacophore features (colour: donors, acceptors, cations, anions, "
+              "aromatic rings, hydrophobes; docs/colour.md): the search maximises shape + w * "
+              "colour overlap, and the colour Tanimoto and the combo score (shape + colour "
+              "Tanimoto, 0 to 2) are reported.")
+        .Flag("--color", "The same as --colour.")
+        .Option("--colour-weight", "W",
+                "Weight w of the colour overlap in the search, 0 to 100; default " +
+                    FormatFixed(overlay::Settings().colourWeight, 1) + ".")
+        .Option("--features", "FILE",
+                "Colour features from this RDKit feature-definition (.fdef) file instead of "
+                "the built-in definitions (each family is one feature type).")
         .Flag("--score-only", "Do not optimise: score each database molecule in its input pose.")
         .Option("--effort", "LEVEL",
                 "How hard the pose search tries: fast, default or thorough (presets of --order, "
@@ -460,6 +500,7 @@ int RunOverlayWith(const CommandLine& line, const OverlayScreen& screen) {
     OutputContext context;
     context.queryTitles = queries.titles;
     context.electrostatics = request.overlay.electrostatics;
+    context.colour = request.overlay.colour;
     context.rankBy = request.screen.rankBy;
     context.cutoff = request.screen.cutoff;
 

@@ -30,6 +30,8 @@ const char* MetricColumn(screen::RankMetric metric) {
             return "shape_tanimoto";
         case screen::RankMetric::Combo:
             return "combo";
+        case screen::RankMetric::ElectrostaticCombo:
+            return "es_combo";
         case screen::RankMetric::TverskyQuery:
             return "tversky_query";
         case screen::RankMetric::TverskyFit:

@@ -77,17 +77,41 @@ private:
     std::vector<std::vector<std::string>> rows_;
 };
 
+/// A score reported only when computed: its column in the score table (and, after "hermite_",
+/// its SD tag), its heading in the ranked table, and where it is in the scores.
+struct OptionalScore {
+    const char* column;
+    const char* heading;
+    double overlay::Scores::*value;
+};
+
+/// The electrostatic scores, then the colour scores, as the run computed them.
+std::vector<OptionalScore> OptionalScores(const OutputContext& context) {
+    std::vector<OptionalScore> scores;
+    if (context.electrostatics) {
+        scores.push_back({"es_tanimoto", "es_tan", &overlay::Scores::electrostaticTanimoto});
+        scores.push_back({"es_carbo", "es_carbo", &overlay::Scores::electrostaticCarbo});
+        scores.push_back({"es_combo", "es_combo", &overlay::Scores::electrostaticCombo});
+    }
+    if (context.colour) {
+        scores.push_back({"colour_tanimoto", "colour", &overlay::Scores::colourTanimoto});
+        scores.push_back({"combo", "combo", &overlay::Scores::combo});
+    }
+    return scores;
+}
+
 /// The aligned table of the best `limit` hits of one ranking ("No hits." when there is none).
 std::string FormatHits(const std::vector<screen::Hit>& hits, const OutputContext& context,
                        std::size_t limit) {
     if (hits.empty() || limit == 0) {
         return "No hits.\n";
     }
-    std::vector<std::string> header = {"rank",   "title",  "shape",    "hermite", "tv_query",
-                                       "tv_fit", "es_tan", "es_carbo", "combo",   "conf"};
-    if (!context.electrostatics) {
-        header.erase(header.begin() + 6, header.begin() + 9);
+    const std::vector<OptionalScore> optional = OptionalScores(context);
+    std::vector<std::string> header = {"rank", "title", "shape", "hermite", "tv_query", "tv_fit"};
+    for (const OptionalScore& score : optional) {
+        header.push_back(score.heading);
     }
+    header.push_back("conf");
     if (context.queryTitles.size() > 1) {
         header.push_back("query");
     }
@@ -102,10 +126,8 @@ std::string FormatHits(const std::vector<screen::Hit>& hits, const OutputContext
             std::to_string(hits[i].rank), Truncate(OneLine(row.title), kMaxTitleWidth),
             Score(s.shapeTanimoto),       Score(s.hermiteTanimoto),
             Score(s.shapeTverskyQuery),   Score(s.shapeTverskyFit)};
-        if (context.electrostatics) {
-            cells.push_back(Score(s.electrostaticTanimoto));
-            cells.push_back(Score(s.electrostaticCarbo));
-            cells.push_back(Score(s.combo));
+        for (const OptionalScore& score : optional) {
+            cells.push_back(Score(s.*score.value));
         }
         cells.push_back(std::to_string(row.conformer));
         if (context.queryTitles.size() > 1) {
@@ -123,8 +145,10 @@ std::string ScoreTableHeader(const OutputContext& context) {
     std::string text =
         "title\tfile\trecord\tconformer\tconformers\tquery\tquery_conformer\tshape_tanimoto\t"
         "hermite_tanimoto\ttversky_query\ttversky_fit";
-    return text +
-           (context.electrostatics ? "\tes_tanimoto\tes_carbo\tcombo\tstatus\n" : "\tstatus\n");
+    for (const OptionalScore& score : OptionalScores(context)) {
+        text += std::string("\t") + score.column;
+    }
+    return text + "\tstatus\n";
 }
 
 std::string ScoreTableLine(const screen::Row& row, const OutputContext& context) {
@@ -136,14 +160,13 @@ std::string ScoreTableLine(const screen::Row& row, const OutputContext& context)
     if (row.Ok()) {
         line += "\t" + Score(s.shapeTanimoto) + "\t" + Score(s.hermiteTanimoto) + "\t" +
                 Score(s.shapeTverskyQuery) + "\t" + Score(s.shapeTverskyFit);
-        if (context.electrostatics) {
-            line += "\t" + Score(s.electrostaticTanimoto) + "\t" + Score(s.electrostaticCarbo) +
-                    "\t" + Score(s.combo);
+        for (const OptionalScore& score : OptionalScores(context)) {
+            line += "\t" + Score(s.*score.value);
         }
         line += "\tok";
     } else {
-        line +=
-            std::string(context.electrostatics ? 7 : 4, '\t') + "\terror: " + OneLine(row.error);
+        line += std::string(4 + OptionalScores(context).size(), '\t') +
+                "\terror: " + OneLine(row.error);
     }
     return line + "\n";
 }
@@ -158,10 +181,8 @@ io::SdProperties HitTags(const screen::Hit& hit, const OutputContext& context) {
         {"hermite_tversky_query", Score(s.shapeTverskyQuery)},
         {"hermite_tversky_fit", Score(s.shapeTverskyFit)},
     };
-    if (context.electrostatics) {
-        tags.push_back({"hermite_es_tanimoto", Score(s.electrostaticTanimoto)});
-        tags.push_back({"hermite_es_carbo", Score(s.electrostaticCarbo)});
-        tags.push_back({"hermite_combo", Score(s.combo)});
+    for (const OptionalScore& score : OptionalScores(context)) {
+        tags.push_back({std::string("hermite_") + score.column, Score(s.*score.value)});
     }
     tags.push_back({"hermite_conformer", std::to_string(row.conformer)});
     tags.push_back({"hermite_query", std::to_string(row.query + 1)});

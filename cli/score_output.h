@@ -19,15 +19,18 @@ namespace hermite::cli {
 struct OutputContext {
     /// The titles of the query molecules.
     std::vector<std::string> queryTitles;
-    /// Whether the electrostatic scores were computed (their columns and tags appear only then).
+    /// Whether the electrostatic and the colour scores were computed (their columns and tags
+    /// appear only then).
     bool electrostatics = false;
+    bool colour = false;
     screen::RankMetric rankBy = screen::RankMetric::Shape;
     double cutoff = 0.0;
 };
 
 /// The header line of the score table: the columns title, file, record, conformer, conformers,
 /// query, query_conformer, shape_tanimoto, hermite_tanimoto, tversky_query, tversky_fit, with
-/// electrostatics es_tanimoto, es_carbo, combo, and status.
+/// electrostatics es_tanimoto, es_carbo, es_combo, with colour colour_tanimoto, combo, and
+/// status.
 std::string ScoreTableHeader(const OutputContext& context);
 
 /// One line of the score table: a database molecule (against one query molecule in per-query
@@ -37,7 +40,8 @@ std::string ScoreTableLine(const screen::Row& row, const OutputContext& context)
 
 /// The SD tags of a hit: hermite_rank, hermite_shape_tanimoto, hermite_hermite_tanimoto,
 /// hermite_tversky_query, hermite_tversky_fit, with electrostatics hermite_es_tanimoto,
-/// hermite_es_carbo and hermite_combo, then hermite_conformer, hermite_query and
+/// hermite_es_carbo and hermite_es_combo, with colour hermite_colour_tanimoto and
+/// hermite_combo, then hermite_conformer, hermite_query and
 /// hermite_query_conformer (1-based indices) and hermite_query_title.
 io::SdProperties HitTags(const screen::Hit& hit, const OutputContext& context);
 

@@ -36,6 +36,8 @@
 
 namespace hermite::io {
 
+class FeatureDefinitions;
+
 /// An SD data item: name and value (values may span several lines, joined by '\n').
 using SdProperty = std::pair<std::string, std::string>;
 /// SD data items in file order.
@@ -94,6 +96,9 @@ struct ReadOptions {
     /// When not null and set, conformer generation stops at its next check and the record is
     /// skipped ("interrupted"); the flag must outlive the reading.
     const std::atomic<bool>* cancel = nullptr;
+    /// When set, the colour features of every conformer are perceived with these definitions
+    /// (see io/features.h).
+    std::shared_ptr<const FeatureDefinitions> features;
 };
 
 /// The seed of the conformer embedding of the SMILES on line `record` for a run seeded with
@@ -127,6 +132,21 @@ struct Problem {
 // =============================================================================================
 // Molecules
 
+/// One pharmacophore feature of a conformer.
+struct Feature {
+    /// The family's name, as in the definitions (e.g. "Donor").
+    std::string family;
+    /// The index of the family in `FeatureDefinitions::Families()`.
+    unsigned int type = 0;
+    /// The position, angstrom, in the conformer's coordinates.
+    double x = 0.0;
+    double y = 0.0;
+    double z = 0.0;
+    /// The atoms that make the feature: 0-based indices among all atoms of the record (as
+    /// `Conformer::RecordAtomIndices()`), in the order of the definition's pattern.
+    std::vector<unsigned int> atoms;
+};
+
 /// One 3-D structure of a molecule: the selected atoms as a `QVChem::QVMol`, the record's title
 /// and SD data items, where it came from, and (hidden) the whole parsed record, with every atom
 /// and bond, so that `SdfWriter` can write it back in a new pose.
@@ -155,6 +175,10 @@ public:
     unsigned int NumRecordAtoms() const;
     /// True when the conformer carries a parsed record (false for atom-only conformers).
     bool HasRecord() const { return recordData_ != nullptr; }
+    /// The colour features of the conformer: perceived when it was read with feature
+    /// definitions (`ReadOptions::features`), or given with `SetFeatures`; empty otherwise.
+    const std::vector<Feature>& Features() const { return features_; }
+    void SetFeatures(std::vector<Feature> features) { features_ = std::move(features); }
 
     /// The parsed record (defined in the implementation only).
     struct RecordData;
@@ -168,6 +192,7 @@ private:
     unsigned int record_ = 0;
     std::vector<unsigned int> recordAtomIndices_;
     std::shared_ptr<const RecordData> recordData_;
+    std::vector<Feature> features_;
 };
 
 /// "file, record 3 (title)": where a conformer came from, for messages ("(no file)" for a

@@ -9,6 +9,7 @@
 #include <iterator>
 
 #include "io/conformer_builder.h"
+#include "io/features.h"
 #include "io/molecule_io.h"
 #include "io/record_parsers.h"
 #include "io/record_source.h"
@@ -25,6 +26,11 @@ std::vector<Conformer> ParseOneRecord(const RecordGroup& group, const RawRecord&
         ParsedRecord parsed = ParseRecord(group.format, record, group.file, options);
         for (const std::string& note : parsed.notes) {
             problems.push_back({group.file, record.number, record.title, note, false});
+        }
+        if (options.features != nullptr) {
+            for (Conformer& conformer : parsed.conformers) {
+                conformer.SetFeatures(PerceiveFeatures(conformer, *options.features));
+            }
         }
         return std::move(parsed.conformers);
     } catch (const std::exception& error) {

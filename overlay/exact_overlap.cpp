@@ -50,17 +50,28 @@ void Apply(const double* R, const double* p, double* out) {
 
 ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGaussian>& fixed,
                                              const std::vector<QVSystem::QVGaussian>& moving)
+    : ExactOverlapObjective(fixed, moving, std::vector<unsigned int>(fixed.size(), 0),
+                            std::vector<unsigned int>(moving.size(), 0)) {}
+
+ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGaussian>& fixed,
+                                             const std::vector<QVSystem::QVGaussian>& moving,
+                                             const std::vector<unsigned int>& fixedChannels,
+                                             const std::vector<unsigned int>& movingChannels)
     : centre_{0.0, 0.0, 0.0} {
     for (const QVSystem::QVGaussian& g : fixed) {
         fixed_.push_back({{g.GetX(), g.GetY(), g.GetZ()}, g.GetPrefactor(), g.GetExponent()});
     }
     SetMoving(moving);
-    for (const Point& m : moving_) {
-        for (const Point& f : fixed_) {
+    for (std::size_t j = 0; j < moving_.size(); ++j) {
+        const Point& m = moving_[j];
+        for (std::size_t i = 0; i < fixed_.size(); ++i) {
+            const Point& f = fixed_[i];
             const double exponentSum = f.exponent + m.exponent;
             const double piOverP = kPi / exponentSum;
-            pairs_.push_back({f.prefactor * m.prefactor * piOverP * std::sqrt(piOverP),
-                              f.exponent * m.exponent / exponentSum});
+            const bool sameChannel = fixedChannels[i] == movingChannels[j];
+            pairs_.push_back(
+                {sameChannel ? f.prefactor * m.prefactor * piOverP * std::sqrt(piOverP) : 0.0,
+                 f.exponent * m.exponent / exponentSum});
         }
     }
     BuildCells();

@@ -26,6 +26,13 @@ public:
 
     ExactOverlapObjective(const std::vector<QVSystem::QVGaussian>& fixed,
                           const std::vector<QVSystem::QVGaussian>& moving);
+    /// The overlap of densities of several channels (shape, colour feature types): only
+    /// Gaussians of the same channel overlap. `fixedChannels` and `movingChannels` give the
+    /// channel of each Gaussian.
+    ExactOverlapObjective(const std::vector<QVSystem::QVGaussian>& fixed,
+                          const std::vector<QVSystem::QVGaussian>& moving,
+                          const std::vector<unsigned int>& fixedChannels,
+                          const std::vector<unsigned int>& movingChannels);
 
     /// Moves the moving density to other positions: `moving` must hold the same Gaussians
     /// (prefactors and exponents, in the same order) as the one the objective was made with, so
@@ -46,7 +53,8 @@ private:
         double exponent;
     };
     /// The constants of the overlap of a fixed and a moving Gaussian: C exp(-k d^2) with
-    /// C = w_i w_j (pi / (a_i + a_j))^(3/2) and k = a_i a_j / (a_i + a_j).
+    /// C = w_i w_j (pi / (a_i + a_j))^(3/2) and k = a_i a_j / (a_i + a_j); C = 0 for Gaussians of
+    /// different channels.
     struct Pair {
         double C;
         double k;

@@ -124,7 +124,11 @@ std::vector<double> OrientationScan::Overlaps(const Expansion& fit) const {
 }
 
 std::vector<std::size_t> OrientationScan::Best(const Expansion& fit, std::size_t count) const {
-    const std::vector<double> overlaps = Overlaps(fit);
+    return Largest(Overlaps(fit), count);
+}
+
+std::vector<std::size_t> OrientationScan::Largest(const std::vector<double>& overlaps,
+                                                  std::size_t count) {
     std::vector<std::size_t> order(overlaps.size());
     std::iota(order.begin(), order.end(), 0);
     count = std::min(count, order.size());

@@ -50,6 +50,10 @@ public:
     /// overlaps in the order of the rotations).
     std::vector<std::size_t> Best(const Expansion& fit, std::size_t count) const;
 
+    /// The indices of the `count` largest of `overlaps` (one per rotation, e.g. sums of the
+    /// overlaps of several scans of the same rotations), best first, equal ones in order.
+    static std::vector<std::size_t> Largest(const std::vector<double>& overlaps, std::size_t count);
+
 private:
     std::vector<RotationMatrix> rotations_;
     std::size_t size_ = 0;

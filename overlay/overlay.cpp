@@ -9,6 +9,7 @@
 
 #include "overlay/exact_overlap.h"
 #include "overlay/fast_overlap.h"
+#include "overlay/joint_overlap.h"
 
 namespace hermite::overlay {
 
@@ -222,20 +223,22 @@ std::vector<RotationMatrix> SearchStarts(const OrientationScan& scan, const Expa
     return starts;
 }
 
-/// Maximises the Hermite overlap from every start; candidates best first.
-std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fit,
-                                     const std::vector<QVGaussian>& fitGaussians, double radius,
-                                     const OrientationScan& scan, const Settings& settings,
-                                     double tolerance, unsigned int& evaluations) {
-    FastOverlap objective(query, fit);
+/// Minimises `objective` (a Hermite objective of the six rigid variables) from every start
+/// orientation U, after `turnFit(U)` has turned the fit's expansions by U; candidates best
+/// first.
+template <class TurnFit>
+std::vector<Candidate> SearchFromStarts(QVOpt::QVFunc1& objective, TurnFit turnFit,
+                                        const std::vector<RotationMatrix>& starts, double radius,
+                                        const Settings& settings, double tolerance,
+                                        unsigned int& evaluations) {
     CountingObjective counting(objective, evaluations);
     ScaledRigidObjective counted(counting, radius);
     QVOpt::QVBFGSOpt minimiser;
     minimiser.SetTolerance(tolerance);
     minimiser.SetIterLimit(settings.iterationLimit);
     std::vector<Candidate> candidates;
-    for (const RotationMatrix& U : SearchStarts(scan, fit, settings)) {
-        objective.SetFitCoefficients(RotatedCoefficients(fitGaussians, fit, U));
+    for (const RotationMatrix& U : starts) {
+        turnFit(U);
         const double start[6] = {0, 0, 0, 0, 0, 0};
         double u[6], x[6];
         const double value = minimiser(counted, nullptr, start, u);
@@ -247,6 +250,100 @@ std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fi
         candidates.begin(), candidates.end(),
         [](const Candidate& a, const Candidate& b) { return a.hermiteOverlap > b.hermiteOverlap; });
     return candidates;
+}
+
+/// Maximises the Hermite shape overlap from every start; candidates best first.
+std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fit,
+                                     const std::vector<QVGaussian>& fitGaussians, double radius,
+                                     const OrientationScan& scan, const Settings& settings,
+                                     double tolerance, unsigned int& evaluations) {
+    FastOverlap objective(query, fit);
+    const auto turnFit = [&](const RotationMatrix& U) {
+        objective.SetFitCoefficients(RotatedCoefficients(fitGaussians, fit, U));
+    };
+    return SearchFromStarts(objective, turnFit, SearchStarts(scan, fit, settings), radius, settings,
+                            tolerance, evaluations);
+}
+
+/// One density of the fit in a joint search: its Gaussians and their expansion.
+struct FitChannel {
+    std::vector<QVGaussian> gaussians;
+    Expansion expansion;
+};
+
+/// Maximises shape overlap + w * colour overlap of the Hermite expansions; candidates best
+/// first, their overlaps the joint ones. The fit's features of the types both molecules have
+/// join the shape as channels, and the starts are the scanned orientations with the largest
+/// joint overlaps.
+std::vector<Candidate> JointHermiteSearch(const Expansion& query, const Expansion& fit,
+                                          const std::vector<QVGaussian>& fitShape,
+                                          const std::vector<ColourChannel>& colour,
+                                          const std::vector<QVGaussian>& fitColour, double radius,
+                                          const OrientationScan& scan, const Settings& settings,
+                                          double tolerance, unsigned int& evaluations) {
+    JointOverlap objective;
+    std::vector<FitChannel> channels = {{fitShape, fit}};
+    objective.AddChannel(query, fit, 1.0);
+    std::vector<double> scanned = scan.Overlaps(fit);
+    for (const ColourChannel& queryFeatures : colour) {
+        std::vector<QVGaussian> features = OfType(fitColour, queryFeatures.type);
+        if (features.empty()) {
+            continue;
+        }
+        Expansion expansion = Expansion::Of(features, query.order, query.lambda);
+        objective.AddChannel(queryFeatures.expansion, expansion, settings.colourWeight);
+        const std::vector<double> overlaps = queryFeatures.scan.Overlaps(expansion);
+        for (std::size_t k = 0; k < scanned.size(); ++k) {
+            scanned[k] += settings.colourWeight * overlaps[k];
+        }
+        channels.push_back({std::move(features), std::move(expansion)});
+    }
+    std::vector<RotationMatrix> starts = scan.Rotations();
+    if (starts.size() > settings.searchStarts) {
+        std::vector<RotationMatrix> best;
+        for (const std::size_t k :
+             OrientationScan::Largest(scanned, std::max(1u, settings.searchStarts))) {
+            best.push_back(starts[k]);
+        }
+        starts = std::move(best);
+    }
+    const auto turnFit = [&](const RotationMatrix& U) {
+        for (std::size_t c = 0; c < channels.size(); ++c) {
+            objective.SetFitCoefficients(
+                c, RotatedCoefficients(channels[c].gaussians, channels[c].expansion, U));
+        }
+    };
+    return SearchFromStarts(objective, turnFit, starts, radius, settings, tolerance, evaluations);
+}
+
+/// The densities the exact refinement overlaps: the shape (channel 0) and, with colour, the
+/// features of each type t (channel t + 1), the query's scaled by the colour weight so that
+/// the objective is shape overlap + w * colour overlap.
+struct ExactChannels {
+    std::vector<QVGaussian> gaussians;
+    std::vector<unsigned int> channels;
+};
+
+ExactChannels WithColour(const std::vector<QVGaussian>& shape,
+                         const std::vector<QVGaussian>& colour, double weight) {
+    ExactChannels all{shape, std::vector<unsigned int>(shape.size(), 0)};
+    for (const QVGaussian& g : colour) {
+        const float centre[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        all.gaussians.emplace_back(static_cast<float>(g.GetPrefactor() * weight), g.GetExponent(),
+                                   centre, g.GetTag());
+        all.channels.push_back(g.GetTag() + 1);
+    }
+    return all;
+}
+
+/// The Hermite overlap of the query's shape expansion with the fit's shape placed by `pose`.
+double HermiteShapeOverlap(const Expansion& query, const std::vector<QVGaussian>& fitShape,
+                           const QVTrans& pose, double& fitSelfOverlap) {
+    const Expansion placed = Expansion::Of(Moved(fitShape, pose), query.order, query.lambda);
+    fitSelfOverlap = placed.SelfOverlap();
+    FastOverlap objective(query, placed);
+    const double zero[6] = {0, 0, 0, 0, 0, 0};
+    return -objective(zero);
 }
 
 /// Poses closer than this (RMS displacement of the fit's atoms, angstrom) are the same optimum.
@@ -385,11 +482,12 @@ std::string CloudProblem(const QVMol& molecule, double gap) {
            "the record or remove the distant atoms)";
 }
 
-PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings)
-    : PreparedMolecule(molecule, settings, PrincipalFrameOf(molecule)) {}
+PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings,
+                                   const ColourFeatures& features)
+    : PreparedMolecule(molecule, settings, PrincipalFrameOf(molecule), features) {}
 
 PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings,
-                                   const QVTrans& frame)
+                                   const QVTrans& frame, const ColourFeatures& features)
     : toFrame(frame) {
     // The frame is applied to the double-precision coordinates before the Gaussians (single
     // precision) are made, so that the densities do not depend on where the molecule lay.
@@ -400,6 +498,14 @@ PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settin
         electrostatic =
             QVHermiteMath::QVMolToElectroStaticGaussians(inFrame, settings.electrostaticWidth);
         electrostaticSelfOverlap = QVHermiteMath::GaussianOverlap(electrostatic, electrostatic);
+    }
+    if (settings.colour) {
+        ColourFeatures inFrameFeatures = features;
+        for (ColourFeature& feature : inFrameFeatures) {
+            toFrame.Apply(feature.position);
+        }
+        colour = ColourGaussians(inFrameFeatures);
+        colourSelfOverlap = ColourOverlap(colour, colour);
     }
 }
 
@@ -419,38 +525,61 @@ QVHermiteMath::QVHermite QueryExpansion(const std::vector<QVGaussian>& shape,
 
 }  // namespace
 
-Query::Query(const QVMol& molecule, const Settings& settings)
+Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatures& features)
     : settings_(settings),
-      prepared_(molecule, settings),
+      prepared_(molecule, settings, features),
       expansion_(QueryExpansion(prepared_.shape, settings)),
       scan_(prepared_.shape, Expansion::From(expansion_),
-            StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed)) {}
+            StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed)) {
+    const Expansion shape = Expansion::From(expansion_);
+    for (const unsigned int type : TypesOf(prepared_.colour)) {
+        const std::vector<QVGaussian> features = OfType(prepared_.colour, type);
+        Expansion expansion = Expansion::Of(features, shape.order, shape.lambda);
+        OrientationScan scan(features, expansion, scan_.Rotations());
+        colour_.push_back({type, std::move(expansion), std::move(scan)});
+    }
+}
 
-Result Query::Overlay(const QVMol& molecule) const {
-    return Overlay(PreparedMolecule(molecule, settings_));
+Result Query::Overlay(const QVMol& molecule, const ColourFeatures& features) const {
+    return Overlay(PreparedMolecule(molecule, settings_, features));
 }
 
 Result Query::Overlay(const PreparedMolecule& fit) const {
     const Expansion query = Expansion::From(expansion_);
     const Expansion fitExpansion = Expansion::Of(fit.shape, query.order, query.lambda);
     const double tolerance = settings_.relativeTolerance * prepared_.shapeSelfOverlap;
+    const bool colour = settings_.colour && !fit.colour.empty() && !prepared_.colour.empty();
 
     Result result;
     std::vector<Candidate> candidates =
-        HermiteSearch(query, fitExpansion, fit.shape, Radius(prepared_.shape), scan_, settings_,
-                      tolerance, result.hermiteEvaluations);
-    const double hermiteOverlap = candidates.front().hermiteOverlap;
+        colour ? JointHermiteSearch(query, fitExpansion, fit.shape, colour_, fit.colour,
+                                    Radius(prepared_.shape), scan_, settings_, tolerance,
+                                    result.hermiteEvaluations)
+               : HermiteSearch(query, fitExpansion, fit.shape, Radius(prepared_.shape), scan_,
+                               settings_, tolerance, result.hermiteEvaluations);
+    // The Hermite shape overlap at the best Hermite pose (the joint search's overlaps include
+    // the colour).
+    double fitHermiteSelfOverlap = fitExpansion.SelfOverlap();
+    const double hermiteOverlap =
+        colour
+            ? HermiteShapeOverlap(query, fit.shape, candidates.front().pose, fitHermiteSelfOverlap)
+            : candidates.front().hermiteOverlap;
     const std::vector<std::size_t> refined =
         DistinctCandidates(candidates, std::max(1u, settings_.refineCandidates), fit.shape);
     // Refined candidates are compared by the refinement's own overlaps; the winner's exact
     // overlap, every pair included, is computed once.
     if (settings_.refineCandidates > 0) {
-        ExactOverlapObjective exact(prepared_.shape, fit.shape);
+        const std::vector<QVGaussian> none;
+        const ExactChannels fixed =
+            WithColour(prepared_.shape, colour ? prepared_.colour : none, settings_.colourWeight);
+        const ExactChannels moving = WithColour(fit.shape, colour ? fit.colour : none, 1.0);
+        ExactOverlapObjective exact(fixed.gaussians, moving.gaussians, fixed.channels,
+                                    moving.channels);
         const double fitRadius = Radius(fit.shape);
         for (const std::size_t i : refined) {
             candidates[i].exactOverlap =
-                Refine(exact, fit.shape, fitRadius, settings_.refineIterationLimit, tolerance,
-                       candidates[i], result.exactEvaluations);
+                Refine(exact, moving.gaussians, fitRadius, settings_.refineIterationLimit,
+                       tolerance, candidates[i], result.exactEvaluations);
         }
     }
     // The first of equal overlaps wins.
@@ -463,12 +592,12 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
         QVHermiteMath::GaussianOverlap(prepared_.shape, Moved(fit.shape, best.pose));
     result.transform = fit.toFrame.Then(best.pose).Then(prepared_.toFrame.Inverse());
     result.scores =
-        ScorePose(fit, best.pose, best.exactOverlap, hermiteOverlap, fitExpansion.SelfOverlap());
+        ScorePose(fit, best.pose, best.exactOverlap, hermiteOverlap, fitHermiteSelfOverlap);
     return result;
 }
 
-Result Query::Score(const QVMol& molecule) const {
-    return Score(PreparedMolecule(molecule, settings_));
+Result Query::Score(const QVMol& molecule, const ColourFeatures& features) const {
+    return Score(PreparedMolecule(molecule, settings_, features));
 }
 
 Result Query::Score(const PreparedMolecule& fit) const {
@@ -508,7 +637,15 @@ Scores Query::ScorePose(const PreparedMolecule& fit, const QVTrans& pose, double
             qq + ff - electrostatic > 0.0 ? Tanimoto(electrostatic, qq, ff) : 0.0;
         scores.electrostaticCarbo = qq * ff > 0.0 ? electrostatic / std::sqrt(qq * ff) : 0.0;
     }
-    scores.combo = scores.shapeTanimoto + scores.electrostaticTanimoto;
+    if (settings_.colour) {
+        scores.colourOverlap = ColourOverlap(prepared_.colour, Moved(fit.colour, pose));
+        const double union_ =
+            prepared_.colourSelfOverlap + fit.colourSelfOverlap - scores.colourOverlap;
+        // Molecules without features share no colour: their colour similarity is 0.
+        scores.colourTanimoto = union_ > 0.0 ? scores.colourOverlap / union_ : 0.0;
+    }
+    scores.combo = scores.shapeTanimoto + scores.colourTanimoto;
+    scores.electrostaticCombo = scores.shapeTanimoto + scores.electrostaticTanimoto;
     return scores;
 }
 

@@ -20,6 +20,11 @@
 ///    a better one are the same optimum) are refined by BFGS on the exact analytic overlap of
 ///    the atom Gaussians; the best exact overlap wins.
 ///
+/// With colour (`Settings::colour`), steps 4 and 5 maximise shape overlap + w * colour overlap
+/// (w = `colourWeight`): each feature type present in both molecules is one more density,
+/// expanded with the query's lambda and turned and moved with the shape in the Hermite search,
+/// and refined with it on the exact overlaps (see overlay/colour.h). The scan stays by shape.
+///
 /// Scores (all at the final pose, from exact analytic overlap integrals unless named Hermite):
 /// - shape Tanimoto O_qf / (O_qq + O_ff - O_qf), in [0, 1];
 /// - shape Tversky, query-weighted O_qf / (0.95 O_qq + 0.05 O_ff) and fit-weighted
@@ -29,7 +34,10 @@
 /// - electrostatic Tanimoto E_qf / (E_qq + E_ff - E_qf) and Carbo E_qf / sqrt(E_qq E_ff) of the
 ///   electrostatic densities (one Gaussian per atom of height proportional to its partial
 ///   charge), in [-1/3, 1] and [-1, 1];
-/// - combo = shape Tanimoto + electrostatic Tanimoto (0 to 2 for similar charge patterns).
+/// - colour Tanimoto C_qf / (C_qq + C_ff - C_qf) of the colour features (see overlay/colour.h),
+///   in [0, 1];
+/// - combo = shape Tanimoto + colour Tanimoto (0 to 2), the usual meaning of the word;
+/// - electrostatic combo = shape Tanimoto + electrostatic Tanimoto (-1/3 to 2).
 ///
 /// Thread safety: a `Query` is immutable after construction and may be shared by threads; each
 /// call of `Overlay` works on its own data.
@@ -42,6 +50,8 @@
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "overlay/colour.h"
+#include "overlay/fast_overlap.h"
 #include "overlay/orientation_scan.h"
 
 namespace hermite::overlay {
@@ -72,6 +82,10 @@ struct Settings {
     bool electrostatics = false;
     /// Width w of the electrostatic Gaussians q / (sqrt(2 pi) w) exp(-r^2 / (2 w^2)), angstrom.
     double electrostaticWidth = 1.0;
+    /// Optimise and score the colour features too (the molecules' features must be given).
+    bool colour = false;
+    /// Weight of the colour overlap against the shape overlap in the optimised objective.
+    double colourWeight = 3.0;
 };
 
 /// How hard the search tries: presets of the settings that trade speed for the best pose
@@ -93,7 +107,10 @@ struct Scores {
     double hermiteTanimoto = 0.0;
     double electrostaticTanimoto = 0.0;
     double electrostaticCarbo = 0.0;
+    double electrostaticCombo = 0.0;
+    double colourTanimoto = 0.0;
     double combo = 0.0;
+    double colourOverlap = 0.0;     ///< exact colour overlap C_qf, angstrom^3
     double overlap = 0.0;           ///< exact shape overlap O_qf, angstrom^3
     double querySelfOverlap = 0.0;  ///< O_qq
     double fitSelfOverlap = 0.0;    ///< O_ff
@@ -115,15 +132,20 @@ struct PreparedMolecule {
     QVChem::QVTrans toFrame;
     std::vector<QVSystem::QVGaussian> shape;          ///< in the principal frame
     std::vector<QVSystem::QVGaussian> electrostatic;  ///< in the principal frame (optional)
+    /// The colour features' Gaussians in the principal frame, tagged by type (with colour).
+    std::vector<QVSystem::QVGaussian> colour;
     double shapeSelfOverlap = 0.0;
     double electrostaticSelfOverlap = 0.0;
+    double colourSelfOverlap = 0.0;
 
-    /// The densities of `molecule` (at least one atom) in its principal frame, computed here.
-    PreparedMolecule(const QVChem::QVMol& molecule, const Settings& settings);
+    /// The densities of `molecule` (at least one atom) and of its colour `features` (used with
+    /// `Settings::colour`) in its principal frame, computed here.
+    PreparedMolecule(const QVChem::QVMol& molecule, const Settings& settings,
+                     const ColourFeatures& features = {});
     /// The same with a principal frame computed before (by `PrincipalFrameOf` of the same
     /// molecule, for example stored in a prepared library): the results are identical.
     PreparedMolecule(const QVChem::QVMol& molecule, const Settings& settings,
-                     const QVChem::QVTrans& frame);
+                     const QVChem::QVTrans& frame, const ColourFeatures& features = {});
 };
 
 /// The rigid transform from input coordinates into the principal frame of the shape density
@@ -138,20 +160,29 @@ QVChem::QVTrans PrincipalFrameOf(const QVChem::QVMol& molecule);
 /// the expansion describe empty space between them, and the scores would be wrong.
 std::string CloudProblem(const QVChem::QVMol& molecule, double gap = 10.0);
 
+/// The features of one type of a prepared query: their expansion (the query's lambda) and its
+/// scan of the same orientations as the shape's.
+struct ColourChannel {
+    unsigned int type;
+    Expansion expansion;
+    OrientationScan scan;
+};
+
 /// A query prepared for overlays: frame, densities and expansion.
 class Query {
 public:
-    /// Prepares `molecule` (at least one atom) with `settings`.
-    Query(const QVChem::QVMol& molecule, const Settings& settings);
+    /// Prepares `molecule` (at least one atom) and its colour `features` with `settings`.
+    Query(const QVChem::QVMol& molecule, const Settings& settings,
+          const ColourFeatures& features = {});
 
-    /// Overlays `fit` (at least one atom) onto the query.
-    Result Overlay(const QVChem::QVMol& fit) const;
+    /// Overlays `fit` (at least one atom, with its colour `features`) onto the query.
+    Result Overlay(const QVChem::QVMol& fit, const ColourFeatures& features = {}) const;
     /// Overlays a fit prepared with the query's settings (the same result as from its molecule).
     Result Overlay(const PreparedMolecule& fit) const;
 
-    /// Scores `fit` (at least one atom) in its input pose, without moving it; the transform of
-    /// the result is the identity.
-    Result Score(const QVChem::QVMol& fit) const;
+    /// Scores `fit` (at least one atom, with its colour `features`) in its input pose, without
+    /// moving it; the transform of the result is the identity.
+    Result Score(const QVChem::QVMol& fit, const ColourFeatures& features = {}) const;
     /// Scores a fit prepared with the query's settings in its input pose.
     Result Score(const PreparedMolecule& fit) const;
 
@@ -172,6 +203,8 @@ private:
     PreparedMolecule prepared_;
     QVHermiteMath::QVHermite expansion_;
     OrientationScan scan_;
+    /// With colour, one channel per type of the query's features.
+    std::vector<ColourChannel> colour_;
 };
 
 /// Applies a rigid transform to every atom of a molecule.

@@ -66,7 +66,7 @@ void AddParsedFits(io::Molecule& molecule, const io::ReadOptions& read,
             !OneCloud(conformer.Mol(), conformer.File(), conformer.Record(), entry.problems)) {
             continue;
         }
-        overlay::PreparedMolecule prepared(conformer.Mol(), overlay);
+        overlay::PreparedMolecule prepared(conformer.Mol(), overlay, ColourFeaturesOf(conformer));
         const std::string file = conformer.File();
         const unsigned int record = conformer.Record();
         entry.fits.push_back(
@@ -115,6 +115,14 @@ std::unique_ptr<Database::Reader> Database::Open(const DatabaseRequirements& req
         return std::make_unique<MemoryReader>(std::vector<io::Molecule>());
     }
     return open_(*this, requirements, std::max<std::size_t>(1, libraryChunk));
+}
+
+overlay::ColourFeatures ColourFeaturesOf(const io::Conformer& conformer) {
+    overlay::ColourFeatures features;
+    for (const io::Feature& feature : conformer.Features()) {
+        features.push_back({feature.type, {feature.x, feature.y, feature.z}});
+    }
+    return features;
 }
 
 void Database::FinishHits(ScreenReport& report) const {

@@ -35,7 +35,12 @@ struct DatabaseRequirements {
     /// Partial charges are needed (electrostatics), of this model.
     bool charges = false;
     io::ChargeModel chargeModel = io::ChargeModel::Gasteiger;
+    /// Colour features are needed.
+    bool colour = false;
 };
+
+/// The colour features of a conformer as the overlay takes them.
+overlay::ColourFeatures ColourFeaturesOf(const io::Conformer& conformer);
 
 /// A database molecule as read, before its chemistry: one of the three kinds below, plus the
 /// problems of whole files met on the way to it.

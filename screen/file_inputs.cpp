@@ -35,6 +35,10 @@ bool NamedLikeALibrary(const std::string& path) {
 /// Why a prepared library cannot serve a run with `requirements`; empty when it can.
 std::string LibraryMismatch(const io::LibraryPreparation& preparation,
                             const DatabaseRequirements& requirements) {
+    if (requirements.colour) {
+        return "prepared libraries hold no colour features yet; screen the library's source "
+               "files for colour";
+    }
     if (preparation.hydrogens != requirements.hydrogens) {
         return preparation.hydrogens
                    ? "the library was prepared with hydrogens; add --hydrogens"
@@ -291,6 +295,9 @@ QuerySet ReadQueries(const std::vector<std::string>& paths, const io::ReadOption
     io::ReadOptions options = read;
     options.computeCharges = settings.electrostatics;
     options.chargesRequired = settings.electrostatics;
+    if (!settings.colour) {
+        options.features.reset();
+    }
     std::vector<io::Molecule> molecules;
     std::vector<io::Problem> problems;
     for (const std::string& path : paths) {

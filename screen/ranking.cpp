@@ -13,6 +13,9 @@ std::optional<RankMetric> ParseRankMetric(const std::string& text) {
     if (text == "combo") {
         return RankMetric::Combo;
     }
+    if (text == "es-combo") {
+        return RankMetric::ElectrostaticCombo;
+    }
     if (text == "tversky-query") {
         return RankMetric::TverskyQuery;
     }
@@ -27,7 +30,9 @@ const char* RankMetricLabel(RankMetric metric) {
         case RankMetric::Shape:
             return "shape Tanimoto";
         case RankMetric::Combo:
-            return "combo score (shape + electrostatic Tanimoto)";
+            return "combo score (shape + colour Tanimoto)";
+        case RankMetric::ElectrostaticCombo:
+            return "electrostatic combo score (shape + electrostatic Tanimoto)";
         case RankMetric::TverskyQuery:
             return "shape Tversky (query-weighted)";
         case RankMetric::TverskyFit:
@@ -41,6 +46,8 @@ ScoreRange RankScoreRange(RankMetric metric) {
         case RankMetric::Shape:
             return {0.0, 1.0};
         case RankMetric::Combo:
+            return {0.0, 2.0};
+        case RankMetric::ElectrostaticCombo:
             return {-1.0 / 3.0, 2.0};
         case RankMetric::TverskyQuery:
         case RankMetric::TverskyFit:
@@ -55,6 +62,8 @@ double RankScore(RankMetric metric, const overlay::Scores& scores) {
             return scores.shapeTanimoto;
         case RankMetric::Combo:
             return scores.combo;
+        case RankMetric::ElectrostaticCombo:
+            return scores.electrostaticCombo;
         case RankMetric::TverskyQuery:
             return scores.shapeTverskyQuery;
         case RankMetric::TverskyFit:

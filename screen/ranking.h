@@ -22,13 +22,15 @@ namespace hermite::screen {
 
 /// The score by which hits are ranked.
 enum class RankMetric {
-    Shape,         ///< exact shape Tanimoto
-    Combo,         ///< shape Tanimoto + electrostatic Tanimoto (needs electrostatics)
-    TverskyQuery,  ///< shape Tversky weighted to the query
-    TverskyFit,    ///< shape Tversky weighted to the database molecule
+    Shape,               ///< exact shape Tanimoto
+    Combo,               ///< shape Tanimoto + colour Tanimoto (needs colour)
+    ElectrostaticCombo,  ///< shape Tanimoto + electrostatic Tanimoto (needs electrostatics)
+    TverskyQuery,        ///< shape Tversky weighted to the query
+    TverskyFit,          ///< shape Tversky weighted to the database molecule
 };
 
-/// "shape", "combo", "tversky-query", "tversky-fit" to the metric; nullopt otherwise.
+/// "shape", "combo", "es-combo", "tversky-query", "tversky-fit" to the metric; nullopt
+/// otherwise.
 std::optional<RankMetric> ParseRankMetric(const std::string& text);
 
 /// A readable name, e.g. "shape Tanimoto".
@@ -40,12 +42,12 @@ struct ScoreRange {
     double highest;
 };
 
-/// The range of a metric: shape Tanimoto 0 to 1; combo -1/3 to 2 (the electrostatic Tanimoto
-/// lies in [-1/3, 1]); the Tversky scores 0 to 1 / (2 sqrt(0.95 * 0.05)) = 2.2942, because
-/// an overlap is at most the geometric mean of the two self-overlaps (Cauchy-Schwarz), so that
-/// O_qf / (a O_qq + b O_ff) <= sqrt(r) / (a + b r) with r = O_ff / O_qq, largest at r = a / b.
-/// A Tversky score exceeds 1 when the weighted molecule is the smaller one and lies largely
-/// inside the other.
+/// The range of a metric: shape Tanimoto 0 to 1; combo 0 to 2; electrostatic combo -1/3 to 2
+/// (the electrostatic Tanimoto lies in [-1/3, 1]); the Tversky scores 0 to 1 / (2 sqrt(0.95 *
+/// 0.05)) = 2.2942, because an overlap is at most the geometric mean of the two self-overlaps
+/// (Cauchy-Schwarz), so that O_qf / (a O_qq + b O_ff) <= sqrt(r) / (a + b r) with r = O_ff / O_qq,
+/// largest at r = a / b. A Tversky score exceeds 1 when the weighted molecule is the smaller one
+/// and lies largely inside the other.
 ScoreRange RankScoreRange(RankMetric metric);
 
 /// The metric's value in `scores`.

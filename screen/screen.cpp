@@ -178,7 +178,8 @@ QuerySet MakeQueries(const std::vector<io::Molecule>& molecules,
             std::vector<std::string> warnings;
             try {
                 MessageCapture capture(warnings);
-                query.query = std::make_shared<const overlay::Query>(conformer.Mol(), settings);
+                query.query = std::make_shared<const overlay::Query>(conformer.Mol(), settings,
+                                                                     ColourFeaturesOf(conformer));
             } catch (const std::exception& error) {
                 throw QueryError("cannot prepare the query " + io::DescribeSource(conformer) +
                                  ": " + error.what());
@@ -234,6 +235,16 @@ void RowTally::Add(const RowTally& later) {
 // ---------------------------------------------------------------------------------------------
 // Screening
 
+DatabaseRequirements RequirementsOf(const QuerySet& queries, const ScreenSettings& settings) {
+    const overlay::Settings& overlaySettings = queries.conformers.front().query->GetSettings();
+    DatabaseRequirements requirements;
+    requirements.hydrogens = settings.read.hydrogens;
+    requirements.charges = overlaySettings.electrostatics;
+    requirements.chargeModel = settings.read.charges;
+    requirements.colour = overlaySettings.colour;
+    return requirements;
+}
+
 ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSettings& settings,
                     const ScreenCallbacks& callbacks, RunControl& control) {
     const Clock::time_point start = Clock::now();
@@ -243,11 +254,10 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
     read.chargesRequired = overlaySettings.electrostatics;
     read.cancel = &control.Flag();
 
-    DatabaseRequirements requirements;
-    requirements.hydrogens = read.hydrogens;
-    requirements.charges = overlaySettings.electrostatics;
-    requirements.chargeModel = read.charges;
-    std::unique_ptr<Database::Reader> reader = database.Open(requirements);
+    if (!overlaySettings.colour) {
+        read.features.reset();  // no perception where no colour is scored
+    }
+    std::unique_ptr<Database::Reader> reader = database.Open(RequirementsOf(queries, settings));
 
     const std::size_t rankings = settings.perQuery ? queries.titles.size() : 1;
     std::vector<BestList<Hit>> lists(rankings, BestList<Hit>(settings.best));

@@ -200,6 +200,9 @@ struct ScreenReport {
     bool interrupted = false;
 };
 
+/// The requirements a screen of `queries` with `settings` puts on its database.
+DatabaseRequirements RequirementsOf(const QuerySet& queries, const ScreenSettings& settings);
+
 /// Overlays (or scores) every molecule of `database` onto `queries`. Hits from prepared
 /// libraries are loaded with their records before the function returns (a hit that cannot be
 /// loaded becomes a problem and is dropped), and every hit's posed record is made. Throws only for

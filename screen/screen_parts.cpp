@@ -42,15 +42,6 @@ std::vector<PartSlices> SplitIntoParts(const std::vector<std::string>& paths,
     return parts;
 }
 
-DatabaseRequirements RequirementsOf(const QuerySet& queries, const ScreenSettings& settings) {
-    const bool electrostatics = queries.conformers.front().query->GetSettings().electrostatics;
-    DatabaseRequirements requirements;
-    requirements.hydrogens = settings.read.hydrogens;
-    requirements.charges = electrostatics;
-    requirements.chargeModel = settings.read.charges;
-    return requirements;
-}
-
 ScreenPart ScreenSlices(const QuerySet& queries, PartSlices slices, const ScreenSettings& settings,
                         bool keepRows, const ScreenCallbacks& callbacks, RunControl& control) {
     ScreenPart part;
@@ -78,8 +69,8 @@ ScreenPart ScreenSlices(const QuerySet& queries, PartSlices slices, const Screen
 
 namespace {
 
-/// "hermite screen part", format 1, and a number whose bytes show the byte order.
-constexpr char kMagic[] = "hermite-screen-part-1";
+/// "hermite screen part", format 2, and a number whose bytes show the byte order.
+constexpr char kMagic[] = "hermite-screen-part-2";
 /// The slices of a part, format 1.
 constexpr char kSlicesMagic[] = "hermite-part-slices-1";
 constexpr std::uint64_t kByteOrder = 0x0102030405060708ULL;
@@ -191,7 +182,10 @@ double overlay::Scores::*const kScoreFields[] = {&overlay::Scores::shapeTanimoto
                                                  &overlay::Scores::hermiteTanimoto,
                                                  &overlay::Scores::electrostaticTanimoto,
                                                  &overlay::Scores::electrostaticCarbo,
+                                                 &overlay::Scores::electrostaticCombo,
+                                                 &overlay::Scores::colourTanimoto,
                                                  &overlay::Scores::combo,
+                                                 &overlay::Scores::colourOverlap,
                                                  &overlay::Scores::overlap,
                                                  &overlay::Scores::querySelfOverlap,
                                                  &overlay::Scores::fitSelfOverlap};

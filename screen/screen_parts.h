@@ -35,9 +35,6 @@ std::vector<PartSlices> SplitIntoParts(const std::vector<std::string>& paths,
                                        const DatabaseRequirements& requirements,
                                        std::size_t molecules);
 
-/// The requirements a screen of `queries` with `settings` puts on its database.
-DatabaseRequirements RequirementsOf(const QuerySet& queries, const ScreenSettings& settings);
-
 /// What one part produced: its rows (when kept) and its report. Positions are counted from 0
 /// within the part. Hits carry their posed records, not their conformers.
 struct ScreenPart {

@@ -253,7 +253,7 @@ def orient_by_moments_of_inertia(
 # Molecules and overlays
 
 class Molecule:
-    """Atoms (elements, coordinates, partial charges) and a title."""
+    """Atoms (elements, coordinates, partial charges), a title and colour features."""
 
     def __init__(
         self,
@@ -261,6 +261,8 @@ class Molecule:
         coords: npt.ArrayLike,
         charges: Optional[npt.ArrayLike] = None,
         title: str = "",
+        *,
+        features: Optional[npt.ArrayLike] = None,
     ) -> None: ...
     @property
     def atomic_numbers(self) -> npt.NDArray[np.int32]: ...
@@ -268,6 +270,8 @@ class Molecule:
     def coords(self) -> _Float64Array: ...
     @property
     def charges(self) -> _Float64Array: ...
+    @property
+    def features(self) -> _Float64Array: ...
     title: str
     @property
     def num_atoms(self) -> int: ...
@@ -296,6 +300,8 @@ class OverlaySettings:
         refine_iteration_limit: int = ...,
         electrostatics: bool = ...,
         electrostatic_width: float = ...,
+        colour: bool = ...,
+        colour_weight: float = ...,
     ) -> None: ...
     order: int
     scan_rotations: int
@@ -308,6 +314,8 @@ class OverlaySettings:
     refine_iteration_limit: int
     electrostatics: bool
     electrostatic_width: float
+    colour: bool
+    colour_weight: float
     def copy(self) -> OverlaySettings: ...
     def __copy__(self) -> OverlaySettings: ...
     def __deepcopy__(self, memo: Dict[int, Any]) -> OverlaySettings: ...
@@ -330,9 +338,15 @@ class Scores:
     @property
     def es_carbo(self) -> float: ...
     @property
+    def es_combo(self) -> float: ...
+    @property
+    def colour_tanimoto(self) -> float: ...
+    @property
     def combo(self) -> float: ...
     @property
     def overlap(self) -> float: ...
+    @property
+    def colour_overlap(self) -> float: ...
     @property
     def query_self_overlap(self) -> float: ...
     @property
@@ -362,6 +376,8 @@ class OverlayResult:
     @property
     def electrostatics(self) -> bool: ...
     @property
+    def colour(self) -> bool: ...
+    @property
     def conformer(self) -> int: ...
     @property
     def query_conformer(self) -> int: ...
@@ -389,6 +405,8 @@ def overlay(
     refine_iteration_limit: int = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
+    colour: bool = ...,
+    colour_weight: float = ...,
 ) -> OverlayResult: ...
 def score(
     query: Molecule,
@@ -407,6 +425,8 @@ def score(
     refine_iteration_limit: int = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
+    colour: bool = ...,
+    colour_weight: float = ...,
 ) -> OverlayResult: ...
 def screen(
     query: Union[Molecule, Sequence[Molecule]],
@@ -415,6 +435,7 @@ def screen(
     threads: int = 0,
     score_only: bool = False,
     progress: Optional[Callable[[int, int], None]] = None,
+    rank_by: str = "shape",
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
     effort: str = ...,
@@ -428,4 +449,6 @@ def screen(
     refine_iteration_limit: int = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
+    colour: bool = ...,
+    colour_weight: float = ...,
 ) -> List[OverlayResult]: ...

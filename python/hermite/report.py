@@ -70,7 +70,7 @@ __all__ = [
 PathLike = Union[str, "os.PathLike[str]"]
 
 METRICS = ("shape_tanimoto", "hermite_tanimoto", "tversky_query", "tversky_fit",
-           "es_tanimoto", "es_carbo", "combo")
+           "es_tanimoto", "es_carbo", "es_combo", "colour_tanimoto", "combo")
 """The score columns of a screen table, in the order the command-line tool writes them."""
 
 # Axis and table labels of the metrics.
@@ -81,7 +81,9 @@ _METRIC_LABELS = {
     "tversky_fit": "Tversky (fit)",
     "es_tanimoto": "electrostatic Tanimoto",
     "es_carbo": "electrostatic Carbó",
-    "combo": "combo (shape + electrostatic Tanimoto)",
+    "es_combo": "electrostatic combo (shape + electrostatic Tanimoto)",
+    "colour_tanimoto": "colour Tanimoto",
+    "combo": "combo (shape + colour Tanimoto)",
 }
 # Short names for legends under depictions and table headers.
 _METRIC_SHORT = {
@@ -91,6 +93,8 @@ _METRIC_SHORT = {
     "tversky_fit": "Tversky f",
     "es_tanimoto": "ES",
     "es_carbo": "Carbó",
+    "es_combo": "ES combo",
+    "colour_tanimoto": "colour",
     "combo": "combo",
 }
 # The command-line tool's --rank-by names, accepted as metric names too.
@@ -529,13 +533,17 @@ def hit_grid(mols: Sequence[Optional["Chem.Mol"]], *, legends: Optional[Sequence
 
 
 def _score_line(scores: Mapping[str, float], metric: str) -> str:
-    """'shape 0.812 · combo 1.234': the metric, then combo (or shape when the metric is combo)
-    when it is known."""
-    second = "combo" if metric != "combo" else "shape_tanimoto"
-    parts = [(metric, scores.get(metric)), (second, scores.get(second))]
-    shown = [f"{_METRIC_SHORT[name]} {value:.3f}" for name, value in parts
-             if value is not None and np.isfinite(value)]
-    return " · ".join(shown)
+    """'shape 0.812 · combo 1.234': the metric, then the shape Tanimoto after a combo score,
+    else the first known of combo, the electrostatic combo and the shape Tanimoto."""
+    def known(name: str) -> bool:
+        value = scores.get(name)
+        return value is not None and bool(np.isfinite(value))
+
+    others = (("shape_tanimoto",) if metric in ("combo", "es_combo")
+              else ("combo", "es_combo", "shape_tanimoto"))
+    second = next((name for name in others if name != metric and known(name)), None)
+    shown = [name for name in (metric, second) if name is not None and known(name)]
+    return " · ".join(f"{_METRIC_SHORT[name]} {scores[name]:.3f}" for name in shown)
 
 
 def _ranked(table: "pd.DataFrame", metric: str) -> "pd.DataFrame":
@@ -589,7 +597,8 @@ def read_scores(path: PathLike, metric: str = "shape_tanimoto") -> "pd.DataFrame
     """Reads the score table of ``hermite overlay --scores`` into a screen table.
 
     The columns become those of the module's convention: the score columns as floats (NaN where
-    empty; the electrostatic ones NaN throughout when the screen did not compute them),
+    empty; the electrostatic and colour ones NaN throughout when the screen did not compute
+    them),
     ``error`` from ``status`` (None for "ok", else the reason), and ``rank`` by `metric` (1-based,
     ties in file order; NaN for molecules without a score). Rows stay in file order.
 
@@ -1309,9 +1318,16 @@ def _read_table(path: Path, metric: str) -> "pd.DataFrame":
         raise _InputError(f"{path}: the score table has no rows")
     values = _metric_values(table, metric)
     if not np.isfinite(values).any() and len(_error_rows(table)) < len(table):
-        raise _UsageError(f"--metric {metric}: {path} has no {metric} scores (electrostatic "
-                          "scores need a screen run with --electrostatics)")
+        raise _UsageError(f"--metric {metric}: {path} has no {metric} scores "
+                          f"({_needed_run(metric)})")
     return table
+
+
+def _needed_run(metric: str) -> str:
+    """How a screen computes `metric`, for messages about a table without it."""
+    if metric in ("colour_tanimoto", "combo"):
+        return "colour scores need a screen run with --colour"
+    return "electrostatic scores need a screen run with --electrostatics"
 
 
 def _report(args: argparse.Namespace) -> Path:

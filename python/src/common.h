@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "overlay/colour.h"
 #include "screen/library_messages.h"
 
 namespace hermite::python {
@@ -233,9 +234,11 @@ const std::vector<QVSystem::QVGaussian>& GaussiansArgument(py::handle object, co
 // =============================================================================================
 // Molecules
 
-/// A molecule for overlays, the Python class hermite.Molecule.
+/// A molecule for overlays, the Python class hermite.Molecule: its atoms and its colour
+/// (pharmacophore) features, in the same coordinates.
 struct MoleculeObject {
     QVChem::QVMol mol;
+    overlay::ColourFeatures features;
 };
 
 // =============================================================================================

@@ -4,8 +4,29 @@
 
 namespace py = pybind11;
 
+namespace {
+
+/// Refuses to load beside NumPy 2 when built with a pybind11 older than 2.12, which reads
+/// NumPy 2's arrays with NumPy 1's layout and would give wrong numbers without an error.
+void RequireSupportedNumpy() {
+#if PYBIND11_VERSION_MAJOR < 2 || (PYBIND11_VERSION_MAJOR == 2 && PYBIND11_VERSION_MINOR < 12)
+    const std::string version =
+        py::module_::import("numpy").attr("__version__").cast<std::string>();
+    if (!version.empty() && version.front() != '0' && version.front() != '1') {
+        throw py::import_error("hermite was built with pybind11 " PYBIND11_TOSTRING(
+            PYBIND11_VERSION_MAJOR) "." PYBIND11_TOSTRING(PYBIND11_VERSION_MINOR) ", which does "
+            "not support NumPy " + version + "; build it with pybind11 2.12 or later (pip "
+            "install . does) or use NumPy 1");
+    }
+#endif
+}
+
+}  // namespace
+
 PYBIND11_MODULE(_hermite, m) {
     using namespace hermite::python;
+
+    RequireSupportedNumpy();
 
     // Loading the library switched the importing thread to flush-to-zero and
     // denormals-are-zero; the module computes in that mode inside its own calls only and leaves

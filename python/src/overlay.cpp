@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdint>
 #include <exception>
@@ -31,6 +32,7 @@ struct OverlayResultObject {
     std::string title;
     std::string queryTitle;
     bool electrostatics = false;
+    bool colour = false;
     std::vector<double> aligned;  // the fit's atoms moved by the transform, flat
     /// The 0-based conformer of the fit and of the query of the best pair (screens of
     /// conformer lists); 0 for single molecules.
@@ -45,8 +47,69 @@ std::string Repr(double value) {
 // ---------------------------------------------------------------------------------------------
 // Molecules
 
+/// The largest feature type: types are the library's unsigned Gaussian tags.
+constexpr double kMaxFeatureType = std::numeric_limits<unsigned int>::max();
+
+/// The feature of row `row` of a features argument, (type, x, y, z); ValueError naming `name`
+/// for a type that is not an integer in 0..2**32 - 1 or non-finite coordinates.
+hermite::overlay::ColourFeature FeatureRow(const double* v, std::size_t row, const char* name) {
+    const double type = v[0];
+    if (!std::isfinite(type) || type < 0.0 || type > kMaxFeatureType || type != std::floor(type)) {
+        throw py::value_error(std::string(name) +
+                              ": a type must be an integer in 0..4294967295, got " + Repr(type) +
+                              " in row " + std::to_string(row));
+    }
+    if (!std::isfinite(v[1]) || !std::isfinite(v[2]) || !std::isfinite(v[3])) {
+        throw py::value_error(std::string(name) + ": coordinates must be finite, got (" +
+                              Repr(v[1]) + ", " + Repr(v[2]) + ", " + Repr(v[3]) + ") in row " +
+                              std::to_string(row));
+    }
+    hermite::overlay::ColourFeature feature;
+    feature.type = static_cast<unsigned int>(type);
+    std::copy(v + 1, v + 4, feature.position);
+    return feature;
+}
+
+/// Colour features from an (n, 4) array-like of rows (type, x, y, z); None or an empty
+/// sequence for none. ValueError naming `name` for another shape, bad rows (see `FeatureRow`)
+/// and coordinates beyond single precision.
+hermite::overlay::ColourFeatures ColourFeaturesArgument(py::handle object, const char* name) {
+    hermite::overlay::ColourFeatures features;
+    if (object.is_none()) {
+        return features;
+    }
+    const auto array = AsDoubleArray(object, name);
+    if (array.ndim() == 1 && array.size() == 0) {
+        return features;  // an empty list
+    }
+    if (array.ndim() != 2 || array.shape(1) != 4) {
+        throw py::value_error(std::string(name) +
+                              " must have shape (n, 4), rows (type, x, y, z); got " +
+                              ShapeText(array));
+    }
+    const double* values = array.data();
+    std::vector<double> positions;
+    for (std::size_t row = 0; row < static_cast<std::size_t>(array.shape(0)); ++row) {
+        features.push_back(FeatureRow(values + 4 * row, row, name));
+        positions.insert(positions.end(), values + 4 * row + 1, values + 4 * row + 4);
+    }
+    RequireSinglePrecision(positions, name);
+    return features;
+}
+
+/// The (n, 4) array of rows (type, x, y, z) of colour features.
+py::array_t<double> FeatureArray(const hermite::overlay::ColourFeatures& features) {
+    std::vector<double> rows;
+    rows.reserve(4 * features.size());
+    for (const auto& feature : features) {
+        rows.push_back(static_cast<double>(feature.type));
+        rows.insert(rows.end(), feature.position, feature.position + 3);
+    }
+    return ToArray(std::move(rows), {static_cast<py::ssize_t>(features.size()), 4});
+}
+
 MoleculeObject MakeMolecule(py::handle atomicNumbers, py::handle coords, py::handle charges,
-                            std::string title) {
+                            std::string title, py::handle features) {
     const std::vector<double> xyz = Points(coords, "coords");
     const std::size_t n = xyz.size() / 3;
     const std::vector<double> z = Values(atomicNumbers, "atomic_numbers", n, "one per atom");
@@ -62,6 +125,7 @@ MoleculeObject MakeMolecule(py::handle atomicNumbers, py::handle coords, py::han
     }
     RequireSinglePrecision(xyz, "coords");
     MoleculeObject object;
+    object.features = ColourFeaturesArgument(features, "features");
     object.mol.SetTitle(std::move(title));
     for (std::size_t i = 0; i < n; ++i) {
         object.mol.AddAtom(static_cast<unsigned int>(z[i]), xyz[3 * i], xyz[3 * i + 1],
@@ -95,17 +159,17 @@ py::array_t<double> Charges(const QVMol& mol) {
 
 /// The molecule of a Python argument; ValueError when its atoms are not one cloud (see
 /// `overlay::CloudProblem`), since its scores would be wrong.
-const QVMol& MoleculeArgument(py::handle object, const std::string& name) {
+const MoleculeObject& MoleculeArgument(py::handle object, const std::string& name) {
     if (!py::isinstance<MoleculeObject>(object)) {
         throw py::type_error(name + " must be hermite.Molecule, got " +
                              std::string(py::str(py::type::handle_of(object).attr("__name__"))));
     }
-    const QVMol& mol = object.cast<const MoleculeObject&>().mol;
-    const std::string cloud = hermite::overlay::CloudProblem(mol);
+    const MoleculeObject& molecule = object.cast<const MoleculeObject&>();
+    const std::string cloud = hermite::overlay::CloudProblem(molecule.mol);
     if (!cloud.empty()) {
         throw py::value_error(name + ": " + cloud);
     }
-    return mol;
+    return molecule;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -123,7 +187,17 @@ const char* const kSettingNames[] = {"order",
                                      "refine_candidates",
                                      "refine_iteration_limit",
                                      "electrostatics",
-                                     "electrostatic_width"};
+                                     "electrostatic_width",
+                                     "colour",
+                                     "colour_weight"};
+
+/// The colour weight checked to lie in 0..100 (the command-line tool's range).
+double ColourWeight(double value) {
+    if (!std::isfinite(value) || value < 0.0 || value > 100.0) {
+        throw py::value_error("colour_weight must lie in 0..100, got " + Repr(value));
+    }
+    return value;
+}
 
 unsigned int Count(py::handle value, const char* name, long long maximum) {
     return static_cast<unsigned int>(Integer(value, name, 0, maximum));
@@ -177,7 +251,9 @@ std::string SettingsRepr(const Settings& s) {
         << ", iteration_limit=" << s.iterationLimit << ", refine_candidates=" << s.refineCandidates
         << ", refine_iteration_limit=" << s.refineIterationLimit
         << ", electrostatics=" << (s.electrostatics ? "True" : "False")
-        << ", electrostatic_width=" << Repr(s.electrostaticWidth) << ")";
+        << ", electrostatic_width=" << Repr(s.electrostaticWidth)
+        << ", colour=" << (s.colour ? "True" : "False")
+        << ", colour_weight=" << Repr(s.colourWeight) << ")";
     return out.str();
 }
 
@@ -192,8 +268,11 @@ py::dict ScoreDict(const Scores& s) {
     d["tversky_fit"] = s.shapeTverskyFit;
     d["es_tanimoto"] = s.electrostaticTanimoto;
     d["es_carbo"] = s.electrostaticCarbo;
+    d["es_combo"] = s.electrostaticCombo;
+    d["colour_tanimoto"] = s.colourTanimoto;
     d["combo"] = s.combo;
     d["overlap"] = s.overlap;
+    d["colour_overlap"] = s.colourOverlap;
     d["query_self_overlap"] = s.querySelfOverlap;
     d["fit_self_overlap"] = s.fitSelfOverlap;
     return d;
@@ -205,18 +284,20 @@ std::string ScoresRepr(const Scores& s) {
     out << std::fixed << "Scores(shape_tanimoto=" << s.shapeTanimoto
         << ", hermite_tanimoto=" << s.hermiteTanimoto << ", tversky_query=" << s.shapeTverskyQuery
         << ", tversky_fit=" << s.shapeTverskyFit << ", es_tanimoto=" << s.electrostaticTanimoto
-        << ", es_carbo=" << s.electrostaticCarbo << ", combo=" << s.combo
+        << ", es_carbo=" << s.electrostaticCarbo << ", es_combo=" << s.electrostaticCombo
+        << ", colour_tanimoto=" << s.colourTanimoto << ", combo=" << s.combo
         << ", overlap=" << s.overlap << ")";
     return out.str();
 }
 
 OverlayResultObject MakeResult(const Result& result, const QVMol& fit, const std::string& query,
-                               bool electrostatics) {
+                               const Settings& settings) {
     OverlayResultObject object;
     object.result = result;
     object.title = fit.GetTitle();
     object.queryTitle = query;
-    object.electrostatics = electrostatics;
+    object.electrostatics = settings.electrostatics;
+    object.colour = settings.colour;
     object.aligned.resize(3 * static_cast<std::size_t>(fit.NumAtoms()));
     fit.GetCoords(object.aligned.data());
     for (std::size_t i = 0; i < fit.NumAtoms(); ++i) {
@@ -241,6 +322,8 @@ py::dict SettingsState(const Settings& s) {
     d["refine_iteration_limit"] = s.refineIterationLimit;
     d["electrostatics"] = s.electrostatics;
     d["electrostatic_width"] = s.electrostaticWidth;
+    d["colour"] = s.colour;
+    d["colour_weight"] = s.colourWeight;
     return d;
 }
 
@@ -258,8 +341,11 @@ Scores ScoresFromDict(const py::dict& d) {
     s.shapeTverskyFit = get("tversky_fit");
     s.electrostaticTanimoto = get("es_tanimoto");
     s.electrostaticCarbo = get("es_carbo");
+    s.electrostaticCombo = get("es_combo");
+    s.colourTanimoto = get("colour_tanimoto");
     s.combo = get("combo");
     s.overlap = get("overlap");
+    s.colourOverlap = get("colour_overlap");
     s.querySelfOverlap = get("query_self_overlap");
     s.fitSelfOverlap = get("fit_self_overlap");
     return s;
@@ -274,11 +360,12 @@ py::tuple ResultState(const OverlayResultObject& r) {
                           Text(r.queryTitle), r.electrostatics,
                           ToArray(std::vector<double>(r.aligned),
                                   {static_cast<py::ssize_t>(r.aligned.size() / 3), 3}),
-                          r.conformer, r.queryConformer);
+                          r.conformer, r.queryConformer, r.colour);
 }
 
 OverlayResultObject ResultFromState(const py::tuple& state) {
-    if (state.size() != 11) {
+    // 11 items: a result pickled before the colour scores existed.
+    if (state.size() != 11 && state.size() != 12) {
         throw py::value_error("invalid pickled OverlayResult state");
     }
     const std::vector<double> R = Values(state[0].attr("ravel")(), "rotation", 9);
@@ -294,6 +381,7 @@ OverlayResultObject ResultFromState(const py::tuple& state) {
     r.aligned = Points(state[8], "aligned_coords", true);
     r.conformer = state[9].cast<std::size_t>();
     r.queryConformer = state[10].cast<std::size_t>();
+    r.colour = state.size() > 11 && state[11].cast<bool>();
     return r;
 }
 
@@ -305,6 +393,10 @@ std::string ResultRepr(const OverlayResultObject& r) {
         << ", tversky_query=" << r.result.scores.shapeTverskyQuery;
     if (r.electrostatics) {
         out << ", es_tanimoto=" << r.result.scores.electrostaticTanimoto
+            << ", es_combo=" << r.result.scores.electrostaticCombo;
+    }
+    if (r.colour) {
+        out << ", colour_tanimoto=" << r.result.scores.colourTanimoto
             << ", combo=" << r.result.scores.combo;
     }
     out << ")";
@@ -316,7 +408,7 @@ std::string ResultRepr(const OverlayResultObject& r) {
 
 /// The conformers of one molecule of a screen: a hermite.Molecule alone, or a non-empty list
 /// or tuple of them (the conformers of one molecule, all with the first one's title).
-std::vector<QVMol> ConformersArgument(py::handle object, const std::string& name) {
+std::vector<MoleculeObject> ConformersArgument(py::handle object, const std::string& name) {
     if (py::isinstance<MoleculeObject>(object)) {
         return {MoleculeArgument(object, name)};
     }
@@ -324,7 +416,7 @@ std::vector<QVMol> ConformersArgument(py::handle object, const std::string& name
         throw py::type_error(name + " must be hermite.Molecule or a list of them, got " +
                              std::string(py::str(py::type::handle_of(object).attr("__name__"))));
     }
-    std::vector<QVMol> conformers;
+    std::vector<MoleculeObject> conformers;
     const py::sequence sequence = py::reinterpret_borrow<py::sequence>(object);  // list or tuple
     for (std::size_t i = 0; i < sequence.size(); ++i) {
         conformers.push_back(MoleculeArgument(sequence[i], name + "[" + std::to_string(i) + "]"));
@@ -335,11 +427,28 @@ std::vector<QVMol> ConformersArgument(py::handle object, const std::string& name
     return conformers;
 }
 
+/// The features of a molecule as a conformer of the screening engine carries them (which
+/// reads only their types and positions).
+std::vector<io::Feature> EngineFeatures(const hermite::overlay::ColourFeatures& features) {
+    std::vector<io::Feature> converted;
+    converted.reserve(features.size());
+    for (const auto& feature : features) {
+        io::Feature item;
+        item.type = feature.type;
+        item.x = feature.position[0];
+        item.y = feature.position[1];
+        item.z = feature.position[2];
+        converted.push_back(std::move(item));
+    }
+    return converted;
+}
+
 /// The screening engine's molecule of a list of conformers: the first one's title for all.
-io::Molecule EngineMolecule(const std::vector<QVMol>& conformers) {
-    io::Molecule molecule{conformers.front().GetTitle(), {}};
-    for (const QVMol& conformer : conformers) {
-        molecule.conformers.emplace_back(conformer);
+io::Molecule EngineMolecule(const std::vector<MoleculeObject>& conformers) {
+    io::Molecule molecule{conformers.front().mol.GetTitle(), {}};
+    for (const MoleculeObject& conformer : conformers) {
+        molecule.conformers.emplace_back(conformer.mol);
+        molecule.conformers.back().SetFeatures(EngineFeatures(conformer.features));
     }
     return molecule;
 }
@@ -351,14 +460,16 @@ io::Molecule EngineMolecule(const std::vector<QVMol>& conformers) {
 /// and is raised. A molecule the library fails on raises `LibraryError` naming it, after the
 /// library's warnings.
 std::vector<screen::Row> RunScreen(const screen::QuerySet& queries,
-                                   const std::vector<std::vector<QVMol>>& fits,
-                                   unsigned int threadCount, bool scoreOnly, py::handle progress) {
+                                   const std::vector<std::vector<MoleculeObject>>& fits,
+                                   screen::RankMetric rankBy, unsigned int threadCount,
+                                   bool scoreOnly, py::handle progress) {
     std::vector<io::Molecule> molecules;
     molecules.reserve(fits.size());
-    for (const std::vector<QVMol>& conformers : fits) {
+    for (const std::vector<MoleculeObject>& conformers : fits) {
         molecules.push_back(EngineMolecule(conformers));
     }
     screen::ScreenSettings settings;
+    settings.rankBy = rankBy;
     settings.scoreOnly = scoreOnly;
     settings.best = 0;
     settings.threads = threadCount;
@@ -414,27 +525,59 @@ std::vector<screen::Row> RunScreen(const screen::QuerySet& queries,
     return rows;
 }
 
-std::vector<std::vector<QVMol>> FitMolecules(py::handle molecules) {
+std::vector<std::vector<MoleculeObject>> FitMolecules(py::handle molecules) {
     if (py::isinstance<MoleculeObject>(molecules) || py::isinstance<py::str>(molecules)) {
         throw py::type_error(
             "molecules must be an iterable of hermite.Molecule or of lists of them");
     }
-    std::vector<std::vector<QVMol>> fits;
+    std::vector<std::vector<MoleculeObject>> fits;
     for (py::handle item : py::iter(molecules)) {
         fits.push_back(ConformersArgument(item, "molecules[" + std::to_string(fits.size()) + "]"));
     }
     return fits;
 }
 
+/// The metric named by `rank_by` ('shape', 'combo', 'es_combo', 'tversky_query' or
+/// 'tversky_fit'; also spelt with hyphens, as the command-line tool's --rank-by), which the
+/// `settings` must compute: ValueError for combo without colour and es_combo without
+/// electrostatics.
+screen::RankMetric RankMetricArgument(py::handle rankBy, const Settings& settings) {
+    if (!py::isinstance<py::str>(rankBy)) {
+        throw py::type_error("rank_by must be a str, got " +
+                             std::string(py::str(py::type::handle_of(rankBy).attr("__name__"))));
+    }
+    std::string name = rankBy.cast<std::string>();
+    std::replace(name.begin(), name.end(), '_', '-');
+    const std::optional<screen::RankMetric> metric =
+        screen::ParseRankMetric(name == "shape-tanimoto" ? "shape" : name);
+    if (!metric) {
+        throw py::value_error(
+            "rank_by must be 'shape', 'combo', 'es_combo', 'tversky_query' "
+            "or 'tversky_fit', got " +
+            std::string(py::repr(rankBy)));
+    }
+    if (*metric == screen::RankMetric::Combo && !settings.colour) {
+        throw py::value_error(
+            "rank_by='combo' ranks by shape + colour Tanimoto, which needs colour=True");
+    }
+    if (*metric == screen::RankMetric::ElectrostaticCombo && !settings.electrostatics) {
+        throw py::value_error(
+            "rank_by='es_combo' ranks by shape + electrostatic Tanimoto, which needs "
+            "electrostatics=True");
+    }
+    return *metric;
+}
+
 py::list ScreenResults(py::handle query, py::handle molecules, py::handle threadsArgument,
-                       py::handle settings, const py::kwargs& kwargs, bool scoreOnly,
-                       py::handle progress) {
+                       py::handle rankBy, py::handle settings, const py::kwargs& kwargs,
+                       bool scoreOnly, py::handle progress) {
     if (!progress.is_none() && !PyCallable_Check(progress.ptr())) {
         throw py::type_error("progress must be callable or None");
     }
-    const std::vector<QVMol> queryConformers = ConformersArgument(query, "query");
+    const std::vector<MoleculeObject> queryConformers = ConformersArgument(query, "query");
     const Settings resolved = ResolveSettings(settings, kwargs);
-    const std::vector<std::vector<QVMol>> fits = FitMolecules(molecules);
+    const screen::RankMetric metric = RankMetricArgument(rankBy, resolved);
+    const std::vector<std::vector<MoleculeObject>> fits = FitMolecules(molecules);
     const long long threads = Integer(threadsArgument, "threads", -1024, 1024);
     const unsigned int threadCount = std::min<unsigned int>(
         screen::ResolveThreadCount(threads, std::thread::hardware_concurrency()),
@@ -449,13 +592,13 @@ py::list ScreenResults(py::handle query, py::handle molecules, py::handle thread
         }
     });
     const std::vector<screen::Row> rows =
-        RunScreen(queries, fits, threadCount, scoreOnly, progress);
+        RunScreen(queries, fits, metric, threadCount, scoreOnly, progress);
     py::list list;
     for (std::size_t i = 0; i < rows.size(); ++i) {
         // The engine counts conformers from 1.
         const std::size_t conformer = rows[i].conformer - 1;
-        OverlayResultObject result = MakeResult(rows[i].result, fits[i][conformer],
-                                                queryMolecule.title, resolved.electrostatics);
+        OverlayResultObject result =
+            MakeResult(rows[i].result, fits[i][conformer].mol, queryMolecule.title, resolved);
         result.conformer = conformer;
         result.queryConformer = rows[i].queryConformer - 1;
         list.append(std::move(result));
@@ -465,16 +608,16 @@ py::list ScreenResults(py::handle query, py::handle molecules, py::handle thread
 
 OverlayResultObject PairResult(py::handle query, py::handle fit, py::handle settings,
                                const py::kwargs& kwargs, bool scoreOnly) {
-    const QVMol& queryMol = MoleculeArgument(query, "query");
-    const QVMol& fitMol = MoleculeArgument(fit, "fit");
+    // Copies, so that the computation needs no Python object while the GIL is released.
+    const MoleculeObject queryCopy = MoleculeArgument(query, "query");
+    const MoleculeObject fitCopy = MoleculeArgument(fit, "fit");
     const Settings resolved = ResolveSettings(settings, kwargs);
-    const QVMol queryCopy = queryMol;
-    const QVMol fitCopy = fitMol;
     const Result result = RunLibrary([&] {
-        const Query prepared(queryCopy, resolved);
-        return scoreOnly ? prepared.Score(fitCopy) : prepared.Overlay(fitCopy);
+        const Query prepared(queryCopy.mol, resolved, queryCopy.features);
+        return scoreOnly ? prepared.Score(fitCopy.mol, fitCopy.features)
+                         : prepared.Overlay(fitCopy.mol, fitCopy.features);
     });
-    return MakeResult(result, fitCopy, queryCopy.GetTitle(), resolved.electrostatics);
+    return MakeResult(result, fitCopy.mol, queryCopy.mol.GetTitle(), resolved);
 }
 
 /// The settings section of the overlay functions' docstrings, with the library's defaults.
@@ -504,7 +647,14 @@ std::string SettingsDoc() {
         << "    electrostatics: also compute the electrostatic scores from the partial charges ["
         << (d.electrostatics ? "True" : "False") << "].\n"
         << "    electrostatic_width: width of the electrostatic Gaussians in angstrom ["
-        << Repr(d.electrostaticWidth) << "].\n";
+        << Repr(d.electrostaticWidth) << "].\n"
+        << "    colour: also match the molecules' colour (pharmacophore) features, given as "
+           "``hermite.Molecule(..., features=...)``: the search maximises shape + colour_weight "
+           "* colour overlap and the colour scores are computed ["
+        << (d.colour ? "True" : "False") << "].\n"
+        << "    colour_weight: weight of the colour overlap against the shape overlap in the "
+           "search, 0 to 100 ["
+        << Repr(d.colourWeight) << "].\n";
     return out.str();
 }
 
@@ -513,16 +663,22 @@ std::string SettingsDoc() {
 void BindOverlay(py::module_& m) {
     py::class_<MoleculeObject>(m, "Molecule", R"doc(
 A molecule for overlays: its atoms' elements, coordinates (angstrom), partial charges
-(elementary charges) and a title. Bonds are not needed.
+(elementary charges), a title and optionally its colour (pharmacophore) features. Bonds are not
+needed.
 
 Args:
     atomic_numbers: (n,) integers 0..118.
     coords: (n, 3) coordinates, n >= 1.
     charges: (n,) partial charges (default zeros).
     title: the molecule's name.
+    features: the colour features, an (m, 4) array-like of rows (type, x, y, z): the type, a
+        non-negative integer (features interact only with features of the same type), and the
+        position in the coordinates of ``coords`` (angstrom). Default none.
+        hermite.rdkit.perceive_features makes them from an RDKit molecule.
 )doc")
         .def(py::init(&MakeMolecule), py::arg("atomic_numbers"), py::arg("coords"),
-             py::arg("charges") = py::none(), py::arg("title") = "")
+             py::arg("charges") = py::none(), py::arg("title") = "", py::kw_only(),
+             py::arg("features") = py::none())
         .def_property_readonly(
             "atomic_numbers", [](const MoleculeObject& o) { return AtomicNumbers(o.mol); },
             "(n,) integer array of the atomic numbers (a copy).")
@@ -532,6 +688,9 @@ Args:
         .def_property_readonly(
             "charges", [](const MoleculeObject& o) { return Charges(o.mol); },
             "(n,) array of the partial charges (a copy).")
+        .def_property_readonly(
+            "features", [](const MoleculeObject& o) { return FeatureArray(o.features); },
+            "(m, 4) array of the colour features, rows (type, x, y, z) (a copy).")
         .def_property(
             "title", [](const MoleculeObject& o) { return Text(o.mol.GetTitle()); },
             [](MoleculeObject& o, std::string title) { o.mol.SetTitle(std::move(title)); },
@@ -567,19 +726,26 @@ Args:
         .def("__deepcopy__", [](const MoleculeObject& o, py::dict) { return o; })
         .def("__repr__",
              [](const MoleculeObject& o) {
-                 return "Molecule(title=" + std::string(py::repr(Text(o.mol.GetTitle()))) +
-                        ", num_atoms=" + std::to_string(o.mol.NumAtoms()) + ")";
+                 std::string text =
+                     "Molecule(title=" + std::string(py::repr(Text(o.mol.GetTitle()))) +
+                     ", num_atoms=" + std::to_string(o.mol.NumAtoms());
+                 if (!o.features.empty()) {
+                     text += ", num_features=" + std::to_string(o.features.size());
+                 }
+                 return text + ")";
              })
         .def(py::pickle(
             [](const MoleculeObject& o) {
                 return py::make_tuple(AtomicNumbers(o.mol), Coords(o.mol), Charges(o.mol),
-                                      Text(o.mol.GetTitle()));
+                                      Text(o.mol.GetTitle()), FeatureArray(o.features));
             },
             [](py::tuple state) {
-                if (state.size() != 4) {
+                // 4 items: a molecule pickled before features existed.
+                if (state.size() != 4 && state.size() != 5) {
                     throw py::value_error("invalid pickled Molecule state");
                 }
-                return MakeMolecule(state[0], state[1], state[2], state[3].cast<std::string>());
+                return MakeMolecule(state[0], state[1], state[2], state[3].cast<std::string>(),
+                                    state.size() > 4 ? py::object(state[4]) : py::none());
             }));
 
     py::class_<Settings>(m, "OverlaySettings", R"doc(
@@ -602,6 +768,10 @@ Args:
     refine_iteration_limit: BFGS iteration limit of the exact refinement.
     electrostatics: also compute electrostatic scores (needs partial charges).
     electrostatic_width: width of the electrostatic Gaussians, angstrom.
+    colour: also match the colour (pharmacophore) features of the molecules (see
+        hermite.Molecule's ``features``) and compute the colour scores.
+    colour_weight: weight of the colour overlap against the shape overlap in the search,
+        0 to 100.
 
 Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
 )doc")
@@ -660,6 +830,14 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
                 s.electrostaticWidth = RequirePositive(v, "electrostatic_width");
             },
             "Width of the electrostatic Gaussians, angstrom.")
+        .def_property(
+            "colour", [](const Settings& s) { return s.colour; },
+            [](Settings& s, bool v) { s.colour = v; },
+            "Match the colour features and compute the colour scores.")
+        .def_property(
+            "colour_weight", [](const Settings& s) { return s.colourWeight; },
+            [](Settings& s, double v) { s.colourWeight = ColourWeight(v); },
+            "Weight of the colour overlap against the shape overlap in the search (0 to 100).")
         .def("__repr__", &SettingsRepr)
         .def(
             "copy", [](const Settings& s) { return s; }, "A copy.")
@@ -677,8 +855,11 @@ unless named Hermite.
 shape_tanimoto = O_qf / (O_qq + O_ff - O_qf); tversky_query = O_qf / (0.95 O_qq + 0.05 O_ff);
 tversky_fit = O_qf / (0.05 O_qq + 0.95 O_ff); hermite_tanimoto: the shape Tanimoto of the
 truncated expansions at the best Hermite pose; es_tanimoto and es_carbo: Tanimoto and Carbo of
-the electrostatic densities (0 without electrostatics); combo = shape_tanimoto + es_tanimoto;
-overlap = O_qf, query_self_overlap = O_qq, fit_self_overlap = O_ff (angstrom^3).
+the electrostatic densities (0 without electrostatics); es_combo = shape_tanimoto + es_tanimoto;
+colour_tanimoto = C_qf / (C_qq + C_ff - C_qf) of the colour features (0 without colour, and
+when neither molecule has a feature); combo = shape_tanimoto + colour_tanimoto (0 to 2; the
+shape Tanimoto without colour); overlap = O_qf, query_self_overlap = O_qq,
+fit_self_overlap = O_ff, colour_overlap = C_qf (angstrom^3).
 )doc")
         .def_readonly("shape_tanimoto", &Scores::shapeTanimoto)
         .def_readonly("hermite_tanimoto", &Scores::hermiteTanimoto)
@@ -686,8 +867,11 @@ overlap = O_qf, query_self_overlap = O_qq, fit_self_overlap = O_ff (angstrom^3).
         .def_readonly("tversky_fit", &Scores::shapeTverskyFit)
         .def_readonly("es_tanimoto", &Scores::electrostaticTanimoto)
         .def_readonly("es_carbo", &Scores::electrostaticCarbo)
+        .def_readonly("es_combo", &Scores::electrostaticCombo)
+        .def_readonly("colour_tanimoto", &Scores::colourTanimoto)
         .def_readonly("combo", &Scores::combo)
         .def_readonly("overlap", &Scores::overlap)
+        .def_readonly("colour_overlap", &Scores::colourOverlap)
         .def_readonly("query_self_overlap", &Scores::querySelfOverlap)
         .def_readonly("fit_self_overlap", &Scores::fitSelfOverlap)
         .def("as_dict", &ScoreDict, "The scores as a dict keyed by their names.")
@@ -747,6 +931,8 @@ The result of overlaying a fit molecule onto a query: scores and the rigid motio
             "The query's title.")
         .def_readonly("electrostatics", &OverlayResultObject::electrostatics,
                       "Whether the electrostatic scores were computed.")
+        .def_readonly("colour", &OverlayResultObject::colour,
+                      "Whether the colour scores were computed.")
         .def_readonly("conformer", &OverlayResultObject::conformer,
                       "0-based index of the fit conformer of the best pair among the "
                       "conformers screened for this molecule (0 for a single molecule).")
@@ -800,9 +986,9 @@ result is the identity).
     const std::string screenDoc = std::string(R"doc(
 Overlays every molecule of ``molecules`` onto ``query`` on several threads (the GIL is released
 meanwhile; Ctrl-C stops it). A molecule may come as several conformers: every one is overlaid
-onto every query conformer, and the molecule keeps its best pair by exact shape Tanimoto (the
-first of equal ones, query conformers first). The
-results are in input order and do not depend on the number of threads.
+onto every query conformer, and the molecule keeps its best pair by ``rank_by`` (the first of
+equal ones, query conformers first). The results are in input order and do not depend on the
+number of threads.
 
 Args:
     query: the hermite.Molecule that stays, or a list (or tuple) of them: the query's
@@ -811,6 +997,9 @@ Args:
         of them: the conformers of one molecule, titled by the first.
     threads: worker threads: 0 all cores, n > 0 that many, -n all cores but n.
     score_only: score the molecules in their own poses instead of overlaying them.
+    rank_by: the score that picks each molecule's best pair: 'shape' (exact shape Tanimoto),
+        'combo' (shape + colour Tanimoto; needs colour=True), 'es_combo' (shape +
+        electrostatic Tanimoto; needs electrostatics=True), 'tversky_query' or 'tversky_fit'.
     progress: None, or a callable ``progress(molecules_done, overlays_done)`` called on the
         calling thread about every 100 ms and once at the end; an exception it raises stops
         the screen and is raised.
@@ -822,12 +1011,13 @@ Returns:
     m.def(
         "screen",
         [](py::object query, py::object molecules, py::object threads, bool scoreOnly,
-           py::object progress, py::object settings, py::kwargs kwargs) {
-            return ScreenResults(query, molecules, threads, settings, kwargs, scoreOnly, progress);
+           py::object progress, py::object rankBy, py::object settings, py::kwargs kwargs) {
+            return ScreenResults(query, molecules, threads, rankBy, settings, kwargs, scoreOnly,
+                                 progress);
         },
         py::arg("query"), py::arg("molecules"), py::kw_only(), py::arg("threads") = 0,
         py::arg("score_only") = false, py::arg("progress") = py::none(),
-        py::arg("settings") = py::none(), screenDoc.c_str());
+        py::arg("rank_by") = "shape", py::arg("settings") = py::none(), screenDoc.c_str());
 }
 
 }  // namespace hermite::python

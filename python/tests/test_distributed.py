@@ -90,7 +90,7 @@ SCREENS = {
     "library-and-sd-per-query": ["--query", "queries.sdf", "--db", "cdk2.h5", CDK2_SDF,
                                  "--best", "7", "--per-query"],
     "electrostatics-combo-cutoff": ["--query", "query.sdf", "--db", "cdk2.h5",
-                                    "--rank-by", "combo", "--cutoff", "0.9", "--best", "15"],
+                                    "--rank-by", "es-combo", "--cutoff", "0.9", "--best", "15"],
     "bad-record": ["--query", "query.sdf", "--db", "with-bad-record.sdf", "--best", "5"],
 }
 

@@ -334,9 +334,11 @@ def test_the_query_itself_in_another_pose(ligands: List[Chem.Mol]) -> None:
                query.GetConformer().GetPositions()) < 0.1
     assert best["mol"].GetDoubleProp("hermite_shape_tanimoto") == best["shape_tanimoto"]
     assert best["mol"].GetProp("hermite_query") == query.GetProp("_Name")
-    # Without electrostatics their columns are NaN and not written to the molecules.
-    assert table[["es_tanimoto", "es_carbo", "combo"]].isna().all().all()
-    assert not best["mol"].HasProp("hermite_combo")
+    # Without electrostatics and colour their columns are NaN and not written to the
+    # molecules.
+    assert table[["es_tanimoto", "es_carbo", "es_combo", "colour_tanimoto",
+                  "combo"]].isna().all().all()
+    assert not any(best["mol"].HasProp(f"hermite_{name}") for name in ("es_combo", "combo"))
     # Scored where they are, the molecules stay there.
     scored = hr.screen(query, [fit], score_only=True, progress=False)
     assert scored["shape_tanimoto"][0] < 0.5
@@ -344,8 +346,8 @@ def test_the_query_itself_in_another_pose(ligands: List[Chem.Mol]) -> None:
                                fit.GetConformer().GetPositions(), atol=1e-9)
     assert list(table.columns) == [
         "rank", "position", "title", "shape_tanimoto", "hermite_tanimoto", "tversky_query",
-        "tversky_fit", "es_tanimoto", "es_carbo", "combo", "conformer", "query_conformer",
-        "conformers", "error", "mol"]
+        "tversky_fit", "es_tanimoto", "es_carbo", "es_combo", "colour_tanimoto", "combo",
+        "conformer", "query_conformer", "conformers", "error", "mol"]
 
 
 def test_best_of_conformers(ligands: List[Chem.Mol]) -> None:
@@ -389,8 +391,8 @@ def test_table_with_failures_written_by_pandas_tools(ligands: List[Chem.Mol],
     table = hr.screen(ligands[0], [ligands[3], flat, ligands[0], ligands[4]],
                       electrostatics=True, progress=lambda m, o: calls.append((m, o)))
     assert calls[-1] == (3, 3)
-    assert list(table["position"]) == [2, 0, 3, 1]  # by combo; the failure last
-    assert list(table["combo"][:3]) == sorted(table["combo"][:3], reverse=True)
+    assert list(table["position"]) == [2, 0, 3, 1]  # by es_combo; the failure last
+    assert list(table["es_combo"][:3]) == sorted(table["es_combo"][:3], reverse=True)
     failed = table.iloc[3]
     assert failed["error"] == "mol has no conformer: 3-D coordinates are needed"
     assert np.isnan(failed["shape_tanimoto"]) and failed["conformers"] == 0
@@ -406,17 +408,17 @@ def test_table_with_failures_written_by_pandas_tools(ligands: List[Chem.Mol],
     again = list(hermite.read_mols(tmp_path / "hits2.sdf"))
     assert [m.GetProp("rank") for m in again] == ["1", "2", "3"]
     assert [m.GetProp("hermite_rank") for m in again] == ["1", "2", "3"]
-    assert float(again[0].GetProp("hermite_combo")) == table["combo"][0]
+    assert float(again[0].GetProp("hermite_es_combo")) == table["es_combo"][0]
     path = tmp_path / "hits.sdf"
     good = table[table["error"].isna()]
     PandasTools.WriteSDF(good, str(path), molColName="mol",
-                         properties=["rank", "shape_tanimoto", "combo"])
+                         properties=["rank", "shape_tanimoto", "es_combo"])
     read = list(Chem.SDMolSupplier(str(path), removeHs=False))
     assert [m.GetProp("_Name") for m in read] == list(good["title"])
     for mol, row in zip(read, good.itertuples()):
         assert int(mol.GetProp("rank")) == row.rank
         assert float(mol.GetProp("shape_tanimoto")) == pytest.approx(row.shape_tanimoto, abs=1e-5)
-        assert float(mol.GetProp("combo")) == pytest.approx(row.combo, abs=1e-5)
+        assert float(mol.GetProp("es_combo")) == pytest.approx(row.es_combo, abs=1e-5)
         np.testing.assert_allclose(mol.GetConformer().GetPositions(),
                                    row.mol.GetConformer().GetPositions(), atol=1e-4)
     assert float(again[0].GetProp("es_carbo")) == pytest.approx(table["es_carbo"][0], abs=1e-12)

@@ -75,8 +75,11 @@ def test_scores_of_a_pair(cdk2: List[hermite.Molecule]) -> None:
     assert scores.shape_tanimoto == pytest.approx(o / (qq + ff - o), rel=1e-12)
     assert scores.tversky_query == pytest.approx(o / (0.95 * qq + 0.05 * ff), rel=1e-12)
     assert scores.tversky_fit == pytest.approx(o / (0.05 * qq + 0.95 * ff), rel=1e-12)
-    assert scores.combo == pytest.approx(scores.shape_tanimoto + scores.es_tanimoto, rel=1e-12)
-    assert 0 < scores.es_carbo <= 1 and result.electrostatics
+    assert scores.es_combo == pytest.approx(scores.shape_tanimoto + scores.es_tanimoto,
+                                            rel=1e-12)
+    # Without colour, combo is the shape Tanimoto alone.
+    assert scores.combo == scores.shape_tanimoto and scores.colour_tanimoto == 0
+    assert 0 < scores.es_carbo <= 1 and result.electrostatics and not result.colour
     # The exact overlap recomputed from the aligned atoms.
     query_shape = cdk2[0].shape_gaussians()
     aligned = hermite.Molecule(cdk2[1].atomic_numbers, result.aligned_coords).shape_gaussians()

@@ -110,7 +110,7 @@ def test_overlay_mols_in_place_and_other_conformers(cdk2_rdkit: List[Chem.Mol]) 
     np.testing.assert_array_equal(fit.GetConformer(0).GetPositions(), first_before)
     np.testing.assert_allclose(heavy_positions(fit, 7), heavy_positions(query), atol=0.1)
     assert fit.GetDoubleProp("hermite_es_tanimoto") == pytest.approx(1.0, abs=1e-3)
-    assert fit.HasProp("hermite_combo")
+    assert fit.HasProp("hermite_es_combo") and not fit.HasProp("hermite_combo")
     with pytest.raises(ValueError, match="no conformer with id 3"):
         hr.overlay_mols(query, fit, fit_conf=3)
 
@@ -141,12 +141,13 @@ def test_screen_equals_overlay_mols(cdk2_rdkit: List[Chem.Mol]) -> None:
 def test_screen_electrostatics_and_charges(cdk2_rdkit: List[Chem.Mol]) -> None:
     query, mols = cdk2_rdkit[0], cdk2_rdkit[1:4]
     table = hr.screen(query, mols, electrostatics=True, charges="mmff", progress=False)
-    assert list(table["combo"]) == sorted(table["combo"], reverse=True)
+    assert list(table["es_combo"]) == sorted(table["es_combo"], reverse=True)
+    assert table[["colour_tanimoto", "combo"]].isna().all().all()
     for row in table.itertuples():
         single = hr.overlay_mols(query, mols[row.position], charges="mmff", electrostatics=True)
         assert row.es_tanimoto == pytest.approx(single.result.scores.es_tanimoto, abs=1e-9)
-        assert row.combo == pytest.approx(row.shape_tanimoto + row.es_tanimoto, abs=1e-9)
-        assert row.mol.GetDoubleProp("hermite_combo") == row.combo
+        assert row.es_combo == pytest.approx(row.shape_tanimoto + row.es_tanimoto, abs=1e-9)
+        assert row.mol.GetDoubleProp("hermite_es_combo") == row.es_combo
     # Shape-only screens take no charges: a charge model that would fail does not matter.
     assert hr.screen(query, mols, charges="input", progress=False)["error"].isna().all()
     # With electrostatics a molecule without input charges is a row with an error, a query

@@ -128,16 +128,19 @@ def screen_table(mols: Sequence, seed: int = 3) -> pd.DataFrame:
     for failed in (i for i in (5, 11) if i < count):
         shape[failed] = np.nan
         errors[failed] = "cannot kekulize"
-    combo = np.round(shape + rng.normal(0.25, 0.1, count), 4)
+    es_tanimoto = np.round(rng.normal(0.25, 0.1, count), 4)
+    colour_tanimoto = np.round(np.clip(rng.normal(0.4, 0.15, count), 0.0, 1.0), 4)
     table = pd.DataFrame({
         "title": [m.GetProp("_Name") for m in mols],
         "shape_tanimoto": shape,
         "hermite_tanimoto": np.round(shape * 0.97, 4),
         "tversky_query": np.round(shape * 1.1, 4),
         "tversky_fit": np.round(shape * 0.9, 4),
-        "es_tanimoto": combo - shape,
-        "es_carbo": np.round(combo - shape + 0.05, 4),
-        "combo": combo,
+        "es_tanimoto": es_tanimoto,
+        "es_carbo": np.round(es_tanimoto + 0.05, 4),
+        "es_combo": shape + es_tanimoto,
+        "colour_tanimoto": colour_tanimoto,
+        "combo": shape + colour_tanimoto,
         "conformer": 1,
         "query_conformer": 1,
         "error": errors,
@@ -374,7 +377,7 @@ def write_cli_directory(folder: Path, mols: Sequence, best: int = 8) -> pd.DataF
     lines = ["\t".join(["title", "file", "record", "conformer", "conformers", "query",
                         "query_conformer"] + SCORE_COLUMNS + ["status"])]
     for record, row in enumerate(table.itertuples(), start=1):
-        failed = row.error is not None
+        failed = not pd.isna(row.error)  # None, NaN or NA as the dtype has it
         scores = ["" if failed else f"{getattr(row, c):.4f}" for c in SCORE_COLUMNS]
         lines.append("\t".join([row.title, "db.sdf", str(record), "" if failed else "1", "1",
                                 "1", "" if failed else "1"] + scores

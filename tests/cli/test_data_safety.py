@@ -97,7 +97,8 @@ def test_an_unusable_query_record_stops_the_run_naming_it(tmp_path, db):
 
 
 @pytest.mark.parametrize("metric, cutoff", [("shape", "1.5"), ("shape", "-0.1"),
-                                            ("combo", "2.5"), ("combo", "-0.5"),
+                                            ("combo", "2.5"), ("combo", "-0.1"),
+                                            ("es-combo", "2.5"), ("es-combo", "-0.5"),
                                             ("tversky-query", "2.3"), ("tversky-fit", "-1")])
 def test_a_cutoff_outside_the_range_of_the_rank_metric_is_refused(tmp_path, db, metric, cutoff):
     result = run("overlay", "--query", QUERY, "--db", db, "--rank-by", metric, "--cutoff", cutoff,

@@ -11,7 +11,7 @@ from hermite_cli_support import (CDK2, cdk2_records, query_file, ranked, read_sd
 QUERY = query_file()
 
 SCORE_COLUMNS = ["shape_tanimoto", "hermite_tanimoto", "tversky_query", "tversky_fit"]
-ES_COLUMNS = ["es_tanimoto", "es_carbo", "combo"]
+ES_COLUMNS = ["es_tanimoto", "es_carbo", "es_combo"]
 
 
 @pytest.fixture(scope="module")
@@ -76,7 +76,8 @@ def test_hits_file_holds_the_best_with_tags_and_titles(screen):
         assert tags["hermite_tversky_query"] == rows[title]["tversky_query"]
         assert tags["hermite_tversky_fit"] == rows[title]["tversky_fit"]
         assert tags["hermite_conformer"] == "1"
-        assert "hermite_es_tanimoto" not in tags and "hermite_combo" not in tags
+        assert "hermite_es_tanimoto" not in tags and "hermite_es_combo" not in tags
+        assert "hermite_colour_tanimoto" not in tags and "hermite_combo" not in tags
         # The input's own data items are kept.
         assert tags["id"] == title
 
@@ -149,29 +150,73 @@ def test_electrostatics_columns_and_tags(tmp_path):
     header = (tmp_path / "scores.tsv").read_text().split("\n")[0].split("\t")
     assert header[-4:] == [*ES_COLUMNS, "status"]
     rows = read_tsv(tmp_path / "scores.tsv")
-    assert rows[0]["es_tanimoto"] == "1.0000" and rows[0]["combo"] == "2.0000"
+    assert rows[0]["es_tanimoto"] == "1.0000" and rows[0]["es_combo"] == "2.0000"
     for row in rows:
         assert -1.0 / 3.0 - 1e-4 <= float(row["es_tanimoto"]) <= 1.0
         assert -1.0 <= float(row["es_carbo"]) <= 1.0
         combo = float(row["shape_tanimoto"]) + float(row["es_tanimoto"])
-        assert abs(float(row["combo"]) - combo) <= 2e-4
+        assert abs(float(row["es_combo"]) - combo) <= 2e-4
     hits = read_sdf(tmp_path / "hits.sdf")
     assert len(hits) == 3
     for _, tags in hits:
-        for tag in ["hermite_es_tanimoto", "hermite_es_carbo", "hermite_combo"]:
+        for tag in ["hermite_es_tanimoto", "hermite_es_carbo", "hermite_es_combo"]:
             assert tag in tags
     assert "es_tan" in result.stdout.splitlines()[1]
 
 
-def test_rank_by_combo_implies_electrostatics(tmp_path):
+def test_rank_by_es_combo_implies_electrostatics(tmp_path):
+    result = run("overlay", "--query", QUERY, "--db", CDK2, "--rank-by", "es-combo", "--scores",
+                 "scores.tsv", "--out", "hits.sdf", "--quiet", cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    combos = [float(tags["hermite_es_combo"]) for _, tags in read_sdf(tmp_path / "hits.sdf")]
+    assert len(combos) == 47
+    assert combos == sorted(combos, reverse=True)
+    assert combos[0] == max(float(row["es_combo"]) for row in read_tsv(tmp_path / "scores.tsv"))
+    assert "electrostatic combo score" in result.stdout.splitlines()[0]
+
+
+def test_colour_columns_tags_and_ranking(tmp_path):
+    """--rank-by combo implies --colour: shape + colour Tanimoto, ranked; the query itself is
+    first with a colour Tanimoto of 1."""
     result = run("overlay", "--query", QUERY, "--db", CDK2, "--rank-by", "combo", "--scores",
                  "scores.tsv", "--out", "hits.sdf", "--quiet", cwd=tmp_path)
     assert result.returncode == 0, result.stderr
-    combos = [float(tags["hermite_combo"]) for _, tags in read_sdf(tmp_path / "hits.sdf")]
-    assert len(combos) == 47
+    rows = read_tsv(tmp_path / "scores.tsv")
+    assert list(rows[0])[-3:] == ["colour_tanimoto", "combo", "status"]
+    for row in rows:
+        assert 0.0 <= float(row["colour_tanimoto"]) <= 1.0
+        combo = float(row["shape_tanimoto"]) + float(row["colour_tanimoto"])
+        assert abs(float(row["combo"]) - combo) <= 2e-4
+    hits = read_sdf(tmp_path / "hits.sdf")
+    combos = [float(tags["hermite_combo"]) for _, tags in hits]
     assert combos == sorted(combos, reverse=True)
-    assert combos[0] == max(float(row["combo"]) for row in read_tsv(tmp_path / "scores.tsv"))
-    assert "combo score" in result.stdout.splitlines()[0]
+    assert hits[0][1]["hermite_colour_tanimoto"] == "1.0000"
+    assert "combo score (shape + colour Tanimoto)" in result.stdout.splitlines()[0]
+    assert "colour" in result.stdout.splitlines()[1]
+
+
+def test_colour_spelled_color_and_user_feature_definitions(tmp_path):
+    """--color is --colour; a user's .fdef with one family changes the colour scores, and a bad
+    one is a usage error naming the file."""
+    default = run("overlay", "--query", QUERY, "--db", CDK2, "--color", "--scores", "d.tsv",
+                  "--quiet", cwd=tmp_path)
+    assert default.returncode == 0, default.stderr
+    (tmp_path / "rings.fdef").write_text(
+        "DefineFeature Ring6 a1aaaaa1\n  Family Ring\n  Weights 1,1,1,1,1,1\nEndFeature\n")
+    rings = run("overlay", "--query", QUERY, "--db", CDK2, "--colour", "--features", "rings.fdef",
+                "--scores", "r.tsv", "--quiet", cwd=tmp_path)
+    assert rings.returncode == 0, rings.stderr
+    by_default = [row["colour_tanimoto"] for row in read_tsv(tmp_path / "d.tsv")]
+    by_rings = [row["colour_tanimoto"] for row in read_tsv(tmp_path / "r.tsv")]
+    assert by_default != by_rings
+    (tmp_path / "bad.fdef").write_text("DefineFeature Broken [C\n  Family X\nEndFeature\n")
+    bad = run("overlay", "--query", QUERY, "--db", CDK2, "--colour", "--features", "bad.fdef",
+              cwd=tmp_path)
+    assert bad.returncode == 2
+    assert "--features" in bad.stderr and "bad.fdef" in bad.stderr
+    alone = run("overlay", "--query", QUERY, "--db", CDK2, "--features", "rings.fdef",
+                cwd=tmp_path)
+    assert alone.returncode == 2 and "add --colour" in alone.stderr
 
 
 def test_cutoff_and_best(tmp_path):

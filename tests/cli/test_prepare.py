@@ -102,7 +102,7 @@ def test_library_screens_like_its_source_file(cdk2_library, tmp_path, extra):
     assert {row["file"] for row in rows} == {str(CDK2)}
     assert [int(row["record"]) for row in rows] == list(range(1, 48))
     if extra:
-        assert rows[0]["es_tanimoto"] == "1.0000" and rows[0]["combo"] == "2.0000"
+        assert rows[0]["es_tanimoto"] == "1.0000" and rows[0]["es_combo"] == "2.0000"
     assert len(read_sdf(tmp_path / "library.sdf")) == 47
     assert from_library[1] == from_source[1]        # scores, byte for byte
     assert from_library[2] == from_source[2]        # hits, byte for byte
@@ -453,7 +453,8 @@ def variants(tmp_path_factory):
     ("cdk2", ("--hydrogens",), "without hydrogens"),
     ("hydrogens", (), "with hydrogens"),
     ("nocharges", ("--electrostatics",), "charges"),
-    ("nocharges", ("--rank-by", "combo"), "charges"),
+    ("nocharges", ("--rank-by", "es-combo"), "charges"),
+    ("cdk2", ("--colour",), "colour"),
 ])
 def test_mismatched_library_is_refused(cdk2_library, variants, tmp_path, library, extra, words):
     source = cdk2_library[0] if library == "cdk2" else variants / f"{library}.h5"

@@ -111,7 +111,7 @@ def test_effort_and_explicit_search_options_change_the_poses(tmp_path):
     (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--cutoff", "high"],
      "--cutoff must be a number"),
     (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--rank-by", "volume"],
-     "--rank-by must be shape, combo, tversky-query or tversky-fit, got volume"),
+     "--rank-by must be shape, combo, es-combo, tversky-query or tversky-fit, got volume"),
     (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--charges", "eem"],
      "--charges must be gasteiger, mmff or input, got eem"),
     (["grid", "m.sdf", "--out", "m.ccp4"], "missing required option --spacing"),

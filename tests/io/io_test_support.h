@@ -6,6 +6,8 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <array>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +15,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "qv/chem.h"
 
 namespace hermite::io::testing {
 
@@ -102,6 +106,19 @@ inline std::vector<std::string> SplitSdRecords(const std::string& text) {
 /// `record` with its first line (the title) replaced.
 inline std::string Retitled(const std::string& record, const std::string& title) {
     return title + record.substr(record.find('\n'));
+}
+
+/// The rigid motion p -> R p + t, R the rotation by `angle` (radians) about `axis` (any
+/// length).
+inline QVChem::QVTrans AxisAngleMotion(std::array<double, 3> axis, double angle,
+                                       std::array<double, 3> translation) {
+    const double n = std::sqrt(axis[0] * axis[0] + axis[1] * axis[1] + axis[2] * axis[2]);
+    const double x = axis[0] / n, y = axis[1] / n, z = axis[2] / n;
+    const double c = std::cos(angle), s = std::sin(angle), t = 1.0 - c;
+    const double rotation[9] = {t * x * x + c,     t * x * y - s * z, t * x * z + s * y,
+                                t * x * y + s * z, t * y * y + c,     t * y * z - s * x,
+                                t * x * z - s * y, t * y * z + s * x, t * z * z + c};
+    return QVChem::QVTrans(rotation, translation.data());
 }
 
 }  // namespace hermite::io::testing

@@ -17,23 +17,6 @@ using testing::ReadText;
 using testing::TemporaryDirectory;
 using testing::WriteText;
 
-/// A proper rotation (about the axis (1, 2, 2) / 3 by 50 degrees) and a translation.
-QVChem::QVTrans SomePose() {
-    const double axis[3] = {1.0 / 3.0, 2.0 / 3.0, 2.0 / 3.0};
-    const double angle = 50.0 * M_PI / 180.0;
-    const double c = std::cos(angle);
-    const double s = std::sin(angle);
-    const double t = 1.0 - c;
-    const double x = axis[0];
-    const double y = axis[1];
-    const double z = axis[2];
-    const double rotation[9] = {t * x * x + c,     t * x * y - s * z, t * x * z + s * y,
-                                t * x * y + s * z, t * y * y + c,     t * y * z - s * x,
-                                t * x * z - s * y, t * y * z + s * x, t * z * z + c};
-    const double translation[3] = {3.5, -12.25, 0.75};
-    return QVChem::QVTrans(rotation, translation);
-}
-
 /// Root-mean-square distance between the atoms of `moved` and those of `original` moved by
 /// `pose`.
 double RmsdToPosed(const QVChem::QVMol& original, const QVChem::QVTrans& pose,
@@ -56,7 +39,8 @@ TEST(SdfWriter, RoundTripKeepsTitlesPropertiesAndEveryAtom) {
     TemporaryDirectory directory;
     const std::string path = directory.File("hits.sdf");
     const std::vector<Molecule> heavy = ReadAll(Cdk2Path);
-    const QVChem::QVTrans pose = SomePose();
+    const QVChem::QVTrans pose =
+        testing::AxisAngleMotion({1.0, 2.0, 2.0}, 50.0 * M_PI / 180.0, {3.5, -12.25, 0.75});
     {
         SdfWriter writer(path);
         ASSERT_TRUE(writer.Ok()) << writer.Error();
@@ -175,7 +159,8 @@ TEST(SdfWriter, SmilesConformersAndAtomOnlyConformers) {
 
     const std::string path = directory.File("out.sdf");
     SdfWriter writer(path);
-    const QVChem::QVTrans pose = SomePose();
+    const QVChem::QVTrans pose =
+        testing::AxisAngleMotion({1.0, 2.0, 2.0}, 50.0 * M_PI / 180.0, {3.5, -12.25, 0.75});
     for (const Conformer& conformer : molecules[0].conformers) {
         ASSERT_TRUE(writer.Write(conformer, pose));
     }

@@ -1,0 +1,61 @@
+#include "overlay/colour.h"
+
+#include <algorithm>
+
+namespace hermite::overlay {
+
+namespace {
+
+/// Height and exponent of a carbon atom's shape Gaussian.
+constexpr float kFeatureHeight = 2.7f;
+constexpr float kFeatureExponent = 0.811151803f;
+
+}  // namespace
+
+std::vector<QVSystem::QVGaussian> ColourGaussians(const ColourFeatures& features) {
+    std::vector<QVSystem::QVGaussian> gaussians;
+    gaussians.reserve(features.size());
+    for (const ColourFeature& feature : features) {
+        const float centre[3] = {static_cast<float>(feature.position[0]),
+                                 static_cast<float>(feature.position[1]),
+                                 static_cast<float>(feature.position[2])};
+        gaussians.emplace_back(kFeatureHeight, kFeatureExponent, centre, feature.type);
+    }
+    return gaussians;
+}
+
+double ColourOverlap(const std::vector<QVSystem::QVGaussian>& a,
+                     const std::vector<QVSystem::QVGaussian>& b) {
+    double overlap = 0.0;
+    for (const QVSystem::QVGaussian& ga : a) {
+        for (const QVSystem::QVGaussian& gb : b) {
+            if (ga.GetTag() == gb.GetTag()) {
+                overlap += QVHermiteMath::GaussianOverlap(ga, gb);
+            }
+        }
+    }
+    return overlap;
+}
+
+std::vector<QVSystem::QVGaussian> OfType(const std::vector<QVSystem::QVGaussian>& features,
+                                         unsigned int type) {
+    std::vector<QVSystem::QVGaussian> selected;
+    for (const QVSystem::QVGaussian& g : features) {
+        if (g.GetTag() == type) {
+            selected.push_back(g);
+        }
+    }
+    return selected;
+}
+
+std::vector<unsigned int> TypesOf(const std::vector<QVSystem::QVGaussian>& features) {
+    std::vector<unsigned int> types;
+    for (const QVSystem::QVGaussian& g : features) {
+        types.push_back(g.GetTag());
+    }
+    std::sort(types.begin(), types.end());
+    types.erase(std::unique(types.begin(), types.end()), types.end());
+    return types;
+}
+
+}  // namespace hermite::overlay

@@ -1,0 +1,38 @@
+#include "overlay/joint_overlap.h"
+
+namespace hermite::overlay {
+
+void JointOverlap::AddChannel(const Expansion& reference, const Expansion& fit, double weight) {
+    channels_.push_back(std::make_unique<FastOverlap>(reference, fit));
+    weights_.push_back(weight);
+}
+
+void JointOverlap::SetFitCoefficients(std::size_t channel,
+                                      const std::vector<double>& coefficients) {
+    channels_[channel]->SetFitCoefficients(coefficients);
+}
+
+double JointOverlap::operator()(const double* x) {
+    double value = 0.0;
+    for (std::size_t c = 0; c < channels_.size(); ++c) {
+        value += weights_[c] * (*channels_[c])(x);
+    }
+    return value;
+}
+
+double JointOverlap::operator()(const double* x, double* gradient) {
+    double value = 0.0;
+    double channelGradient[6];
+    for (unsigned int i = 0; i < 6; ++i) {
+        gradient[i] = 0.0;
+    }
+    for (std::size_t c = 0; c < channels_.size(); ++c) {
+        value += weights_[c] * (*channels_[c])(x, channelGradient);
+        for (unsigned int i = 0; i < 6; ++i) {
+            gradient[i] += weights_[c] * channelGradient[i];
+        }
+    }
+    return value;
+}
+
+}  // namespace hermite::overlay
