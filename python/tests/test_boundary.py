@@ -351,6 +351,9 @@ def test_read_molecules_stops_on_keyboard_interrupt(cdk2_path: str,
     # 400 copies of the CDK2 ligands (18,800 molecules) take several seconds to read.
     big = tmp_path / "big.sdf"
     big.write_bytes(pathlib.Path(cdk2_path).read_bytes() * 400)
+    # The first read imports RDKit's extension modules, which holds the interpreter lock for
+    # as long as loading them takes (over a second on a cold disk) and would delay the timer.
+    assert len(hermite.read_molecules(cdk2_path)) == 47
     sent: List[float] = []
 
     def interrupt() -> None:
