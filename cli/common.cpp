@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "io/atomic_file.h"
+#include "io/features.h"
 #include "overlay/overlay.h"
 #include "qv/error.h"
 
@@ -90,6 +91,18 @@ io::ReadOptions ReadOptionsFrom(const CommandLine& line) {
     options.pruneRms = RealOption(line, "--prune-rms", 0.0, 0.0, 10.0);
     options.conformerTimeLimit = RealOption(line, "--conformer-time-limit", 60.0, 0.0, 86400.0);
     return options;
+}
+
+std::shared_ptr<const io::FeatureDefinitions> FeatureDefinitionsOption(const CommandLine& line) {
+    if (!line.Has("--features")) {
+        return std::make_shared<const io::FeatureDefinitions>(io::FeatureDefinitions::Default());
+    }
+    try {
+        return std::make_shared<const io::FeatureDefinitions>(
+            io::FeatureDefinitions::FromFile(line.Value("--features")));
+    } catch (const std::exception& error) {
+        throw UsageError(std::string("--features: ") + error.what());
+    }
 }
 
 void AddOrderOption(ArgumentParser& parser, unsigned int defaultOrder) {

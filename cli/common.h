@@ -51,6 +51,11 @@ void AddReadOptions(ArgumentParser& parser, const std::string& seedAlsoFor = "")
 /// The `io::ReadOptions` of a command line with the options of `AddReadOptions`.
 io::ReadOptions ReadOptionsFrom(const CommandLine& line);
 
+/// The colour feature definitions of --features FILE (an RDKit .fdef file), or the built-in
+/// ones when the option is absent. Throws `UsageError` naming the file and the line when the
+/// file cannot be used.
+std::shared_ptr<const io::FeatureDefinitions> FeatureDefinitionsOption(const CommandLine& line);
+
 /// Adds --order N (0 to 100, default `defaultOrder`).
 void AddOrderOption(ArgumentParser& parser, unsigned int defaultOrder);
 

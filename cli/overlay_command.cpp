@@ -15,7 +15,6 @@
 #include "cli/report_output.h"
 #include "cli/score_output.h"
 #include "io/atomic_file.h"
-#include "io/features.h"
 #include "screen/screen.h"
 
 namespace hermite::cli {
@@ -39,16 +38,6 @@ struct OverlayRequest {
     screen::ScreenSettings screen;
     bool quiet = false;
 };
-
-/// The feature definitions of a .fdef file; throws `UsageError` naming the file and the line
-/// when they cannot be used.
-io::FeatureDefinitions ReadFeatureDefinitions(const std::string& path) {
-    try {
-        return io::FeatureDefinitions::FromFile(path);
-    } catch (const std::exception& error) {
-        throw UsageError(std::string("--features: ") + error.what());
-    }
-}
 
 /// The request of a parsed command line; throws `UsageError` for a bad value.
 OverlayRequest RequestFrom(const CommandLine& line) {
@@ -127,8 +116,11 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     settings.refineCandidates = static_cast<unsigned int>(
         IntegerOption(line, "--refine", settings.refineCandidates, 0, 1000));
     settings.seed = request.read.seed;
-    settings.electrostatics =
-        line.Has("--electrostatics") || screen.rankBy == screen::RankMetric::ElectrostaticCombo;
+    settings.electrostaticWeight = RealOption(line, "--electrostatic-weight",
+                                              settings.electrostaticWeight, 0.0, 100000.0);
+    settings.electrostatics = line.Has("--electrostatics") ||
+                              screen.rankBy == screen::RankMetric::ElectrostaticCombo ||
+                              settings.electrostaticWeight > 0.0;
     settings.colour =
         line.Has("--colour") || line.Has("--color") || screen.rankBy == screen::RankMetric::Combo;
     settings.colourWeight = RealOption(line, "--colour-weight", settings.colourWeight, 0.0, 100.0);
@@ -136,9 +128,7 @@ OverlayRequest RequestFrom(const CommandLine& line) {
         throw UsageError("--features defines the colour features: add --colour");
     }
     if (settings.colour) {
-        request.read.features = std::make_shared<const io::FeatureDefinitions>(
-            line.Has("--features") ? ReadFeatureDefinitions(line.Value("--features"))
-                                   : io::FeatureDefinitions::Default());
+        request.read.features = FeatureDefinitionsOption(line);
     }
     screen.read = request.read;
     request.report.read = request.read;
@@ -417,6 +407,11 @@ ArgumentParser OverlayParser() {
               "Also compare the electrostatic densities of the partial charges (Tanimoto and "
               "Carbo) and report the electrostatic combo score (es_combo: shape + electrostatic "
               "Tanimoto). Scored at the final pose only.")
+        .Option("--electrostatic-weight", "W",
+                "Let the electrostatics move the pose: the search maximises shape (+ colour) + "
+                "W * electrostatic overlap, 0 to 100000 (implies --electrostatics; default 0, "
+                "scored only). Electrostatic overlaps are thousands of times smaller than shape "
+                "overlaps, so useful weights are in the thousands (docs/colour.md).")
         .Flag("--colour",
               "Also match pharmacophore features (colour: donors, acceptors, cations, anions, "
               "aromatic rings, hydrophobes; docs/colour.md): the search maximises shape + w * "
@@ -428,7 +423,8 @@ ArgumentParser OverlayParser() {
                     FormatFixed(overlay::Settings().colourWeight, 1) + ".")
         .Option("--features", "FILE",
                 "Colour features from this RDKit feature-definition (.fdef) file instead of "
-                "the built-in definitions (each family is one feature type).")
+                "the built-in definitions (each family is one feature type). A prepared library "
+                "serves a colour screen when it was prepared with the same definitions.")
         .Flag("--score-only", "Do not optimise: score each database molecule in its input pose.")
         .Option("--effort", "LEVEL",
                 "How hard the pose search tries: fast, default or thorough (presets of --order, "

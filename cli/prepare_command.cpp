@@ -49,7 +49,9 @@ ArgumentParser PrepareParser() {
         "appears complete or not at all.\n"
         "\n"
         "Screens of a library must select the same atoms (--hydrogens) as its preparation; "
-        "electrostatic screens need its charges (the --charges model, computed by default).\n"
+        "electrostatic screens need its charges (the --charges model, computed by default); "
+        "colour screens use its colour features, perceived with the built-in definitions or "
+        "those of --features.\n"
         "\n"
         "Exit status: 0 when everything was read; 1 when a record or file was skipped (the "
         "library is still written); 2 for a mistake on the command line; 3 when the library "
@@ -62,7 +64,11 @@ ArgumentParser PrepareParser() {
               "Do not compute partial charges (the library then serves shape screens only).")
         .Option("--threads", "T",
                 "Worker threads: 0 (the default) for all cores, a negative -n for all cores but "
-                "n, a positive number for that many.");
+                "n, a positive number for that many.")
+        .Option("--features", "FILE",
+                "Perceive the colour features with this RDKit feature-definition (.fdef) file "
+                "instead of the built-in definitions; colour screens of the library must then "
+                "give the same file.");
     AddReadOptions(parser);
     parser.Flag("--quiet", "No progress and no summary on standard error.");
     return parser;
@@ -71,6 +77,7 @@ ArgumentParser PrepareParser() {
 int RunPrepare(const CommandLine& line) {
     screen::PrepareSettings settings;
     settings.read = ReadOptionsFrom(line);
+    settings.read.features = FeatureDefinitionsOption(line);
     settings.charges = !line.Has("--no-charges");
     const long long threads = IntegerOption(line, "--threads", 0, -100000, 100000);
     settings.threads = ResolveThreadCount(threads, std::thread::hardware_concurrency());

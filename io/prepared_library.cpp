@@ -34,7 +34,7 @@ namespace {
 /// The value of the root attribute `format`.
 const char* const FormatName = "hermite-prepared-library";
 /// The layout version this code writes and reads.
-const std::uint64_t FormatVersion = 2;
+const std::uint64_t FormatVersion = 3;
 /// The longest string attribute read (the values are short words).
 const std::size_t MaxStringAttribute = 4096;
 /// Deflate level of the compressed columns: they are written once and read for hits only.
@@ -246,6 +246,12 @@ enum Column : std::size_t {
     RecordAtomXyz,
     FileNameOffsets,
     FileNameBytes,
+    FeatureOffsets,
+    FeatureType,
+    FeatureXyz,
+    FeatureAtomOffsets,
+    FeatureAtoms,
+    FeatureDefinitionBytes,
     NumColumns
 };
 
@@ -271,9 +277,19 @@ const ColumnLayout Columns[NumColumns] = {
     {"record_atoms/xyz", Kind::F64, 3, 4096, Compression::ShuffleDeflate},
     {"files/name_offsets", Kind::U64, 1, 256, Compression::None},
     {"files/name_bytes", Kind::U8, 1, 4096, Compression::Deflate},
+    {"conformers/feature_offsets", Kind::U64, 1, 16384, Compression::None},
+    {"features/type", Kind::U8, 1, 131072, Compression::None},
+    {"features/xyz", Kind::F64, 3, 8192, Compression::None},
+    {"features/atom_offsets", Kind::U64, 1, 16384, Compression::None},
+    {"features/atoms", Kind::U32, 1, 32768, Compression::None},
+    {"features/definitions", Kind::U8, 1, 4096, Compression::Deflate},
 };
 
-const char* const Groups[] = {"molecules", "conformers", "atoms", "record_atoms", "files"};
+const char* const Groups[] = {"molecules", "conformers", "atoms",
+                              "record_atoms", "files", "features"};
+
+/// The feature families, one per line, in the root attribute `feature_families`.
+const char FamilySeparator = '\n';
 
 /// The charge sources a library may record.
 const char* const ChargeNames[] = {"gasteiger", "mmff", "input", "none"};
@@ -443,6 +459,45 @@ std::string Slice(const std::vector<char>& bytes, std::uint64_t begin, std::uint
     return std::string(bytes.data() + begin, bytes.data() + end);
 }
 
+// ---------------------------------------------------------------------------------------------
+// Feature families
+
+/// Why `families` cannot be stored, or empty: a type is one byte, and the names are one
+/// attribute, a line each.
+std::string FamiliesProblem(const std::vector<std::string>& families) {
+    if (families.size() > 255) {
+        return "more than 255 feature families";
+    }
+    std::size_t length = 0;
+    for (const std::string& family : families) {
+        if (family.empty() || family.find(FamilySeparator) != std::string::npos ||
+            family.find('\0') != std::string::npos) {
+            return "a feature family name is empty or holds a line break or a null character";
+        }
+        length += family.size() + 1;
+    }
+    return length > MaxStringAttribute ? "the feature family names are too long" : "";
+}
+
+std::string JoinFamilies(const std::vector<std::string>& families) {
+    std::string joined;
+    for (std::size_t i = 0; i < families.size(); ++i) {
+        joined += (i > 0 ? std::string(1, FamilySeparator) : std::string()) + families[i];
+    }
+    return joined;
+}
+
+std::vector<std::string> SplitFamilies(const std::string& joined) {
+    std::vector<std::string> families;
+    std::size_t begin = 0;
+    while (begin < joined.size()) {
+        const std::size_t end = std::min(joined.find(FamilySeparator, begin), joined.size());
+        families.push_back(joined.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return families;
+}
+
 }  // namespace
 
 // =============================================================================================
@@ -468,6 +523,8 @@ struct PreparedLibraryWriter::State {
     std::uint64_t recordAtoms = 0;
     std::uint64_t sdBytes = 0;
     std::uint64_t fileNameBytes = 0;
+    std::uint64_t features = 0;
+    std::uint64_t featureAtoms = 0;
     unsigned long molecules = 0;
     bool failed = false;
     std::string error;
@@ -479,6 +536,22 @@ struct PreparedLibraryWriter::State {
     }
     void PushText(Column column, const std::string& text) {
         buffers[column].insert(buffers[column].end(), text.begin(), text.end());
+    }
+    /// Buffers a conformer's features and its feature offset.
+    void PushFeatures(const std::vector<Feature>& conformerFeatures) {
+        for (const Feature& feature : conformerFeatures) {
+            Push<std::uint8_t>(FeatureType, static_cast<std::uint8_t>(feature.type));
+            for (double coordinate : {feature.x, feature.y, feature.z}) {
+                Push<double>(FeatureXyz, coordinate);
+            }
+            for (unsigned int atom : feature.atoms) {
+                Push<std::uint32_t>(FeatureAtoms, atom);
+            }
+            featureAtoms += feature.atoms.size();
+            Push<std::uint64_t>(FeatureAtomOffsets, featureAtoms);
+        }
+        features += conformerFeatures.size();
+        Push<std::uint64_t>(FeatureOffsets, features);
     }
     hsize_t BufferedRows(Column column) const {
         return buffers[column].size() / (SizeOf(Columns[column].kind) * Columns[column].width);
@@ -526,6 +599,7 @@ void PreparedLibraryWriter::State::Create() {
     WriteUnsignedAttribute(root, "seed", Kind::U32, preparation.seed);
     WriteUnsignedAttribute(root, "minimize", Kind::U8, preparation.minimize ? 1 : 0);
     WriteNumberAttribute(root, "prune_rms", Kind::F64, &preparation.pruneRms);
+    WriteStringAttribute(root, "feature_families", JoinFamilies(preparation.featureFamilies));
 }
 
 void PreparedLibraryWriter::State::CreateDataset(Column column, hsize_t chunkRows) {
@@ -603,9 +677,10 @@ PreparedLibraryWriter::PreparedLibraryWriter(const std::string& path,
     state.path = path;
     state.preparation = preparation;
     for (Column column : {TitleOffsets, ConformerOffsets, AtomOffsets, RecordAtomOffsets, SdOffsets,
-                          FileNameOffsets}) {
+                          FileNameOffsets, FeatureOffsets, FeatureAtomOffsets}) {
         state.Push<std::uint64_t>(column, 0);
     }
+    state.PushText(FeatureDefinitionBytes, preparation.featureDefinitions);
     if (std::find(std::begin(ChargeNames), std::end(ChargeNames), preparation.charges) ==
         std::end(ChargeNames)) {
         state.error = path + ": unknown charge source '" + preparation.charges +
@@ -615,6 +690,12 @@ PreparedLibraryWriter::PreparedLibraryWriter(const std::string& path,
     }
     if (!(preparation.pruneRms >= 0.0) || !std::isfinite(preparation.pruneRms)) {
         state.error = path + ": the pruning threshold must be a finite number >= 0";
+        state.failed = true;
+        return;
+    }
+    const std::string families = FamiliesProblem(preparation.featureFamilies);
+    if (!families.empty()) {
+        state.error = path + ": " + families;
         state.failed = true;
         return;
     }
@@ -701,6 +782,14 @@ LibraryEntry EncodeLibraryEntry(const Molecule& molecule,
                 throw std::runtime_error(source + "atomic number above 255");
             }
         }
+        for (const Feature& feature : conformer.Features()) {
+            for (unsigned int atom : feature.atoms) {
+                if (atom >= numRecordAtoms) {
+                    throw std::runtime_error(source + "feature atom index out of range");
+                }
+            }
+        }
+        stored.features = conformer.Features();
         stored.mol = conformer.Mol();
         stored.recordAtoms = indices;
         stored.frame = frames[c];
@@ -744,6 +833,17 @@ bool PreparedLibraryWriter::Append(const LibraryEntry& entry) {
         state.error = state.path + ": molecule '" + entry.title + "': no conformers";
         return false;
     }
+    for (const LibraryEntry::Stored& stored : entry.conformers) {
+        for (const Feature& feature : stored.features) {
+            if (feature.type >= state.preparation.featureFamilies.size()) {
+                state.error = state.path + ": molecule '" + entry.title + "': feature type " +
+                              std::to_string(feature.type) + " is not one of the library's " +
+                              std::to_string(state.preparation.featureFamilies.size()) +
+                              " feature families";
+                return false;
+            }
+        }
+    }
     state.PushText(TitleBytes, entry.title);
     state.titleBytes += entry.title.size();
     state.Push<std::uint64_t>(TitleOffsets, state.titleBytes);
@@ -769,6 +869,7 @@ bool PreparedLibraryWriter::Append(const LibraryEntry& entry) {
         }
         state.recordAtoms += stored.recordXyz.size() / 3;
         state.Push<std::uint64_t>(RecordAtomOffsets, state.recordAtoms);
+        state.PushFeatures(stored.features);
         double frame[12];
         stored.frame.Extract(frame, frame + 9, true);
         for (double value : frame) {
@@ -787,6 +888,7 @@ bool PreparedLibraryWriter::Append(const LibraryEntry& entry) {
     if (state.BufferedRows(ConformerMolecule) >= FlushConformers ||
         state.BufferedRows(Element) >= FlushAtoms ||
         state.BufferedRows(RecordAtomXyz) >= FlushAtoms ||
+        state.BufferedRows(FeatureType) >= FlushAtoms ||
         state.buffers[SdBytes].size() >= FlushTextBytes) {
         HdfSession session;
         try {
@@ -820,6 +922,7 @@ bool PreparedLibraryWriter::Commit() {
         WriteUnsignedAttribute(root, "num_atoms", Kind::U64, state.atoms);
         WriteUnsignedAttribute(root, "num_record_atoms", Kind::U64, state.recordAtoms);
         WriteUnsignedAttribute(root, "num_files", Kind::U64, state.fileIndices.size());
+        WriteUnsignedAttribute(root, "num_features", Kind::U64, state.features);
         // Last, so that a file with complete = 1 has everything else.
         WriteUnsignedAttribute(root, "complete", Kind::U8, 1);
         for (Handle& dataset : state.datasets) {
@@ -863,9 +966,13 @@ struct PreparedLibraryReader::State {
     std::uint64_t recordAtoms = 0;
     std::uint64_t titleBytes = 0;
     std::uint64_t sdBytes = 0;
+    std::uint64_t features = 0;
+    std::uint64_t featureAtoms = 0;
     std::vector<std::string> fileNames;
 
     void Open();
+    /// The features of conformers [first, first + count), one list per conformer.
+    std::vector<std::vector<Feature>> ReadFeatures(std::uint64_t first, std::uint64_t count);
     std::uint64_t Rows(Column column) const;
     std::uint64_t Last(Column column, std::uint64_t rows);
     template <typename T>
@@ -923,7 +1030,8 @@ void PreparedLibraryReader::State::Open() {
     if (version != FormatVersion) {
         throw LibraryError("unsupported prepared library format version " +
                            std::to_string(version) + " (this build reads version " +
-                           std::to_string(FormatVersion) + ")");
+                           std::to_string(FormatVersion) +
+                           (version < FormatVersion ? "; prepare the library again" : "") + ")");
     }
     const std::string incomplete =
         "incomplete prepared library: the preparation that wrote it did not finish";
@@ -943,6 +1051,13 @@ void PreparedLibraryReader::State::Open() {
     atoms = ReadUnsignedAttribute(root, "num_atoms");
     recordAtoms = ReadUnsignedAttribute(root, "num_record_atoms");
     const std::uint64_t files = ReadUnsignedAttribute(root, "num_files");
+    features = ReadUnsignedAttribute(root, "num_features");
+    preparation.featureFamilies = SplitFamilies(ReadStringAttribute(
+        root, "feature_families", "the attribute 'feature_families' is missing"));
+    const std::string families = FamiliesProblem(preparation.featureFamilies);
+    if (!families.empty()) {
+        throw LibraryError("the attribute 'feature_families' is unusable: " + families);
+    }
 
     for (std::size_t c = 0; c < NumColumns; ++c) {
         const ColumnLayout& layout = Columns[c];
@@ -988,6 +1103,12 @@ void PreparedLibraryReader::State::Open() {
                                                 atoms,
                                                 recordAtoms,
                                                 files + 1,
+                                                any,
+                                                conformers + 1,
+                                                features,
+                                                features,
+                                                features + 1,
+                                                any,
                                                 any};
     std::uint64_t rows[NumColumns];
     for (std::size_t c = 0; c < NumColumns; ++c) {
@@ -1003,7 +1124,9 @@ void PreparedLibraryReader::State::Open() {
                                                      {AtomOffsets, atoms},
                                                      {RecordAtomOffsets, recordAtoms},
                                                      {SdOffsets, rows[SdBytes]},
-                                                     {FileNameOffsets, rows[FileNameBytes]}};
+                                                     {FileNameOffsets, rows[FileNameBytes]},
+                                                     {FeatureOffsets, features},
+                                                     {FeatureAtomOffsets, rows[FeatureAtoms]}};
     for (const auto& [column, end] : ends) {
         std::vector<std::uint64_t> start;
         Read(column, 0, 1, start);
@@ -1014,6 +1137,10 @@ void PreparedLibraryReader::State::Open() {
     }
     titleBytes = rows[TitleBytes];
     sdBytes = rows[SdBytes];
+    featureAtoms = rows[FeatureAtoms];
+    std::vector<char> definitions;
+    Read(FeatureDefinitionBytes, 0, rows[FeatureDefinitionBytes], definitions);
+    preparation.featureDefinitions.assign(definitions.begin(), definitions.end());
 
     const std::vector<std::uint64_t> nameOffsets =
         Offsets(FileNameOffsets, 0, files, rows[FileNameBytes]);
@@ -1022,6 +1149,40 @@ void PreparedLibraryReader::State::Open() {
     for (std::uint64_t f = 0; f < files; ++f) {
         fileNames.push_back(Slice(names, nameOffsets[f], nameOffsets[f + 1]));
     }
+}
+
+std::vector<std::vector<Feature>> PreparedLibraryReader::State::ReadFeatures(
+    std::uint64_t first, std::uint64_t count) {
+    const std::vector<std::uint64_t> offsets = Offsets(FeatureOffsets, first, count, features);
+    const std::uint64_t f0 = offsets.front();
+    const std::uint64_t numFeatures = offsets.back() - f0;
+    std::vector<std::uint8_t> types;
+    std::vector<double> xyz;
+    Read(FeatureType, f0, numFeatures, types);
+    Read(FeatureXyz, f0, numFeatures, xyz);
+    const std::vector<std::uint64_t> atomOffsets =
+        Offsets(FeatureAtomOffsets, f0, numFeatures, featureAtoms);
+    std::vector<std::uint32_t> atoms;
+    Read(FeatureAtoms, atomOffsets.front(), atomOffsets.back() - atomOffsets.front(), atoms);
+
+    const std::vector<std::string>& families = preparation.featureFamilies;
+    std::vector<std::vector<Feature>> perConformer(static_cast<std::size_t>(count));
+    for (std::size_t c = 0; c < perConformer.size(); ++c) {
+        for (std::uint64_t f = offsets[c] - f0; f < offsets[c + 1] - f0; ++f) {
+            if (types[f] >= families.size()) {
+                throw LibraryError("corrupt feature type in features/type");
+            }
+            Feature& feature = perConformer[c].emplace_back();
+            feature.type = types[f];
+            feature.family = families[types[f]];
+            feature.x = xyz[3 * f];
+            feature.y = xyz[3 * f + 1];
+            feature.z = xyz[3 * f + 2];
+            feature.atoms.assign(atoms.begin() + (atomOffsets[f] - atomOffsets.front()),
+                                 atoms.begin() + (atomOffsets[f + 1] - atomOffsets.front()));
+        }
+    }
+    return perConformer;
 }
 
 PreparedLibraryReader::PreparedLibraryReader(const std::string& path)
@@ -1103,6 +1264,7 @@ bool PreparedLibraryReader::Read(std::size_t first, std::size_t count,
     std::vector<std::uint8_t> elements;
     std::vector<double> xyz;
     std::vector<double> charges;
+    std::vector<std::vector<Feature>> features;
     {
         HdfSession session;
         try {
@@ -1122,6 +1284,7 @@ bool PreparedLibraryReader::Read(std::size_t first, std::size_t count,
             state.Read(Element, a0, numAtoms, elements);
             state.Read(AtomXyz, a0, numAtoms, xyz);
             state.Read(Charge, a0, numAtoms, charges);
+            features = state.ReadFeatures(c0, numConformers);
         } catch (const LibraryError& error) {
             state.error = state.path + ": " + error.what();
             return false;
@@ -1149,6 +1312,7 @@ bool PreparedLibraryReader::Read(std::size_t first, std::size_t count,
                 conformer.mol.AddAtom(elements[i], xyz[3 * i], xyz[3 * i + 1], xyz[3 * i + 2],
                                       charges[i]);
             }
+            conformer.features = std::move(features[local]);
             conformer.frame = QVChem::QVTrans(&frames[12 * local], &frames[12 * local + 9]);
             conformer.file = state.fileNames[fileIndices[local]];
             conformer.record = records[local];
@@ -1189,6 +1353,7 @@ bool PreparedLibraryReader::LoadConformer(std::size_t index, Conformer& out) {
     std::vector<std::uint32_t> recordAtomIndices;
     std::vector<double> recordXyz;
     std::vector<char> text;
+    std::vector<std::vector<Feature>> features;
     {
         HdfSession session;
         try {
@@ -1211,6 +1376,7 @@ bool PreparedLibraryReader::LoadConformer(std::size_t index, Conformer& out) {
             state.Read(RecordAtomXyz, recordAtomOffsets[0],
                        recordAtomOffsets[1] - recordAtomOffsets[0], recordXyz);
             state.Read(SdBytes, sdOffsets[0], sdOffsets[1] - sdOffsets[0], text);
+            features = state.ReadFeatures(index, 1);
         } catch (const LibraryError& error) {
             state.error = where + error.what();
             return false;
@@ -1263,7 +1429,16 @@ bool PreparedLibraryReader::LoadConformer(std::size_t index, Conformer& out) {
     data->molecule = std::shared_ptr<const RDKit::ROMol>(std::move(parsed));
     const RecordInfo info{state.fileNames[fileIndex[0]], record[0], mol.GetTitle(),
                           parts.properties};
+    for (const Feature& feature : features.front()) {
+        for (unsigned int atom : feature.atoms) {
+            if (atom >= numRecordAtoms) {
+                state.error = where + "a stored feature names an atom the record does not have";
+                return false;
+            }
+        }
+    }
     out = ConformerAccess::Make(std::move(mol), info, std::move(indices), std::move(data));
+    out.SetFeatures(std::move(features.front()));
     return true;
 }
 

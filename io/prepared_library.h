@@ -4,8 +4,8 @@
 ///
 /// A library is made once from molecule files (`PreparedLibraryWriter`) and read many times
 /// (`PreparedLibraryReader`). Per conformer it stores the selected (density) atoms with their
-/// elements, coordinates and partial charges, the conformer's principal frame, where the
-/// conformer came from, and the whole record as SD text with full-precision coordinates of every
+/// elements, coordinates and partial charges, its colour features, the conformer's principal
+/// frame, where the conformer came from, and the whole record as SD text with full-precision coordinates of every
 /// atom, so that a hit can be written out exactly as it was read. The layout is documented in
 /// docs/prepared-library.md.
 ///
@@ -49,6 +49,12 @@ struct LibraryPreparation {
     bool minimize = false;
     /// RMS pruning threshold of generated conformers, angstrom (0: no pruning).
     double pruneRms = 0.0;
+    /// The .fdef text the colour features were perceived with (see io/features.h); a colour
+    /// screen uses the stored features only when its own definitions have the same text.
+    std::string featureDefinitions;
+    /// The feature families of those definitions, in definition order: a stored feature's
+    /// `type` indexes this list. At most 255 families.
+    std::vector<std::string> featureFamilies;
 };
 
 /// One conformer as stored: the density atoms and their principal frame.
@@ -56,6 +62,9 @@ struct LibraryConformer {
     /// The selected atoms: atomic number, x y z (angstrom, the doubles that were read, exactly)
     /// and partial charge (NaN when not computed). The title is the molecule's title.
     QVChem::QVMol mol;
+    /// The colour features, in the conformer's input coordinates, as perceived (family, type,
+    /// position and record atoms, exactly).
+    std::vector<Feature> features;
     /// Input coordinates -> principal frame (R row-major and t, exactly as added).
     QVChem::QVTrans frame;
     /// The source file as it was given to the reader that made the conformer.
@@ -83,6 +92,8 @@ struct LibraryEntry {
         std::vector<unsigned int> recordAtoms;
         /// x, y, z of every record atom (hydrogens included) at full precision, angstrom.
         std::vector<double> recordXyz;
+        /// The conformer's colour features (`Conformer::Features()`).
+        std::vector<Feature> features;
         QVChem::QVTrans frame;
         std::string file;
         unsigned int record = 0;
@@ -96,7 +107,8 @@ struct LibraryEntry {
 /// Encodes `molecule` (at least one conformer, as the readers make them) with the frame of each
 /// conformer (`frames[i]` for `molecule.conformers[i]`). Throws std::runtime_error naming the
 /// record when it cannot be stored (a record RDKit cannot write, inconsistent atom indices,
-/// an atomic number above 255, a frame count that does not match). Thread-safe.
+/// an atomic number above 255, a feature whose atoms are not atoms of the record, a frame
+/// count that does not match). Thread-safe.
 LibraryEntry EncodeLibraryEntry(const Molecule& molecule,
                                 const std::vector<QVChem::QVTrans>& frames);
 
@@ -124,19 +136,22 @@ public:
     /// Appends one molecule: every conformer of `molecule` (as the readers make them, with
     /// their records) with its frame (`frames[i]` for `molecule.conformers[i]`). Stores the
     /// selected atoms (element, coordinates, charge) and their indices among the record's atoms,
-    /// the frame, file and record number, the molecule's title, the whole record as SD text in
+    /// the colour features (whose types must index the preparation's `featureFamilies`), the
+    /// frame, file and record number, the molecule's title, the whole record as SD text in
     /// its original pose (every atom, hydrogens included, and the SD data items) and the
     /// coordinates of every record atom at full precision.
     ///
     /// Returns false, with `Error()` set, when the molecule cannot be stored: no conformers, a
     /// frame count that does not match, a record RDKit cannot write (the library is then
-    /// unchanged and later molecules can still be added), or a failed write (the writer is
-    /// then no longer `Ok()` and `Commit` fails).
+    /// unchanged and later molecules can still be added), a feature type outside the
+    /// preparation's families, or a failed write (the writer is then no longer `Ok()` and
+    /// `Commit` fails).
     bool Add(const Molecule& molecule, const std::vector<QVChem::QVTrans>& frames);
 
     /// Appends a molecule encoded by `EncodeLibraryEntry` (the same as `Add` of the molecule it
     /// was made from). Returns false, with `Error()` set, when the write failed (the writer is
-    /// then no longer `Ok()`) or the entry has no conformer.
+    /// then no longer `Ok()`), the entry has no conformer or a feature type outside the
+    /// preparation's families.
     bool Append(const LibraryEntry& entry);
 
     /// Writes the remaining buffers, marks the file complete, closes it and renames it onto the
@@ -178,7 +193,7 @@ public:
     std::size_t NumConformers() const;
 
     /// Reads molecules [first, first + count), clipped at the end of the library, into `out`
-    /// (cleared first): atoms, frames, titles and sources, not the SD text. One call makes a
+    /// (cleared first): atoms, colour features, frames, titles and sources, not the SD text. One call makes a
     /// fixed number of HDF5 reads, whatever `count`. Returns false, with `Error()` naming the
     /// file, when the data cannot be read or fail their checksum.
     bool Read(std::size_t first, std::size_t count, std::vector<LibraryMolecule>& out);
@@ -186,7 +201,7 @@ public:
     /// The conformer `index` (0-based across the library) as a full `Conformer`, ready for
     /// `SdfWriter`: its record parsed by RDKit as the SD reader parses it, with the stored
     /// full-precision coordinates of every atom, its data items, file, record number and title
-    /// (the molecule's), and the same selected atoms as `Read` gives. Returns false, with
+    /// (the molecule's), and the same selected atoms and colour features as `Read` gives. Returns false, with
     /// `Error()` set, when the index is out of range or the record cannot be read or parsed.
     bool LoadConformer(std::size_t index, Conformer& out);
 

@@ -271,32 +271,32 @@ struct FitChannel {
     Expansion expansion;
 };
 
-/// Maximises shape overlap + w * colour overlap of the Hermite expansions; candidates best
-/// first, their overlaps the joint ones. The fit's features of the types both molecules have
-/// join the shape as channels, and the starts are the scanned orientations with the largest
-/// joint overlaps.
+/// Maximises shape overlap + the weighted overlaps of the query's other search channels (colour
+/// types, electrostatics) of the Hermite expansions; candidates best first, their overlaps the
+/// joint ones. The fit's densities of those channels join the shape, and the starts are the
+/// scanned orientations with the largest joint overlaps.
 std::vector<Candidate> JointHermiteSearch(const Expansion& query, const Expansion& fit,
-                                          const std::vector<QVGaussian>& fitShape,
-                                          const std::vector<ColourChannel>& colour,
-                                          const std::vector<QVGaussian>& fitColour, double radius,
-                                          const OrientationScan& scan, const Settings& settings,
-                                          double tolerance, unsigned int& evaluations) {
+                                          const PreparedMolecule& fitDensities,
+                                          const std::vector<SearchChannel>& queryChannels,
+                                          double radius, const OrientationScan& scan,
+                                          const Settings& settings, double tolerance,
+                                          unsigned int& evaluations) {
     JointOverlap objective;
-    std::vector<FitChannel> channels = {{fitShape, fit}};
+    std::vector<FitChannel> channels = {{fitDensities.shape, fit}};
     objective.AddChannel(query, fit, 1.0);
     std::vector<double> scanned = scan.Overlaps(fit);
-    for (const ColourChannel& queryFeatures : colour) {
-        std::vector<QVGaussian> features = OfType(fitColour, queryFeatures.type);
-        if (features.empty()) {
+    for (const SearchChannel& channel : queryChannels) {
+        std::vector<QVGaussian> gaussians = ChannelGaussians(fitDensities, channel);
+        if (gaussians.empty()) {
             continue;
         }
-        Expansion expansion = Expansion::Of(features, query.order, query.lambda);
-        objective.AddChannel(queryFeatures.expansion, expansion, settings.colourWeight);
-        const std::vector<double> overlaps = queryFeatures.scan.Overlaps(expansion);
+        Expansion expansion = Expansion::Of(gaussians, query.order, query.lambda);
+        objective.AddChannel(channel.expansion, expansion, channel.weight);
+        const std::vector<double> overlaps = channel.scan.Overlaps(expansion);
         for (std::size_t k = 0; k < scanned.size(); ++k) {
-            scanned[k] += settings.colourWeight * overlaps[k];
+            scanned[k] += channel.weight * overlaps[k];
         }
-        channels.push_back({std::move(features), std::move(expansion)});
+        channels.push_back({std::move(gaussians), std::move(expansion)});
     }
     std::vector<RotationMatrix> starts = scan.Rotations();
     if (starts.size() > settings.searchStarts) {
@@ -316,22 +316,25 @@ std::vector<Candidate> JointHermiteSearch(const Expansion& query, const Expansio
     return SearchFromStarts(objective, turnFit, starts, radius, settings, tolerance, evaluations);
 }
 
-/// The densities the exact refinement overlaps: the shape (channel 0) and, with colour, the
-/// features of each type t (channel t + 1), the query's scaled by the colour weight so that
-/// the objective is shape overlap + w * colour overlap.
+/// The densities the exact refinement overlaps: the shape (channel 0) and the Gaussians of
+/// search channel i (channel i + 1). The query's are scaled by each channel's weight, so that
+/// the objective is shape overlap + the weighted overlaps of the other channels.
 struct ExactChannels {
     std::vector<QVGaussian> gaussians;
     std::vector<unsigned int> channels;
 };
 
-ExactChannels WithColour(const std::vector<QVGaussian>& shape,
-                         const std::vector<QVGaussian>& colour, double weight) {
-    ExactChannels all{shape, std::vector<unsigned int>(shape.size(), 0)};
-    for (const QVGaussian& g : colour) {
-        const float centre[3] = {g.GetX(), g.GetY(), g.GetZ()};
-        all.gaussians.emplace_back(static_cast<float>(g.GetPrefactor() * weight), g.GetExponent(),
-                                   centre, g.GetTag());
-        all.channels.push_back(g.GetTag() + 1);
+ExactChannels ExactChannelsOf(const PreparedMolecule& molecule,
+                              const std::vector<SearchChannel>& searchChannels, bool weighted) {
+    ExactChannels all{molecule.shape, std::vector<unsigned int>(molecule.shape.size(), 0)};
+    for (std::size_t i = 0; i < searchChannels.size(); ++i) {
+        const double weight = weighted ? searchChannels[i].weight : 1.0;
+        for (const QVGaussian& g : ChannelGaussians(molecule, searchChannels[i])) {
+            const float centre[3] = {g.GetX(), g.GetY(), g.GetZ()};
+            all.gaussians.emplace_back(static_cast<float>(g.GetPrefactor() * weight),
+                                       g.GetExponent(), centre, g.GetTag());
+            all.channels.push_back(static_cast<unsigned int>(i + 1));
+        }
     }
     return all;
 }
@@ -525,6 +528,13 @@ QVHermiteMath::QVHermite QueryExpansion(const std::vector<QVGaussian>& shape,
 
 }  // namespace
 
+std::vector<QVGaussian> ChannelGaussians(const PreparedMolecule& molecule,
+                                         const SearchChannel& channel) {
+    return channel.density == SearchChannel::Density::Colour
+               ? OfType(molecule.colour, channel.type)
+               : molecule.electrostatic;
+}
+
 Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatures& features)
     : settings_(settings),
       prepared_(molecule, settings, features),
@@ -532,11 +542,20 @@ Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatur
       scan_(prepared_.shape, Expansion::From(expansion_),
             StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed)) {
     const Expansion shape = Expansion::From(expansion_);
+    const auto addChannel = [&](SearchChannel::Density density, unsigned int type, double weight,
+                                const std::vector<QVGaussian>& gaussians) {
+        Expansion expansion = Expansion::Of(gaussians, shape.order, shape.lambda);
+        OrientationScan scan(gaussians, expansion, scan_.Rotations());
+        channels_.push_back({density, type, weight, std::move(expansion), std::move(scan)});
+    };
     for (const unsigned int type : TypesOf(prepared_.colour)) {
-        const std::vector<QVGaussian> features = OfType(prepared_.colour, type);
-        Expansion expansion = Expansion::Of(features, shape.order, shape.lambda);
-        OrientationScan scan(features, expansion, scan_.Rotations());
-        colour_.push_back({type, std::move(expansion), std::move(scan)});
+        addChannel(SearchChannel::Density::Colour, type, settings.colourWeight,
+                   OfType(prepared_.colour, type));
+    }
+    if (settings.electrostatics && settings.electrostaticWeight > 0.0 &&
+        !prepared_.electrostatic.empty()) {
+        addChannel(SearchChannel::Density::Electrostatic, 0, settings.electrostaticWeight,
+                   prepared_.electrostatic);
     }
 }
 
@@ -548,20 +567,25 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
     const Expansion query = Expansion::From(expansion_);
     const Expansion fitExpansion = Expansion::Of(fit.shape, query.order, query.lambda);
     const double tolerance = settings_.relativeTolerance * prepared_.shapeSelfOverlap;
-    const bool colour = settings_.colour && !fit.colour.empty() && !prepared_.colour.empty();
+    // The joint search when the fit has a density of another search channel.
+    const bool joint = std::any_of(channels_.begin(), channels_.end(), [&](const auto& channel) {
+        return channel.density == SearchChannel::Density::Colour
+                   ? std::any_of(fit.colour.begin(), fit.colour.end(),
+                                 [&](const QVGaussian& g) { return g.GetTag() == channel.type; })
+                   : !fit.electrostatic.empty();
+    });
 
     Result result;
     std::vector<Candidate> candidates =
-        colour ? JointHermiteSearch(query, fitExpansion, fit.shape, colour_, fit.colour,
-                                    Radius(prepared_.shape), scan_, settings_, tolerance,
-                                    result.hermiteEvaluations)
-               : HermiteSearch(query, fitExpansion, fit.shape, Radius(prepared_.shape), scan_,
-                               settings_, tolerance, result.hermiteEvaluations);
+        joint ? JointHermiteSearch(query, fitExpansion, fit, channels_, Radius(prepared_.shape),
+                                   scan_, settings_, tolerance, result.hermiteEvaluations)
+              : HermiteSearch(query, fitExpansion, fit.shape, Radius(prepared_.shape), scan_,
+                              settings_, tolerance, result.hermiteEvaluations);
     // The Hermite shape overlap at the best Hermite pose (the joint search's overlaps include
-    // the colour).
+    // the other channels).
     double fitHermiteSelfOverlap = fitExpansion.SelfOverlap();
     const double hermiteOverlap =
-        colour
+        joint
             ? HermiteShapeOverlap(query, fit.shape, candidates.front().pose, fitHermiteSelfOverlap)
             : candidates.front().hermiteOverlap;
     const std::vector<std::size_t> refined =
@@ -569,10 +593,8 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
     // Refined candidates are compared by the refinement's own overlaps; the winner's exact
     // overlap, every pair included, is computed once.
     if (settings_.refineCandidates > 0) {
-        const std::vector<QVGaussian> none;
-        const ExactChannels fixed =
-            WithColour(prepared_.shape, colour ? prepared_.colour : none, settings_.colourWeight);
-        const ExactChannels moving = WithColour(fit.shape, colour ? fit.colour : none, 1.0);
+        const ExactChannels fixed = ExactChannelsOf(prepared_, channels_, true);
+        const ExactChannels moving = ExactChannelsOf(fit, channels_, false);
         ExactOverlapObjective exact(fixed.gaussians, moving.gaussians, fixed.channels,
                                     moving.channels);
         const double fitRadius = Radius(fit.shape);

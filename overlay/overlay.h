@@ -86,6 +86,10 @@ struct Settings {
     bool colour = false;
     /// Weight of the colour overlap against the shape overlap in the optimised objective.
     double colourWeight = 3.0;
+    /// Weight of the electrostatic overlap (signed) against the shape overlap in the optimised
+    /// objective, with `electrostatics`; 0 (the default) scores the electrostatics at the pose
+    /// the shape (and colour) found, without letting them move it.
+    double electrostaticWeight = 0.0;
 };
 
 /// How hard the search tries: presets of the settings that trade speed for the best pose
@@ -160,13 +164,23 @@ QVChem::QVTrans PrincipalFrameOf(const QVChem::QVMol& molecule);
 /// the expansion describe empty space between them, and the scores would be wrong.
 std::string CloudProblem(const QVChem::QVMol& molecule, double gap = 10.0);
 
-/// The features of one type of a prepared query: their expansion (the query's lambda) and its
-/// scan of the same orientations as the shape's.
-struct ColourChannel {
+/// A density of a prepared query that joins the shape in the search, with its weight in the
+/// objective: the colour features of one type, or the electrostatic density. Holds their
+/// expansion (the query's lambda) and its scan of the same orientations as the shape's.
+struct SearchChannel {
+    enum class Density { Colour, Electrostatic };
+    Density density;
+    /// The feature type (colour only).
     unsigned int type;
+    double weight;
     Expansion expansion;
     OrientationScan scan;
 };
+
+/// The Gaussians of `molecule` that `channel` overlaps: its features of the channel's type, or
+/// its electrostatic density.
+std::vector<QVSystem::QVGaussian> ChannelGaussians(const PreparedMolecule& molecule,
+                                                   const SearchChannel& channel);
 
 /// A query prepared for overlays: frame, densities and expansion.
 class Query {
@@ -203,8 +217,9 @@ private:
     PreparedMolecule prepared_;
     QVHermiteMath::QVHermite expansion_;
     OrientationScan scan_;
-    /// With colour, one channel per type of the query's features.
-    std::vector<ColourChannel> colour_;
+    /// The densities searched beside the shape: with colour, one per type of the query's
+    /// features; the electrostatic density when it has a weight.
+    std::vector<SearchChannel> channels_;
 };
 
 /// Applies a rigid transform to every atom of a molecule.

@@ -66,7 +66,7 @@ void AddParsedFits(io::Molecule& molecule, const io::ReadOptions& read,
             !OneCloud(conformer.Mol(), conformer.File(), conformer.Record(), entry.problems)) {
             continue;
         }
-        overlay::PreparedMolecule prepared(conformer.Mol(), overlay, ColourFeaturesOf(conformer));
+        overlay::PreparedMolecule prepared(conformer.Mol(), overlay, ColourFeaturesOf(conformer.Features()));
         const std::string file = conformer.File();
         const unsigned int record = conformer.Record();
         entry.fits.push_back(
@@ -83,7 +83,8 @@ void AddLibraryFits(io::LibraryMolecule& molecule, const io::ReadOptions& read,
             !OneCloud(stored.mol, stored.file, stored.record, entry.problems)) {
             continue;
         }
-        overlay::PreparedMolecule prepared(stored.mol, overlay, stored.frame);
+        overlay::PreparedMolecule prepared(stored.mol, overlay, stored.frame,
+                                           ColourFeaturesOf(stored.features));
         entry.fits.push_back(Fit{io::Conformer(std::move(stored.mol)), std::move(stored.file),
                                  stored.record, std::move(prepared), stored.index});
     }
@@ -117,12 +118,13 @@ std::unique_ptr<Database::Reader> Database::Open(const DatabaseRequirements& req
     return open_(*this, requirements, std::max<std::size_t>(1, libraryChunk));
 }
 
-overlay::ColourFeatures ColourFeaturesOf(const io::Conformer& conformer) {
-    overlay::ColourFeatures features;
-    for (const io::Feature& feature : conformer.Features()) {
-        features.push_back({feature.type, {feature.x, feature.y, feature.z}});
+overlay::ColourFeatures ColourFeaturesOf(const std::vector<io::Feature>& features) {
+    overlay::ColourFeatures converted;
+    converted.reserve(features.size());
+    for (const io::Feature& feature : features) {
+        converted.push_back({feature.type, {feature.x, feature.y, feature.z}});
     }
-    return features;
+    return converted;
 }
 
 void Database::FinishHits(ScreenReport& report) const {

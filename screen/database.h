@@ -35,12 +35,14 @@ struct DatabaseRequirements {
     /// Partial charges are needed (electrostatics), of this model.
     bool charges = false;
     io::ChargeModel chargeModel = io::ChargeModel::Gasteiger;
-    /// Colour features are needed.
+    /// Colour features are needed, perceived with these definitions (the built-in ones when
+    /// null).
     bool colour = false;
+    std::shared_ptr<const io::FeatureDefinitions> features;
 };
 
-/// The colour features of a conformer as the overlay takes them.
-overlay::ColourFeatures ColourFeaturesOf(const io::Conformer& conformer);
+/// Colour features (of a conformer, as read or stored) as the overlay takes them.
+overlay::ColourFeatures ColourFeaturesOf(const std::vector<io::Feature>& features);
 
 /// A database molecule as read, before its chemistry: one of the three kinds below, plus the
 /// problems of whole files met on the way to it.

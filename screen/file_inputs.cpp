@@ -8,6 +8,7 @@
 #include <memory>
 #include <utility>
 
+#include "io/features.h"
 #include "screen/database.h"
 #include "screen/screen.h"
 
@@ -32,12 +33,28 @@ bool NamedLikeALibrary(const std::string& path) {
     return lower == ".h5" || lower == ".hdf5";
 }
 
+/// Why a library's colour features cannot serve a colour run, or empty.
+std::string FeatureMismatch(const io::LibraryPreparation& preparation,
+                            const DatabaseRequirements& requirements) {
+    const std::string& wanted = requirements.features != nullptr
+                                    ? requirements.features->Text()
+                                    : io::FeatureDefinitions::DefaultText();
+    if (!requirements.colour || preparation.featureDefinitions == wanted) {
+        return "";
+    }
+    if (preparation.featureDefinitions.empty()) {
+        return "the library holds no colour features; prepare it again";
+    }
+    return "the library's colour features were perceived with other feature definitions; give "
+           "the --features file it was prepared with, or prepare it with yours";
+}
+
 /// Why a prepared library cannot serve a run with `requirements`; empty when it can.
 std::string LibraryMismatch(const io::LibraryPreparation& preparation,
                             const DatabaseRequirements& requirements) {
-    if (requirements.colour) {
-        return "prepared libraries hold no colour features yet; screen the library's source "
-               "files for colour";
+    const std::string features = FeatureMismatch(preparation, requirements);
+    if (!features.empty()) {
+        return features;
     }
     if (preparation.hydrogens != requirements.hydrogens) {
         return preparation.hydrogens
@@ -202,9 +219,15 @@ void LoadLibraryHits(const std::vector<std::string>& paths, ScreenReport& report
                 hit.conformer = std::move(conformer);
                 loaded.push_back(std::move(hit));
             } else {
-                report.problems.Add(
-                    io::Problem{paths[hit.library], 0, hit.row.title,
-                                "the hit's record could not be loaded: " + library->Error(), true});
+                // The problem names the library; the reader's error does too.
+                std::string error = library->Error();
+                const std::string prefix = paths[hit.library] + ": ";
+                if (error.compare(0, prefix.size(), prefix) == 0) {
+                    error.erase(0, prefix.size());
+                }
+                report.problems.Add(io::Problem{paths[hit.library], 0, hit.row.title,
+                                                "the hit's record could not be loaded: " + error,
+                                                true});
             }
         }
         hits = std::move(loaded);

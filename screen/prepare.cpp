@@ -5,6 +5,7 @@
 #include <chrono>
 #include <optional>
 
+#include "io/features.h"
 #include "screen/database.h"
 #include "screen/library_messages.h"
 
@@ -18,6 +19,10 @@ io::LibraryPreparation PreparationOf(const PrepareSettings& settings) {
     preparation.seed = settings.read.seed;
     preparation.minimize = settings.read.minimize;
     preparation.pruneRms = settings.read.pruneRms;
+    if (settings.read.features != nullptr) {
+        preparation.featureDefinitions = settings.read.features->Text();
+        preparation.featureFamilies = settings.read.features->Families();
+    }
     return preparation;
 }
 

@@ -17,9 +17,10 @@ namespace hermite::screen {
 
 /// How a library is prepared.
 struct PrepareSettings {
-    /// How the inputs are read: atom selection, charge model, conformer generation. Charges
-    /// that cannot be computed (metals) are kept as NaN with a note; such conformers can serve
-    /// shape screens only.
+    /// How the inputs are read: atom selection, charge model, conformer generation, colour
+    /// feature definitions (`features`; none perceived when null). Charges that cannot be
+    /// computed (metals) are kept as NaN with a note; such conformers can serve shape screens
+    /// only.
     io::ReadOptions read;
     /// Compute partial charges (needed by electrostatic screens).
     bool charges = true;

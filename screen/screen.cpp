@@ -179,7 +179,7 @@ QuerySet MakeQueries(const std::vector<io::Molecule>& molecules,
             try {
                 MessageCapture capture(warnings);
                 query.query = std::make_shared<const overlay::Query>(conformer.Mol(), settings,
-                                                                     ColourFeaturesOf(conformer));
+                                                                     ColourFeaturesOf(conformer.Features()));
             } catch (const std::exception& error) {
                 throw QueryError("cannot prepare the query " + io::DescribeSource(conformer) +
                                  ": " + error.what());
@@ -242,6 +242,7 @@ DatabaseRequirements RequirementsOf(const QuerySet& queries, const ScreenSetting
     requirements.charges = overlaySettings.electrostatics;
     requirements.chargeModel = settings.read.charges;
     requirements.colour = overlaySettings.colour;
+    requirements.features = settings.read.features;
     return requirements;
 }
 

@@ -300,6 +300,7 @@ class OverlaySettings:
         refine_iteration_limit: int = ...,
         electrostatics: bool = ...,
         electrostatic_width: float = ...,
+        electrostatic_weight: float = ...,
         colour: bool = ...,
         colour_weight: float = ...,
     ) -> None: ...
@@ -314,6 +315,7 @@ class OverlaySettings:
     refine_iteration_limit: int
     electrostatics: bool
     electrostatic_width: float
+    electrostatic_weight: float
     colour: bool
     colour_weight: float
     def copy(self) -> OverlaySettings: ...

@@ -928,6 +928,14 @@ def _table(rows: List[Dict[str, Any]], metric: str) -> "pandas.DataFrame":
     return frame
 
 
+def _positive(value: Any) -> bool:
+    """True for a number above 0; anything else is left to the settings' own checks."""
+    try:
+        return float(value) > 0.0
+    except (TypeError, ValueError):
+        return False
+
+
 def screen(query: Chem.Mol, molecules: Iterable[Optional[Chem.Mol]], *, threads: int = 0,
            progress: Union[bool, None, ProgressCallback] = True, hydrogens: bool = False,
            charges: Charges = "gasteiger", electrostatics: bool = False, colour: bool = False,
@@ -955,7 +963,8 @@ def screen(query: Chem.Mol, molecules: Iterable[Optional[Chem.Mol]], *, threads:
         hydrogens, charges: how atoms and charges are taken (see :func:`from_rdkit`); charges
             are computed only for electrostatics.
         electrostatics: also compute the electrostatic scores (also when
-            ``settings.electrostatics`` is set).
+            ``settings.electrostatics`` is set, or an ``electrostatic_weight`` above 0 lets
+            the electrostatics move the pose).
         colour: also match the colour (pharmacophore) features, perceived with `features`
             (also when ``settings.colour`` is set): the search maximises shape +
             ``colour_weight`` * colour overlap, and the colour scores are computed.
@@ -969,7 +978,8 @@ def screen(query: Chem.Mol, molecules: Iterable[Optional[Chem.Mol]], *, threads:
         score_only: score the molecules in their own poses instead of overlaying them.
         settings, **overlay_keywords: overlay settings, as for :func:`hermite.overlay`; among
             them ``colour_weight``, the weight of the colour overlap in the search (0 to 100,
-            default 1).
+            default 3), and ``electrostatic_weight``, that of the electrostatic overlap (0 to
+            100000, default 0: electrostatics scored only; it implies electrostatics).
 
     Returns:
         a pandas DataFrame with one row per molecule that is not None, sorted best first by the
@@ -1003,8 +1013,11 @@ def screen(query: Chem.Mol, molecules: Iterable[Optional[Chem.Mol]], *, threads:
     """
     _require_mol(query, "query")
     metric = _rank_metric(rank_by)
+    electrostatic_weight = overlay_keywords.get(
+        "electrostatic_weight", settings.electrostatic_weight if settings is not None else 0.0)
     compute_electrostatics = (bool(electrostatics) or metric == "es_combo"
-                              or bool(settings is not None and settings.electrostatics))
+                              or bool(settings is not None and settings.electrostatics)
+                              or _positive(electrostatic_weight))
     definitions = _colour_definitions(bool(colour) or metric == "combo", features, settings)
     compute_colour = definitions is not None
     if metric is None:

@@ -188,15 +188,26 @@ const char* const kSettingNames[] = {"order",
                                      "refine_iteration_limit",
                                      "electrostatics",
                                      "electrostatic_width",
+                                     "electrostatic_weight",
                                      "colour",
                                      "colour_weight"};
 
-/// The colour weight checked to lie in 0..100 (the command-line tool's range).
-double ColourWeight(double value) {
-    if (!std::isfinite(value) || value < 0.0 || value > 100.0) {
-        throw py::value_error("colour_weight must lie in 0..100, got " + Repr(value));
+/// A weight of the search checked to lie in 0..maximum (the command-line tool's range).
+double Weight(double value, const char* name, double maximum) {
+    if (!std::isfinite(value) || value < 0.0 || value > maximum) {
+        throw py::value_error(std::string(name) + " must lie in 0.." +
+                              std::to_string(static_cast<long long>(maximum)) + ", got " +
+                              Repr(value));
     }
     return value;
+}
+
+/// `settings`, refused when they ask for something they would not do.
+Settings Consistent(const Settings& settings) {
+    if (settings.electrostaticWeight > 0.0 && !settings.electrostatics) {
+        throw py::value_error("electrostatic_weight > 0 needs electrostatics=True");
+    }
+    return settings;
 }
 
 unsigned int Count(py::handle value, const char* name, long long maximum) {
@@ -214,7 +225,7 @@ Settings ResolveSettings(py::handle settings, const py::kwargs& kwargs) {
         resolved = settings.cast<Settings>();
     }
     if (kwargs.empty()) {
-        return resolved;
+        return Consistent(resolved);
     }
     py::object object = py::cast(resolved);
     if (kwargs.contains("effort")) {
@@ -240,7 +251,7 @@ Settings ResolveSettings(py::handle settings, const py::kwargs& kwargs) {
         }
         py::setattr(object, name.c_str(), item.second);
     }
-    return object.cast<Settings>();
+    return Consistent(object.cast<Settings>());
 }
 
 std::string SettingsRepr(const Settings& s) {
@@ -252,6 +263,7 @@ std::string SettingsRepr(const Settings& s) {
         << ", refine_iteration_limit=" << s.refineIterationLimit
         << ", electrostatics=" << (s.electrostatics ? "True" : "False")
         << ", electrostatic_width=" << Repr(s.electrostaticWidth)
+        << ", electrostatic_weight=" << Repr(s.electrostaticWeight)
         << ", colour=" << (s.colour ? "True" : "False")
         << ", colour_weight=" << Repr(s.colourWeight) << ")";
     return out.str();
@@ -322,6 +334,7 @@ py::dict SettingsState(const Settings& s) {
     d["refine_iteration_limit"] = s.refineIterationLimit;
     d["electrostatics"] = s.electrostatics;
     d["electrostatic_width"] = s.electrostaticWidth;
+    d["electrostatic_weight"] = s.electrostaticWeight;
     d["colour"] = s.colour;
     d["colour_weight"] = s.colourWeight;
     return d;
@@ -648,6 +661,10 @@ std::string SettingsDoc() {
         << (d.electrostatics ? "True" : "False") << "].\n"
         << "    electrostatic_width: width of the electrostatic Gaussians in angstrom ["
         << Repr(d.electrostaticWidth) << "].\n"
+        << "    electrostatic_weight: with electrostatics, the search maximises shape (+ colour) "
+           "+ electrostatic_weight * electrostatic overlap, 0 to 100000; 0 scores the "
+           "electrostatics without letting them move the pose ["
+        << Repr(d.electrostaticWeight) << "].\n"
         << "    colour: also match the molecules' colour (pharmacophore) features, given as "
            "``hermite.Molecule(..., features=...)``: the search maximises shape + colour_weight "
            "* colour overlap and the colour scores are computed ["
@@ -768,6 +785,9 @@ Args:
     refine_iteration_limit: BFGS iteration limit of the exact refinement.
     electrostatics: also compute electrostatic scores (needs partial charges).
     electrostatic_width: width of the electrostatic Gaussians, angstrom.
+    electrostatic_weight: weight of the electrostatic overlap against the shape overlap in the
+        search, 0 to 100000, with electrostatics (0: scored at the pose found, not optimised).
+        Electrostatic overlaps are thousands of times smaller than shape overlaps.
     colour: also match the colour (pharmacophore) features of the molecules (see
         hermite.Molecule's ``features``) and compute the colour scores.
     colour_weight: weight of the colour overlap against the shape overlap in the search,
@@ -831,12 +851,19 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
             },
             "Width of the electrostatic Gaussians, angstrom.")
         .def_property(
+            "electrostatic_weight", [](const Settings& s) { return s.electrostaticWeight; },
+            [](Settings& s, double v) {
+                s.electrostaticWeight = Weight(v, "electrostatic_weight", 100000.0);
+            },
+            "Weight of the electrostatic overlap against the shape overlap in the search "
+            "(0 to 100000, with electrostatics; 0: not optimised).")
+        .def_property(
             "colour", [](const Settings& s) { return s.colour; },
             [](Settings& s, bool v) { s.colour = v; },
             "Match the colour features and compute the colour scores.")
         .def_property(
             "colour_weight", [](const Settings& s) { return s.colourWeight; },
-            [](Settings& s, double v) { s.colourWeight = ColourWeight(v); },
+            [](Settings& s, double v) { s.colourWeight = Weight(v, "colour_weight", 100.0); },
             "Weight of the colour overlap against the shape overlap in the search (0 to 100).")
         .def("__repr__", &SettingsRepr)
         .def(

@@ -219,6 +219,27 @@ def test_colour_spelled_color_and_user_feature_definitions(tmp_path):
     assert alone.returncode == 2 and "add --colour" in alone.stderr
 
 
+def test_electrostatic_weight_moves_the_pose(tmp_path):
+    """--electrostatic-weight implies --electrostatics and lets the electrostatics move the
+    poses: the electrostatic Tanimotos rise on the whole; 0 changes nothing; out of range is a
+    usage error."""
+    def scores(name, *options):
+        result = run("overlay", "--query", QUERY, "--db", CDK2, "--scores", f"{name}.tsv",
+                     "--quiet", *options, cwd=tmp_path)
+        assert result.returncode == 0, result.stderr
+        return read_tsv(tmp_path / f"{name}.tsv")
+    scored = scores("scored", "--electrostatics")
+    weighted = scores("weighted", "--electrostatic-weight", "5000")
+    assert [row["title"] for row in scored] == [row["title"] for row in weighted]
+    gains = [float(w["es_tanimoto"]) - float(s["es_tanimoto"]) for s, w in zip(scored, weighted)]
+    assert sum(gains) / len(gains) > 0.02
+    assert sum(gain > -0.01 for gain in gains) >= 40
+    assert scores("zero", "--electrostatics", "--electrostatic-weight", "0") == scored
+    bad = run("overlay", "--query", QUERY, "--db", CDK2, "--electrostatic-weight", "-1",
+              cwd=tmp_path)
+    assert bad.returncode == 2 and "--electrostatic-weight" in bad.stderr
+
+
 def test_cutoff_and_best(tmp_path):
     result = run("overlay", "--query", QUERY, "--db", CDK2, "--scores", "scores.tsv", "--out",
                  "hits.sdf", "--cutoff", "0.8", "--best", "4", "--quiet", cwd=tmp_path)

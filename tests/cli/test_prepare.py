@@ -88,7 +88,8 @@ def test_prepare_writes_an_hdf5_library(cdk2_library):
     assert os.listdir(library.parent) == ["cdk2.h5"]
 
 
-@pytest.mark.parametrize("extra", [(), ("--electrostatics",)], ids=["shape", "electrostatics"])
+@pytest.mark.parametrize("extra", [(), ("--electrostatics",), ("--rank-by", "combo")],
+                         ids=["shape", "electrostatics", "colour"])
 def test_library_screens_like_its_source_file(cdk2_library, tmp_path, extra):
     library, _ = cdk2_library
     # The library records the source file as it was given to prepare: the same path here.
@@ -101,8 +102,11 @@ def test_library_screens_like_its_source_file(cdk2_library, tmp_path, extra):
     assert len(rows) == 47
     assert {row["file"] for row in rows} == {str(CDK2)}
     assert [int(row["record"]) for row in rows] == list(range(1, 48))
-    if extra:
+    if "--electrostatics" in extra:
         assert rows[0]["es_tanimoto"] == "1.0000" and rows[0]["es_combo"] == "2.0000"
+    if "combo" in extra:
+        assert rows[0]["colour_tanimoto"] == "1.0000" and rows[0]["combo"] == "2.0000"
+        assert len({row["colour_tanimoto"] for row in rows}) > 30
     assert len(read_sdf(tmp_path / "library.sdf")) == 47
     assert from_library[1] == from_source[1]        # scores, byte for byte
     assert from_library[2] == from_source[2]        # hits, byte for byte
@@ -356,15 +360,25 @@ def damaged_screen(tmp_path, name):
     return result, rows
 
 
+def chunk_middle(library, dataset):
+    """The file offset of the middle byte of the first chunk of `dataset`."""
+    with h5py.File(library, "r") as handle:
+        chunk = handle[dataset].id.get_chunk_info(0)
+    return chunk.byte_offset + chunk.size // 2
+
+
 def damaged_copy(library, directory, damage):
     """A damaged copy of `library` in `directory`: `damage` is truncated (the first half of the
-    bytes), flipped (one byte in the middle inverted) or foreign (another HDF5 file)."""
+    bytes), flipped (one byte inverted in the atom coordinates, which every screen reads),
+    flipped-record (one byte inverted in the records' SD text, read for hits only) or foreign
+    (another HDF5 file)."""
     path = directory / f"{damage}.h5"
     data = bytearray(library.read_bytes())
     if damage == "truncated":
         path.write_bytes(bytes(data[:len(data) // 2]))
-    elif damage == "flipped":
-        data[len(data) // 2] ^= 0xFF
+    elif damage.startswith("flipped"):
+        dataset = "atoms/xyz" if damage == "flipped" else "conformers/sd_bytes"
+        data[chunk_middle(library, dataset)] ^= 0xFF
         path.write_bytes(bytes(data))
     else:
         with h5py.File(path, "w") as handle:
@@ -385,7 +399,7 @@ def test_damaged_library_is_refused(cdk2_library, tmp_path, damage):
     assert all(row["status"] == "ok" for row in rows)
 
 
-@pytest.mark.parametrize("damage", ["truncated", "flipped", "foreign"])
+@pytest.mark.parametrize("damage", ["truncated", "flipped", "flipped-record", "foreign"])
 def test_damaged_library_message_names_the_file_once(cdk2_library, tmp_path, damage):
     damaged_copy(cdk2_library[0], tmp_path, damage)
     result, _ = damaged_screen(tmp_path, f"{damage}.h5")
@@ -438,12 +452,18 @@ def test_prepare_skips_unreadable_inputs_and_still_writes(tmp_path):
 
 # --- libraries prepared otherwise than the screen -----------------------------------------------
 
+RINGS_FDEF = "DefineFeature Ring6 a1aaaaa1\n  Family Ring\n  Weights 1,1,1,1,1,1\nEndFeature\n"
+
+
 @pytest.fixture(scope="module")
 def variants(tmp_path_factory):
-    """The CDK2 set prepared without charges, with hydrogens and with MMFF94 charges."""
+    """The CDK2 set prepared without charges, with hydrogens, with MMFF94 charges and with
+    colour features of the user's definitions (rings.fdef, one family)."""
     directory = tmp_path_factory.mktemp("variants")
+    (directory / "rings.fdef").write_text(RINGS_FDEF)
     for name, options in [("nocharges", ["--no-charges"]), ("hydrogens", ["--hydrogens"]),
-                          ("mmff", ["--charges", "mmff"])]:
+                          ("mmff", ["--charges", "mmff"]),
+                          ("rings", ["--features", "rings.fdef"])]:
         result = prepare(directory, CDK2, "--out", f"{name}.h5", "--quiet", *options)
         assert result.returncode == 0, result.stderr
     return directory
@@ -454,7 +474,7 @@ def variants(tmp_path_factory):
     ("hydrogens", (), "with hydrogens"),
     ("nocharges", ("--electrostatics",), "charges"),
     ("nocharges", ("--rank-by", "es-combo"), "charges"),
-    ("cdk2", ("--colour",), "colour"),
+    ("rings", ("--colour",), "colour features were perceived with other feature definitions"),
 ])
 def test_mismatched_library_is_refused(cdk2_library, variants, tmp_path, library, extra, words):
     source = cdk2_library[0] if library == "cdk2" else variants / f"{library}.h5"
@@ -467,6 +487,23 @@ def test_mismatched_library_is_refused(cdk2_library, variants, tmp_path, library
                    if line.startswith(f"  {library}.h5: "))
     assert words in message
     assert [row["title"] for row in read_tsv(tmp_path / "run.tsv")] == ["benzoic_acid"]
+
+
+def test_library_of_user_feature_definitions(variants, tmp_path):
+    """A library prepared with --features serves colour screens with the same file, whose
+    colour scores are those of the source file screened with it; a bad file is a usage error."""
+    (tmp_path / "rings.fdef").write_text(RINGS_FDEF)
+    extra = ("--colour", "--features", "rings.fdef")
+    from_library = screen(tmp_path, variants / "rings.h5", extra=extra, name="library")
+    from_source = screen(tmp_path, CDK2, extra=extra, name="source")
+    assert from_library[0].returncode == 0, from_library[0].stderr
+    assert from_library[1] == from_source[1] and from_library[2] == from_source[2]
+    default = screen(tmp_path, CDK2, extra=("--colour",), name="default")
+    assert default[1] != from_source[1]
+    (tmp_path / "bad.fdef").write_text("DefineFeature Broken [C\n  Family X\nEndFeature\n")
+    bad = prepare(tmp_path, CDK2, "--out", "bad.h5", "--features", "bad.fdef")
+    assert bad.returncode == 2 and "--features" in bad.stderr and "bad.fdef" in bad.stderr
+    assert not (tmp_path / "bad.h5").exists()
 
 
 def test_library_without_charges_serves_shape_screens(cdk2_library, variants, tmp_path):

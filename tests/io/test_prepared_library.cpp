@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "io/conformer_builder.h"
+#include "io/features.h"
 #include "io/molecule_io.h"
 #include "io/prepared_library.h"
 #include "io_test_support.h"
@@ -101,6 +102,19 @@ void ExpectSameFrame(const QVChem::QVTrans& expected, const QVChem::QVTrans& act
     }
 }
 
+/// The features are the same, positions bit for bit.
+void ExpectSameFeatures(const std::vector<Feature>& expected, const std::vector<Feature>& actual) {
+    ASSERT_EQ(actual.size(), expected.size());
+    for (std::size_t f = 0; f < expected.size(); ++f) {
+        EXPECT_EQ(actual[f].family, expected[f].family) << "feature " << f;
+        EXPECT_EQ(actual[f].type, expected[f].type) << "feature " << f;
+        EXPECT_TRUE(SameBits(actual[f].x, expected[f].x) && SameBits(actual[f].y, expected[f].y) &&
+                    SameBits(actual[f].z, expected[f].z))
+            << "feature " << f;
+        EXPECT_EQ(actual[f].atoms, expected[f].atoms) << "feature " << f;
+    }
+}
+
 /// The source conformers in library order.
 std::vector<const Conformer*> Flatten(const std::vector<Molecule>& molecules) {
     std::vector<const Conformer*> conformers;
@@ -130,6 +144,7 @@ void ExpectLibraryEquals(const std::vector<LibraryMolecule>& library,
             EXPECT_EQ(stored.record, sourceConformer.Record());
             EXPECT_EQ(stored.index, conformer);
             ExpectSameAtoms(sourceConformer.Mol(), stored.mol);
+            ExpectSameFeatures(sourceConformer.Features(), stored.features);
             ExpectSameFrame(FrameFor(conformer), stored.frame);
             ++conformer;
         }
@@ -174,6 +189,7 @@ void ExpectLoadedConformersEqualSource(PreparedLibraryReader& reader,
         EXPECT_EQ(loaded.Properties(), expected.Properties());
         EXPECT_EQ(loaded.RecordAtomIndices(), expected.RecordAtomIndices());
         EXPECT_EQ(loaded.NumRecordAtoms(), expected.NumRecordAtoms());
+        ExpectSameFeatures(expected.Features(), loaded.Features());
         const std::vector<RDGeom::Point3D> expectedPositions = RecordPositions(expected);
         const std::vector<RDGeom::Point3D> loadedPositions = RecordPositions(loaded);
         ASSERT_EQ(loadedPositions.size(), expectedPositions.size());
@@ -303,6 +319,83 @@ TEST(PreparedLibrary, Cdk2RoundTripsAtomsFramesAndSources) {
     EXPECT_EQ(all[0].conformers[0].record, 1u);
     EXPECT_EQ(all[46].conformers[0].record, 47u);
     EXPECT_TRUE(std::isfinite(all[0].conformers[0].mol.GetAtom(0).GetPartialCharge()));
+}
+
+/// The CDK2 ligands with their colour features (built-in definitions).
+const std::vector<Molecule>& Cdk2WithFeatures() {
+    static const std::vector<Molecule> molecules = [] {
+        ReadOptions options;
+        options.features =
+            std::make_shared<const FeatureDefinitions>(FeatureDefinitions::Default());
+        return ReadAll(Cdk2Path, options);
+    }();
+    return molecules;
+}
+
+LibraryPreparation PreparationWithDefaultFeatures() {
+    LibraryPreparation preparation;
+    preparation.featureDefinitions = FeatureDefinitions::DefaultText();
+    preparation.featureFamilies = FeatureDefinitions::Default().Families();
+    return preparation;
+}
+
+TEST(PreparedLibrary, ColourFeaturesRoundTrip) {
+    TemporaryDirectory directory;
+    const std::string path = directory.File("cdk2-features.h5");
+    std::size_t numFeatures = 0;
+    for (const Conformer* conformer : Flatten(Cdk2WithFeatures())) {
+        numFeatures += conformer->Features().size();
+    }
+    ASSERT_GT(numFeatures, 47u * 4);  // every ligand has several
+    WriteLibrary(path, Cdk2WithFeatures(), PreparationWithDefaultFeatures(), 3);
+
+    PreparedLibraryReader reader(path);
+    ASSERT_TRUE(reader.Ok()) << reader.Error();
+    EXPECT_EQ(reader.Preparation().featureDefinitions, FeatureDefinitions::DefaultText());
+    EXPECT_EQ(reader.Preparation().featureFamilies,
+              (std::vector<std::string>{"Donor", "Acceptor", "Cation", "Anion", "Aromatic",
+                                        "Hydrophobe"}));
+    ExpectLibraryEquals(ReadRange(reader, 0, 1000), Cdk2WithFeatures(), 0, 0);
+    ExpectLibraryEquals(ReadRange(reader, 50, 7), Cdk2WithFeatures(), 50, 50);
+    Conformer loaded;
+    ASSERT_TRUE(reader.LoadConformer(47 + 5, loaded)) << reader.Error();
+    ExpectSameFeatures(Cdk2WithFeatures()[5].conformers[0].Features(), loaded.Features());
+}
+
+TEST(PreparedLibrary, LibraryWithoutFeatureDefinitionsStoresNone) {
+    TemporaryDirectory directory;
+    const std::string path = directory.File("cdk2.h5");
+    WriteLibrary(path, Cdk2());
+    PreparedLibraryReader reader(path);
+    ASSERT_TRUE(reader.Ok()) << reader.Error();
+    EXPECT_TRUE(reader.Preparation().featureDefinitions.empty());
+    EXPECT_TRUE(reader.Preparation().featureFamilies.empty());
+    for (const LibraryMolecule& molecule : ReadRange(reader, 0, 47)) {
+        EXPECT_TRUE(molecule.conformers.front().features.empty());
+    }
+}
+
+TEST(PreparedLibrary, WriterRefusesFeatureTypesOutsideItsFamilies) {
+    TemporaryDirectory directory;
+    const std::string path = directory.File("refused.h5");
+    LibraryPreparation preparation = PreparationWithDefaultFeatures();
+    preparation.featureFamilies.resize(4);  // no Aromatic (4) nor Hydrophobe (5)
+    PreparedLibraryWriter writer(path, preparation);
+    ASSERT_TRUE(writer.Ok()) << writer.Error();
+    const Molecule& molecule = Cdk2WithFeatures()[0];
+    EXPECT_FALSE(writer.Add(molecule, {FrameFor(0)}));
+    EXPECT_EQ(writer.Error(), path + ": molecule '" + molecule.title +
+                                  "': feature type 4 is not one of the library's 4 feature "
+                                  "families");
+    EXPECT_TRUE(writer.Ok());  // the molecule is refused, the library goes on
+
+    LibraryPreparation badNames = PreparationWithDefaultFeatures();
+    badNames.featureFamilies.push_back("Two\nLines");
+    PreparedLibraryWriter refused(directory.File("names.h5"), badNames);
+    EXPECT_FALSE(refused.Ok());
+    EXPECT_EQ(refused.Error(), directory.File("names.h5") +
+                                   ": a feature family name is empty or holds a line break or a "
+                                   "null character");
 }
 
 TEST(PreparedLibrary, ReadingInChunksEqualsReadingAll) {
@@ -517,10 +610,16 @@ TEST(PreparedLibrary, UnsupportedFormatVersion) {
     const std::string path = directory.File("future.h5");
     EXPECT_EQ(
         ErrorOfDamagedLibrary(
-            path, [](RawHdfFile& file) { return file.SetRootAttribute("format_version", 3); }),
+            path, [](RawHdfFile& file) { return file.SetRootAttribute("format_version", 4); }),
         path +
-            ": unsupported prepared library format version 3 (this build "
-            "reads version 2)");
+            ": unsupported prepared library format version 4 (this build "
+            "reads version 3)");
+    EXPECT_EQ(
+        ErrorOfDamagedLibrary(
+            path, [](RawHdfFile& file) { return file.SetRootAttribute("format_version", 2); }),
+        path +
+            ": unsupported prepared library format version 2 (this build "
+            "reads version 3; prepare the library again)");
 }
 
 // Variable-length strings live in the global heap, which has no checksum; a damaged heap made

@@ -272,4 +272,42 @@ TEST(ColourOverlayTest, ShapeOnlyRunsCarryNoColour) {
     EXPECT_EQ(result.scores.electrostaticCombo, result.scores.shapeTanimoto);
 }
 
+/// The electrostatics join the search as another channel: the rod with a bulge again, now with
+/// a positive charge at one end and a negative one at the other, the fit's bulge at the other
+/// end. By shape the bulges coincide and the charges of opposite sign meet (a negative
+/// electrostatic Tanimoto); with a weight on the electrostatic overlap the charges of equal
+/// sign meet instead.
+TEST(ElectrostaticSearchTest, WeightLetsTheChargesTurnThePose) {
+    const auto rod = [](double bulgeX) {
+        QVMol molecule;
+        for (int i = 0; i < 7; ++i) {
+            const double charge = i == 0 ? 0.4 : i == 6 ? -0.4 : 0.0;
+            molecule.AddAtom(6, 1.4 * (i - 3), 0.0, 0.0, charge);
+        }
+        molecule.AddAtom(6, bulgeX, 1.4, 0.0, 0.0);
+        return molecule;
+    };
+    const QVMol queryRod = rod(2.8);
+    const QVMol fit = MovedMolecule(rod(-2.8), Motion(2.0, 2.0, -1.0, 0.5));
+
+    hermite::overlay::Settings settings;
+    settings.electrostatics = true;
+    const hermite::overlay::Result byShape =
+        hermite::overlay::Query(queryRod, settings).Overlay(fit);
+    EXPECT_LT(byShape.scores.electrostaticTanimoto, -0.25);  // -1/3 at worst
+
+    settings.electrostaticWeight = 2000.0;
+    const hermite::overlay::Result result =
+        hermite::overlay::Query(queryRod, settings).Overlay(fit);
+    EXPECT_GT(result.scores.electrostaticTanimoto, 0.9);
+    EXPECT_LT(result.scores.shapeTanimoto, byShape.scores.shapeTanimoto);
+    EXPECT_GT(result.scores.shapeTanimoto, 0.7);  // still the rods on one another
+
+    // A weight without electrostatics changes nothing.
+    settings.electrostatics = false;
+    const hermite::overlay::Result ignored =
+        hermite::overlay::Query(queryRod, settings).Overlay(fit);
+    EXPECT_EQ(ignored.scores.shapeTanimoto, byShape.scores.shapeTanimoto);
+}
+
 }  // namespace
