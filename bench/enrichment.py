@@ -23,15 +23,20 @@ score rank last (again decoys first). hermite.report itself counts ties by their
 over random orders (one half in the AUC, in proportion in EF and BEDROC); those figures go into
 the JSON as "metrics_ties_averaged".
 
-Outputs: a Markdown table (printed; --markdown FILE), everything as JSON (--json FILE) and the ROC
-curves of all rows on one figure (--roc FILE, PNG).
+Unless --no-libraries, the two conformer files are then prepared as libraries (``hermite
+prepare``, timed) and every hermite row is screened again from them, on one thread and on all
+cores: the rate of a screen that reads no chemistry (colour features and charges are stored in
+the libraries), checked to give the scores of the SD files.
+
+Outputs: a Markdown table (printed; --markdown FILE) followed by the library timings,
+everything as JSON (--json FILE) and the ROC curves of all rows on one figure (--roc FILE, PNG).
 
 Usage (Debian's Python, which has RDKit 2022.09, numpy and matplotlib):
 
     nice /usr/bin/python3 bench/enrichment.py [--data-dir /work/bench-data] [--conformers 10]
         [--seed 42] [--hermite build/cli/hermite] [--python-path build/python]
         [--peer-python /work/bench-data/venv-peers/bin/python] [--peers-subset N]
-        [--markdown FILE] [--json FILE] [--roc FILE]
+        [--no-peers] [--no-libraries] [--markdown FILE] [--json FILE] [--roc FILE]
 
 The peers' environment (python3 on PATH, not Debian's interpreter):
 
@@ -325,6 +330,68 @@ def run_hermite(row: HermiteRow, hermite: Path, query: Path, db: Sequence[Path],
     return result
 
 
+# --- prepared libraries ---------------------------------------------------------------------
+
+
+@dataclass
+class LibraryRun:
+    """One hermite row screened from prepared libraries with a number of worker threads."""
+
+    row: str
+    threads: int
+    seconds: float
+    conformers: int
+    same_scores: bool
+
+
+def prepare_libraries(hermite: Path, db: Sequence[Path], work_dir: Path
+                      ) -> Tuple[List[Path], float]:
+    """Prepares each conformer file as a library (all cores); the libraries and the seconds."""
+    libraries = []
+    start = time.perf_counter()
+    for path in db:
+        library = work_dir / (path.name.split(".")[0] + ".h5")
+        subprocess.run([str(hermite), "prepare", str(path), "--out", str(library), "--quiet",
+                        "--threads", "0"], check=True, stdout=subprocess.DEVNULL)
+        libraries.append(library)
+    return libraries, time.perf_counter() - start
+
+
+def library_runs(rows: Sequence[RowResult], hermite: Path, query: Path,
+                 libraries: Sequence[Path], work_dir: Path) -> List[LibraryRun]:
+    """Each hermite row again, from the prepared libraries, on one thread and on all cores:
+    the rate of a screen that reads no chemistry, and a check that its scores are those of the
+    molecule files."""
+    runs = []
+    for index, (spec, result) in enumerate(zip(HERMITE_ROWS, rows)):
+        if result.error:
+            continue
+        for threads in (1, 0):
+            table = work_dir / f"library-{index}-{threads}.tsv"
+            row = HermiteRow(spec.name, (*spec.options, "--threads", str(threads)), spec.score,
+                             spec.description)
+            done = run_hermite(row, hermite, query, libraries, table)
+            if done.error or done.seconds is None:
+                log(f"{spec.name} from libraries: {done.error}")
+                continue
+            runs.append(LibraryRun(spec.name, threads or PROCESSES, done.seconds,
+                                   done.conformers or 0, done.scores == result.scores))
+    return runs
+
+
+def library_table(preparation_seconds: float, conformers: int,
+                  runs: Sequence[LibraryRun]) -> str:
+    lines = [f"Prepared once in {preparation_seconds:.1f} s ({conformers / preparation_seconds:,.0f}"
+             f" conformers/s on {PROCESSES} cores), then screened:", "",
+             "| method | threads | wall time (s) | conformers/s | per thread | scores as from "
+             "the SD files |", "|---|--:|--:|--:|--:|---|"]
+    for run in runs:
+        rate = run.conformers / run.seconds
+        lines.append(f"| {run.row} | {run.threads} | {run.seconds:.1f} | {rate:,.0f} "
+                     f"| {rate / run.threads:,.0f} | {'yes' if run.same_scores else 'NO'} |")
+    return "\n".join(lines) + "\n"
+
+
 # --- peers ----------------------------------------------------------------------------------
 
 
@@ -564,6 +631,8 @@ def parse_arguments(argv: Optional[Sequence[str]]) -> argparse.Namespace:
     parser.add_argument("--peers-subset", type=int, metavar="N",
                         help="run the peers on all actives and a fixed random subset of N decoys")
     parser.add_argument("--no-peers", action="store_true", help="the hermite rows only")
+    parser.add_argument("--no-libraries", action="store_true",
+                        help="do not time the hermite rows from prepared libraries")
     parser.add_argument("--markdown", type=Path, help="write the table to this file")
     parser.add_argument("--json", type=Path, help="write everything to this JSON file")
     parser.add_argument("--roc", type=Path, help="write the ROC curves to this PNG")
@@ -623,11 +692,19 @@ def main(argv: Optional[Sequence[str]] = None) -> int:
     results: List[RowResult] = []
     estimates: Dict[str, Any] = {}
     subset = None
+    libraries_text = ""
+    library_document: Dict[str, Any] = {}
     with tempfile.TemporaryDirectory(prefix="enrichment-") as work:
         work_dir = Path(work)
         for index, row in enumerate(HERMITE_ROWS):
             results.append(run_hermite(row, args.hermite, args.query, db,
                                        work_dir / f"scores-{index}.tsv"))
+        if not args.no_libraries:
+            libraries, preparation = prepare_libraries(args.hermite, db, work_dir)
+            runs = library_runs(results, args.hermite, args.query, libraries, work_dir)
+            libraries_text = library_table(preparation, total_conformers, runs)
+            library_document = {"preparation_seconds": preparation,
+                                "runs": [vars(run) for run in runs]}
         if not args.no_peers:
             peers, estimates, subset = run_peers(args, titles, db, total_conformers, work_dir)
             results += peers
@@ -641,12 +718,13 @@ def main(argv: Optional[Sequence[str]] = None) -> int:
         distinct = evaluate(result, ranked, active_titles, report)
         curves.append((result.name, distinct,
                        np.array([title in active_titles for title in ranked])))
-    table = markdown_table(results)
+    table = markdown_table(results) + ("\n" + libraries_text if libraries_text else "")
     print(table, end="")
     if args.markdown:
         args.markdown.write_text(table)
     if args.json:
         document = json_document(args, results, conformer_sets, estimates, subset)
+        document["prepared_libraries"] = library_document
         args.json.write_text(json.dumps(document, indent=1) + "\n")
     if args.roc and curves:
         roc_figure(curves, args.roc, report)

@@ -116,14 +116,16 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     settings.refineCandidates = static_cast<unsigned int>(
         IntegerOption(line, "--refine", settings.refineCandidates, 0, 1000));
     settings.seed = request.read.seed;
-    settings.electrostaticWeight = RealOption(line, "--electrostatic-weight",
-                                              settings.electrostaticWeight, 0.0, 100000.0);
+    settings.electrostaticWeight =
+        RealOption(line, "--electrostatic-weight", settings.electrostaticWeight, 0.0, 100000.0);
     settings.electrostatics = line.Has("--electrostatics") ||
                               screen.rankBy == screen::RankMetric::ElectrostaticCombo ||
                               settings.electrostaticWeight > 0.0;
     settings.colour =
         line.Has("--colour") || line.Has("--color") || screen.rankBy == screen::RankMetric::Combo;
     settings.colourWeight = RealOption(line, "--colour-weight", settings.colourWeight, 0.0, 100.0);
+    settings.colourOrder = static_cast<unsigned int>(
+        IntegerOption(line, "--colour-order", settings.colourOrder, 0, 100));
     if (!line.Value("--features").empty() && !settings.colour) {
         throw UsageError("--features defines the colour features: add --colour");
     }
@@ -421,6 +423,12 @@ ArgumentParser OverlayParser() {
         .Option("--colour-weight", "W",
                 "Weight w of the colour overlap in the search, 0 to 100; default " +
                     FormatFixed(overlay::Settings().colourWeight, 1) + ".")
+        .Option("--colour-order", "N",
+                "Order of the Hermite expansions of the colour features in the search (at "
+                "most --order; default " +
+                    std::to_string(overlay::Settings().colourOrder) +
+                    "). Higher orders place the features more closely before the exact "
+                    "refinement, at a cost per feature type.")
         .Option("--features", "FILE",
                 "Colour features from this RDKit feature-definition (.fdef) file instead of "
                 "the built-in definitions (each family is one feature type). A prepared library "

@@ -285,8 +285,8 @@ const ColumnLayout Columns[NumColumns] = {
     {"features/definitions", Kind::U8, 1, 4096, Compression::Deflate},
 };
 
-const char* const Groups[] = {"molecules", "conformers", "atoms",
-                              "record_atoms", "files", "features"};
+const char* const Groups[] = {"molecules",    "conformers", "atoms",
+                              "record_atoms", "files",      "features"};
 
 /// The feature families, one per line, in the root attribute `feature_families`.
 const char FamilySeparator = '\n';
@@ -1151,8 +1151,8 @@ void PreparedLibraryReader::State::Open() {
     }
 }
 
-std::vector<std::vector<Feature>> PreparedLibraryReader::State::ReadFeatures(
-    std::uint64_t first, std::uint64_t count) {
+std::vector<std::vector<Feature>> PreparedLibraryReader::State::ReadFeatures(std::uint64_t first,
+                                                                             std::uint64_t count) {
     const std::vector<std::uint64_t> offsets = Offsets(FeatureOffsets, first, count, features);
     const std::uint64_t f0 = offsets.front();
     const std::uint64_t numFeatures = offsets.back() - f0;

@@ -5,9 +5,9 @@
 /// A library is made once from molecule files (`PreparedLibraryWriter`) and read many times
 /// (`PreparedLibraryReader`). Per conformer it stores the selected (density) atoms with their
 /// elements, coordinates and partial charges, its colour features, the conformer's principal
-/// frame, where the conformer came from, and the whole record as SD text with full-precision coordinates of every
-/// atom, so that a hit can be written out exactly as it was read. The layout is documented in
-/// docs/prepared-library.md.
+/// frame, where the conformer came from, and the whole record as SD text with full-precision
+/// coordinates of every atom, so that a hit can be written out exactly as it was read. The layout
+/// is documented in docs/prepared-library.md.
 ///
 /// Conventions:
 /// - Coordinates are in angstrom and stored as doubles, exactly as read; partial charges in
@@ -193,16 +193,17 @@ public:
     std::size_t NumConformers() const;
 
     /// Reads molecules [first, first + count), clipped at the end of the library, into `out`
-    /// (cleared first): atoms, colour features, frames, titles and sources, not the SD text. One call makes a
-    /// fixed number of HDF5 reads, whatever `count`. Returns false, with `Error()` naming the
-    /// file, when the data cannot be read or fail their checksum.
+    /// (cleared first): atoms, colour features, frames, titles and sources, not the SD text. One
+    /// call makes a fixed number of HDF5 reads, whatever `count`. Returns false, with `Error()`
+    /// naming the file, when the data cannot be read or fail their checksum.
     bool Read(std::size_t first, std::size_t count, std::vector<LibraryMolecule>& out);
 
     /// The conformer `index` (0-based across the library) as a full `Conformer`, ready for
     /// `SdfWriter`: its record parsed by RDKit as the SD reader parses it, with the stored
     /// full-precision coordinates of every atom, its data items, file, record number and title
-    /// (the molecule's), and the same selected atoms and colour features as `Read` gives. Returns false, with
-    /// `Error()` set, when the index is out of range or the record cannot be read or parsed.
+    /// (the molecule's), and the same selected atoms and colour features as `Read` gives. Returns
+    /// false, with `Error()` set, when the index is out of range or the record cannot be read or
+    /// parsed.
     bool LoadConformer(std::size_t index, Conformer& out);
 
 private:

@@ -6,9 +6,11 @@ namespace hermite::overlay {
 
 namespace {
 
-/// Height and exponent of a carbon atom's shape Gaussian.
+/// Height and exponent of a feature's Gaussian: the height of an atom's shape Gaussian, and
+/// broader than an atom, so that features match over the distances by which the groups of two
+/// ligands binding alike are apart. Chosen by measurement (docs/colour.md).
 constexpr float kFeatureHeight = 2.7f;
-constexpr float kFeatureExponent = 0.811151803f;
+constexpr float kFeatureExponent = 0.5f;
 
 }  // namespace
 

@@ -74,13 +74,16 @@ ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGauss
                  f.exponent * m.exponent / exponentSum});
         }
     }
-    BuildCells();
+    BuildCells(fixedChannels, movingChannels);
 }
 
-void ExactOverlapObjective::BuildCells() {
+void ExactOverlapObjective::BuildCells(const std::vector<unsigned int>& fixedChannels,
+                                       const std::vector<unsigned int>& movingChannels) {
     double smallestK = INFINITY;
     for (const Pair& pair : pairs_) {
-        smallestK = std::min(smallestK, pair.k);
+        if (pair.C != 0.0) {
+            smallestK = std::min(smallestK, pair.k);
+        }
     }
     if (fixed_.empty() || !(smallestK > 0.0) || !std::isfinite(smallestK)) {
         return;  // no pairs, or no finite reach: every pair is visited
@@ -106,10 +109,33 @@ void ExactOverlapObjective::BuildCells() {
         }
         return (index[2] * cells_[1] + index[1]) * cells_[0] + index[0];
     };
-    const std::size_t count = static_cast<std::size_t>(cells_[0]) * cells_[1] * cells_[2];
+    // Channels numbered densely in order of first appearance among the fixed centres.
+    std::vector<unsigned int> channelIds;
+    const auto denseChannel = [&channelIds](unsigned int channel) {
+        const auto found = std::find(channelIds.begin(), channelIds.end(), channel);
+        return static_cast<unsigned int>(found - channelIds.begin());
+    };
+    std::vector<unsigned int> fixedChannel(fixed_.size());
+    for (std::size_t i = 0; i < fixed_.size(); ++i) {
+        if (denseChannel(fixedChannels[i]) == channelIds.size()) {
+            channelIds.push_back(fixedChannels[i]);
+        }
+        fixedChannel[i] = denseChannel(fixedChannels[i]);
+    }
+    movingChannel_.assign(moving_.size(), kNoChannel);
+    for (std::size_t j = 0; j < moving_.size(); ++j) {
+        const unsigned int channel = denseChannel(movingChannels[j]);
+        movingChannel_[j] = channel < channelIds.size() ? channel : kNoChannel;
+    }
+
+    cellsPerChannel_ = static_cast<std::size_t>(cells_[0]) * cells_[1] * cells_[2];
+    const std::size_t count = cellsPerChannel_ * channelIds.size();
+    const auto slotOf = [&](unsigned int i) {
+        return fixedChannel[i] * cellsPerChannel_ + cellOf(fixed_[i].x);
+    };
     cellStart_.assign(count + 1, 0);
-    for (const Point& f : fixed_) {
-        ++cellStart_[cellOf(f.x) + 1];
+    for (unsigned int i = 0; i < fixed_.size(); ++i) {
+        ++cellStart_[slotOf(i) + 1];
     }
     for (std::size_t c = 0; c < count; ++c) {
         cellStart_[c + 1] += cellStart_[c];
@@ -117,7 +143,7 @@ void ExactOverlapObjective::BuildCells() {
     cellAtoms_.assign(fixed_.size(), 0);
     std::vector<unsigned int> next(cellStart_.begin(), cellStart_.end() - 1);
     for (unsigned int i = 0; i < fixed_.size(); ++i) {
-        cellAtoms_[next[cellOf(fixed_[i].x)]++] = i;
+        cellAtoms_[next[slotOf(i)]++] = i;
     }
 }
 
@@ -158,6 +184,9 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
     double g[6] = {0, 0, 0, 0, 0, 0};
     const std::size_t fixedCount = fixed_.size();
     for (std::size_t j = 0; j < moving_.size(); ++j) {
+        if (!cellStart_.empty() && movingChannel_[j] == kNoChannel) {
+            continue;  // nothing fixed in its channel
+        }
         const Point& m = moving_[j];
         const Pair* pairs = pairs_.data() + j * fixedCount;
         double p[3];
@@ -172,7 +201,7 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
             const Pair& constants = pairs[i];
             const double d[3] = {f.x[0] - p[0], f.x[1] - p[1], f.x[2] - p[2]};
             const double exponent = constants.k * (d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
-            if (exponent > kCutoff) {
+            if (exponent > kCutoff || constants.C == 0.0) {
                 return;
             }
             const double term = constants.C * std::exp(-exponent);
@@ -187,8 +216,10 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
                 add(i);
             }
         } else {
+            const std::size_t first = movingChannel_[j] * cellsPerChannel_;
             ForEachNearCell(p, [&](unsigned int cell) {
-                for (unsigned int k = cellStart_[cell]; k < cellStart_[cell + 1]; ++k) {
+                for (unsigned int k = cellStart_[first + cell]; k < cellStart_[first + cell + 1];
+                     ++k) {
                     add(cellAtoms_[k]);
                 }
             });

@@ -62,8 +62,9 @@ private:
     /// O and, when `gradient` is not null, dO/dy.
     double Evaluate(const double* y, double* gradient) const;
 
-    /// Builds the cell grid of the fixed centres.
-    void BuildCells();
+    /// Builds the cell grid of the fixed centres of each channel.
+    void BuildCells(const std::vector<unsigned int>& fixedChannels,
+                    const std::vector<unsigned int>& movingChannels);
 
     /// Calls `visit(cell)` for every cell within one cell of the one holding `p`: the cells
     /// that can hold fixed centres within `reach_` of it.
@@ -91,14 +92,19 @@ private:
     std::vector<Point> moving_;  // relative to g
     std::vector<Pair> pairs_;    // moving-major: pairs_[j * fixed_.size() + i]
     double centre_[3];
-    // The fixed centres sorted into cubic cells of edge `reach_`, the farthest distance at
-    // which a pair term is kept: the terms of a moving centre come from the 27 cells around
-    // its own, so an evaluation costs in proportion to the near pairs, not to all pairs.
+    // The fixed centres sorted by channel, then into cubic cells of edge `reach_`, the farthest
+    // distance at which a pair term is kept: the terms of a moving centre come from the 27
+    // cells around its own in its own channel, so an evaluation costs in proportion to the
+    // near pairs that overlap, not to all pairs.
     double reach_ = 0.0;
     double cellOrigin_[3] = {0.0, 0.0, 0.0};
     int cells_[3] = {0, 0, 0};
-    std::vector<unsigned int> cellStart_;  // per cell (x fastest), then one past the last
+    std::size_t cellsPerChannel_ = 0;
+    std::vector<unsigned int> cellStart_;  // per channel, per cell (x fastest); then the end
     std::vector<unsigned int> cellAtoms_;  // fixed indices, cell after cell
+    /// The dense channel of each moving centre, or kNoChannel when no fixed centre shares it.
+    std::vector<unsigned int> movingChannel_;
+    static constexpr unsigned int kNoChannel = ~0u;
 };
 
 }  // namespace hermite::overlay

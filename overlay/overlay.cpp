@@ -290,7 +290,7 @@ std::vector<Candidate> JointHermiteSearch(const Expansion& query, const Expansio
         if (gaussians.empty()) {
             continue;
         }
-        Expansion expansion = Expansion::Of(gaussians, query.order, query.lambda);
+        Expansion expansion = Expansion::Of(gaussians, channel.expansion.order, query.lambda);
         objective.AddChannel(channel.expansion, expansion, channel.weight);
         const std::vector<double> overlaps = channel.scan.Overlaps(expansion);
         for (std::size_t k = 0; k < scanned.size(); ++k) {
@@ -530,9 +530,8 @@ QVHermiteMath::QVHermite QueryExpansion(const std::vector<QVGaussian>& shape,
 
 std::vector<QVGaussian> ChannelGaussians(const PreparedMolecule& molecule,
                                          const SearchChannel& channel) {
-    return channel.density == SearchChannel::Density::Colour
-               ? OfType(molecule.colour, channel.type)
-               : molecule.electrostatic;
+    return channel.density == SearchChannel::Density::Colour ? OfType(molecule.colour, channel.type)
+                                                             : molecule.electrostatic;
 }
 
 Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatures& features)
@@ -543,19 +542,19 @@ Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatur
             StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed)) {
     const Expansion shape = Expansion::From(expansion_);
     const auto addChannel = [&](SearchChannel::Density density, unsigned int type, double weight,
-                                const std::vector<QVGaussian>& gaussians) {
-        Expansion expansion = Expansion::Of(gaussians, shape.order, shape.lambda);
+                                unsigned int order, const std::vector<QVGaussian>& gaussians) {
+        Expansion expansion = Expansion::Of(gaussians, order, shape.lambda);
         OrientationScan scan(gaussians, expansion, scan_.Rotations());
         channels_.push_back({density, type, weight, std::move(expansion), std::move(scan)});
     };
     for (const unsigned int type : TypesOf(prepared_.colour)) {
         addChannel(SearchChannel::Density::Colour, type, settings.colourWeight,
-                   OfType(prepared_.colour, type));
+                   std::min(settings.colourOrder, shape.order), OfType(prepared_.colour, type));
     }
     if (settings.electrostatics && settings.electrostaticWeight > 0.0 &&
         !prepared_.electrostatic.empty()) {
         addChannel(SearchChannel::Density::Electrostatic, 0, settings.electrostaticWeight,
-                   prepared_.electrostatic);
+                   shape.order, prepared_.electrostatic);
     }
 }
 

@@ -86,6 +86,11 @@ struct Settings {
     bool colour = false;
     /// Weight of the colour overlap against the shape overlap in the optimised objective.
     double colourWeight = 3.0;
+    /// Order of the Hermite expansions of the colour features in the search (at most `order`):
+    /// each feature type costs a channel of the search, and a low order keeps colour screens
+    /// fast; the exact refinement then places the features exactly. Chosen by measurement
+    /// (docs/colour.md).
+    unsigned int colourOrder = 2;
     /// Weight of the electrostatic overlap (signed) against the shape overlap in the optimised
     /// objective, with `electrostatics`; 0 (the default) scores the electrostatics at the pose
     /// the shape (and colour) found, without letting them move it.

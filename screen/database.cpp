@@ -66,7 +66,8 @@ void AddParsedFits(io::Molecule& molecule, const io::ReadOptions& read,
             !OneCloud(conformer.Mol(), conformer.File(), conformer.Record(), entry.problems)) {
             continue;
         }
-        overlay::PreparedMolecule prepared(conformer.Mol(), overlay, ColourFeaturesOf(conformer.Features()));
+        overlay::PreparedMolecule prepared(conformer.Mol(), overlay,
+                                           ColourFeaturesOf(conformer.Features()));
         const std::string file = conformer.File();
         const unsigned int record = conformer.Record();
         entry.fits.push_back(

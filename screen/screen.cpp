@@ -178,8 +178,8 @@ QuerySet MakeQueries(const std::vector<io::Molecule>& molecules,
             std::vector<std::string> warnings;
             try {
                 MessageCapture capture(warnings);
-                query.query = std::make_shared<const overlay::Query>(conformer.Mol(), settings,
-                                                                     ColourFeaturesOf(conformer.Features()));
+                query.query = std::make_shared<const overlay::Query>(
+                    conformer.Mol(), settings, ColourFeaturesOf(conformer.Features()));
             } catch (const std::exception& error) {
                 throw QueryError("cannot prepare the query " + io::DescribeSource(conformer) +
                                  ": " + error.what());

@@ -303,6 +303,7 @@ class OverlaySettings:
         electrostatic_weight: float = ...,
         colour: bool = ...,
         colour_weight: float = ...,
+        colour_order: int = ...,
     ) -> None: ...
     order: int
     scan_rotations: int
@@ -318,6 +319,7 @@ class OverlaySettings:
     electrostatic_weight: float
     colour: bool
     colour_weight: float
+    colour_order: int
     def copy(self) -> OverlaySettings: ...
     def __copy__(self) -> OverlaySettings: ...
     def __deepcopy__(self, memo: Dict[int, Any]) -> OverlaySettings: ...
@@ -407,8 +409,10 @@ def overlay(
     refine_iteration_limit: int = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
+    electrostatic_weight: float = ...,
     colour: bool = ...,
     colour_weight: float = ...,
+    colour_order: int = ...,
 ) -> OverlayResult: ...
 def score(
     query: Molecule,
@@ -427,8 +431,10 @@ def score(
     refine_iteration_limit: int = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
+    electrostatic_weight: float = ...,
     colour: bool = ...,
     colour_weight: float = ...,
+    colour_order: int = ...,
 ) -> OverlayResult: ...
 def screen(
     query: Union[Molecule, Sequence[Molecule]],
@@ -451,6 +457,8 @@ def screen(
     refine_iteration_limit: int = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
+    electrostatic_weight: float = ...,
     colour: bool = ...,
     colour_weight: float = ...,
+    colour_order: int = ...,
 ) -> List[OverlayResult]: ...

@@ -190,7 +190,8 @@ const char* const kSettingNames[] = {"order",
                                      "electrostatic_width",
                                      "electrostatic_weight",
                                      "colour",
-                                     "colour_weight"};
+                                     "colour_weight",
+                                     "colour_order"};
 
 /// A weight of the search checked to lie in 0..maximum (the command-line tool's range).
 double Weight(double value, const char* name, double maximum) {
@@ -265,7 +266,7 @@ std::string SettingsRepr(const Settings& s) {
         << ", electrostatic_width=" << Repr(s.electrostaticWidth)
         << ", electrostatic_weight=" << Repr(s.electrostaticWeight)
         << ", colour=" << (s.colour ? "True" : "False")
-        << ", colour_weight=" << Repr(s.colourWeight) << ")";
+        << ", colour_weight=" << Repr(s.colourWeight) << ", colour_order=" << s.colourOrder << ")";
     return out.str();
 }
 
@@ -337,6 +338,7 @@ py::dict SettingsState(const Settings& s) {
     d["electrostatic_weight"] = s.electrostaticWeight;
     d["colour"] = s.colour;
     d["colour_weight"] = s.colourWeight;
+    d["colour_order"] = s.colourOrder;
     return d;
 }
 
@@ -671,7 +673,10 @@ std::string SettingsDoc() {
         << (d.colour ? "True" : "False") << "].\n"
         << "    colour_weight: weight of the colour overlap against the shape overlap in the "
            "search, 0 to 100 ["
-        << Repr(d.colourWeight) << "].\n";
+        << Repr(d.colourWeight) << "].\n"
+        << "    colour_order: order of the Hermite expansions of the colour features in the "
+           "search, at most order ["
+        << d.colourOrder << "].\n";
     return out.str();
 }
 
@@ -792,6 +797,8 @@ Args:
         hermite.Molecule's ``features``) and compute the colour scores.
     colour_weight: weight of the colour overlap against the shape overlap in the search,
         0 to 100.
+    colour_order: order of the Hermite expansions of the colour features in the search (at
+        most ``order``; the exact refinement then places them exactly).
 
 Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
 )doc")
@@ -865,6 +872,10 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
             "colour_weight", [](const Settings& s) { return s.colourWeight; },
             [](Settings& s, double v) { s.colourWeight = Weight(v, "colour_weight", 100.0); },
             "Weight of the colour overlap against the shape overlap in the search (0 to 100).")
+        .def_property(
+            "colour_order", [](const Settings& s) { return s.colourOrder; },
+            [](Settings& s, py::object v) { s.colourOrder = Order(v); },
+            "Order of the Hermite expansions of the colour features in the search.")
         .def("__repr__", &SettingsRepr)
         .def(
             "copy", [](const Settings& s) { return s; }, "A copy.")

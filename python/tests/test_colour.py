@@ -400,11 +400,49 @@ def test_features_survive_pickling(cdk2_rdkit: List[Chem.Mol]) -> None:
 def test_colour_settings() -> None:
     default = hermite.OverlaySettings()
     assert default.colour is False and default.colour_weight == 3.0
-    settings = hermite.OverlaySettings(colour=True, colour_weight=2.5)
-    assert repr(settings).endswith(", colour=True, colour_weight=2.5)")
+    assert default.colour_order == 2 and default.electrostatic_weight == 0.0
+    settings = hermite.OverlaySettings(colour=True, colour_weight=2.5, colour_order=3)
+    assert repr(settings).endswith(", colour=True, colour_weight=2.5, colour_order=3)")
     again = pickle.loads(pickle.dumps(settings))
-    assert again.colour and again.colour_weight == 2.5
+    assert again.colour and again.colour_weight == 2.5 and again.colour_order == 3
     for weight in (-0.5, 100.5, float("nan")):
         with pytest.raises(ValueError, match="colour_weight must lie in 0..100"):
             hermite.OverlaySettings(colour_weight=weight)
-    assert "colour_weight" in hermite.overlay.__doc__
+    with pytest.raises(ValueError, match="order must lie in 0..100"):
+        hermite.OverlaySettings(colour_order=101)
+    for name in ("colour_weight", "colour_order", "electrostatic_weight"):
+        assert name in hermite.overlay.__doc__
+
+
+def test_electrostatic_weight_settings() -> None:
+    settings = hermite.OverlaySettings(electrostatics=True, electrostatic_weight=2500)
+    assert "electrostatic_weight=2500.0" in repr(settings)
+    assert pickle.loads(pickle.dumps(settings)).electrostatic_weight == 2500.0
+    for weight in (-1.0, 100001.0, float("inf")):
+        with pytest.raises(ValueError, match="electrostatic_weight must lie in 0..100000"):
+            hermite.OverlaySettings(electrostatics=True, electrostatic_weight=weight)
+    # A weight without electrostatics would be ignored: refused instead.
+    with pytest.raises(ValueError, match="electrostatic_weight > 0 needs electrostatics=True"):
+        hermite.OverlaySettings(electrostatic_weight=10)
+    loose = hermite.OverlaySettings()
+    loose.electrostatic_weight = 10.0
+    molecule = hermite.Molecule([6, 6, 8], [[0, 0, 0], [1.5, 0, 0], [2.2, 1.1, 0]],
+                                charges=[0.1, 0.2, -0.3])
+    with pytest.raises(ValueError, match="needs electrostatics=True"):
+        hermite.overlay(molecule, molecule, settings=loose)
+
+
+def test_electrostatic_weight_turns_the_charges_onto_each_other() -> None:
+    """A symmetric rod with opposite charges at its ends, the fit's charges reversed: by shape
+    alone either way round fits, and the search keeps the start (charges of opposite sign on
+    each other); with a weight on the electrostatic overlap it turns the rod round."""
+    positions = [[1.4 * (i - 3), 0.0, 0.0] for i in range(7)]
+    charges = [0.4, 0, 0, 0, 0, 0, -0.4]
+    query = hermite.Molecule([6] * 7, positions, charges=charges)
+    fit = hermite.Molecule([6] * 7, [[x + 0.3, y - 0.2, z + 0.1] for x, y, z in positions],
+                           charges=charges[::-1])
+    scored = hermite.overlay(query, fit, electrostatics=True)
+    moved = hermite.overlay(query, fit, electrostatics=True, electrostatic_weight=2000)
+    assert scored.scores.es_tanimoto < -0.25
+    assert moved.scores.es_tanimoto > 0.95
+    assert moved.scores.shape_tanimoto > 0.95

@@ -221,6 +221,28 @@ TEST(ExactOverlapObjectiveTest, CellsGiveThePlainSumOverEveryPair) {
     EXPECT_EQ(objective(away), 0.0);
 }
 
+/// One pair at every distance up to the cut-off: the value is C e^(-k d^2) to a few units of
+/// the last place.
+TEST(ExactOverlapObjectiveTest, OnePairFollowsTheClosedFormUpToTheCutoff) {
+    const float origin[3] = {0.0f, 0.0f, 0.0f};
+    const std::vector<QVGaussian> fixed = {QVGaussian(2.7f, 0.8f, origin, 0u)};
+    // The Gaussians' single-precision parameters, exactly.
+    const double a = 0.8f, b = 1.3f;
+    const double k = a * b / (a + b);
+    const double C = double(2.7f) * 1.5 * std::pow(3.141592653589793 / (a + b), 1.5);
+    double worst = 0.0;
+    for (int step = 0; step < 4000; ++step) {  // the last one just inside the cut-off
+        const double d = step * std::sqrt(ExactOverlapObjective::kCutoff / k) / 4000.0;
+        const float centre[3] = {static_cast<float>(d), 0.0f, 0.0f};
+        ExactOverlapObjective objective(fixed, {QVGaussian(1.5f, 1.3f, centre, 0u)});
+        const double zero[6] = {0, 0, 0, 0, 0, 0};
+        const double x = static_cast<double>(static_cast<float>(d));
+        const double expected = C * std::exp(-k * x * x);
+        worst = std::max(worst, std::fabs(-objective(zero) - expected) / expected);
+    }
+    EXPECT_LT(worst, 1e-14);
+}
+
 /// Moving the density to other positions is the same as making the objective for them.
 TEST(ExactOverlapObjectiveTest, SetMovingEqualsANewObjective) {
     const std::vector<QVGaussian> fixed = Molecule(31u, 9), first = Molecule(32u, 7);
