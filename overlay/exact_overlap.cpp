@@ -79,36 +79,6 @@ ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGauss
 
 void ExactOverlapObjective::BuildCells(const std::vector<unsigned int>& fixedChannels,
                                        const std::vector<unsigned int>& movingChannels) {
-    double smallestK = INFINITY;
-    for (const Pair& pair : pairs_) {
-        if (pair.C != 0.0) {
-            smallestK = std::min(smallestK, pair.k);
-        }
-    }
-    if (fixed_.empty() || !(smallestK > 0.0) || !std::isfinite(smallestK)) {
-        return;  // no pairs, or no finite reach: every pair is visited
-    }
-    // k d^2 > kCutoff for every pair farther apart than this.
-    reach_ = std::sqrt(kCutoff / smallestK);
-    double low[3] = {INFINITY, INFINITY, INFINITY}, high[3] = {-INFINITY, -INFINITY, -INFINITY};
-    for (const Point& f : fixed_) {
-        for (int a = 0; a < 3; ++a) {
-            low[a] = std::min(low[a], f.x[a]);
-            high[a] = std::max(high[a], f.x[a]);
-        }
-    }
-    for (int a = 0; a < 3; ++a) {
-        cellOrigin_[a] = low[a];
-        cells_[a] = static_cast<int>((high[a] - low[a]) / reach_) + 1;
-    }
-    const auto cellOf = [this](const double* x) {
-        int index[3];
-        for (int a = 0; a < 3; ++a) {
-            index[a] =
-                std::clamp(static_cast<int>((x[a] - cellOrigin_[a]) / reach_), 0, cells_[a] - 1);
-        }
-        return (index[2] * cells_[1] + index[1]) * cells_[0] + index[0];
-    };
     // Channels numbered densely in order of first appearance among the fixed centres.
     std::vector<unsigned int> channelIds;
     const auto denseChannel = [&channelIds](unsigned int channel) {
@@ -128,11 +98,52 @@ void ExactOverlapObjective::BuildCells(const std::vector<unsigned int>& fixedCha
         movingChannel_[j] = channel < channelIds.size() ? channel : kNoChannel;
     }
 
-    cellsPerChannel_ = static_cast<std::size_t>(cells_[0]) * cells_[1] * cells_[2];
-    const std::size_t count = cellsPerChannel_ * channelIds.size();
-    const auto slotOf = [&](unsigned int i) {
-        return fixedChannel[i] * cellsPerChannel_ + cellOf(fixed_[i].x);
-    };
+    // Each channel's reach: k d^2 > kCutoff for every pair of it farther apart than this.
+    std::vector<double> smallestK(channelIds.size(), INFINITY);
+    for (std::size_t j = 0; j < moving_.size(); ++j) {
+        for (std::size_t i = 0; i < fixed_.size(); ++i) {
+            const Pair& pair = pairs_[j * fixed_.size() + i];
+            if (pair.C != 0.0) {
+                smallestK[fixedChannel[i]] = std::min(smallestK[fixedChannel[i]], pair.k);
+            }
+        }
+    }
+    grids_.assign(channelIds.size(), Grid());
+    for (std::size_t c = 0; c < grids_.size(); ++c) {
+        if (std::isinf(smallestK[c])) {
+            smallestK[c] = 1.0;  // no pair of this channel counts: any grid will do
+        }
+        if (!(smallestK[c] > 0.0) || !std::isfinite(smallestK[c])) {
+            grids_.clear();  // no finite reach: every pair is visited
+            return;
+        }
+        grids_[c].reach = std::sqrt(kCutoff / smallestK[c]);
+    }
+    for (int a = 0; a < 3; ++a) {
+        for (Grid& grid : grids_) {
+            grid.origin[a] = INFINITY;
+        }
+    }
+    std::vector<double> extent(3 * grids_.size(), -INFINITY);
+    for (std::size_t i = 0; i < fixed_.size(); ++i) {
+        Grid& grid = grids_[fixedChannel[i]];
+        for (int a = 0; a < 3; ++a) {
+            grid.origin[a] = std::min(grid.origin[a], fixed_[i].x[a]);
+            extent[3 * fixedChannel[i] + a] =
+                std::max(extent[3 * fixedChannel[i] + a], fixed_[i].x[a]);
+        }
+    }
+    std::size_t count = 0;
+    for (std::size_t c = 0; c < grids_.size(); ++c) {
+        Grid& grid = grids_[c];
+        grid.first = count;
+        for (int a = 0; a < 3; ++a) {
+            grid.cells[a] = static_cast<int>((extent[3 * c + a] - grid.origin[a]) / grid.reach) + 1;
+        }
+        count += static_cast<std::size_t>(grid.cells[0]) * grid.cells[1] * grid.cells[2];
+    }
+
+    const auto slotOf = [&](unsigned int i) { return grids_[fixedChannel[i]].CellOf(fixed_[i].x); };
     cellStart_.assign(count + 1, 0);
     for (unsigned int i = 0; i < fixed_.size(); ++i) {
         ++cellStart_[slotOf(i) + 1];
@@ -184,7 +195,7 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
     double g[6] = {0, 0, 0, 0, 0, 0};
     const std::size_t fixedCount = fixed_.size();
     for (std::size_t j = 0; j < moving_.size(); ++j) {
-        if (!cellStart_.empty() && movingChannel_[j] == kNoChannel) {
+        if (!grids_.empty() && movingChannel_[j] == kNoChannel) {
             continue;  // nothing fixed in its channel
         }
         const Point& m = moving_[j];
@@ -211,15 +222,13 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
                 force[a] += scale * d[a];
             }
         };
-        if (cellStart_.empty()) {
+        if (grids_.empty()) {
             for (std::size_t i = 0; i < fixedCount; ++i) {
                 add(i);
             }
         } else {
-            const std::size_t first = movingChannel_[j] * cellsPerChannel_;
-            ForEachNearCell(p, [&](unsigned int cell) {
-                for (unsigned int k = cellStart_[first + cell]; k < cellStart_[first + cell + 1];
-                     ++k) {
+            ForEachNearCell(grids_[movingChannel_[j]], p, [&](std::size_t cell) {
+                for (unsigned int k = cellStart_[cell]; k < cellStart_[cell + 1]; ++k) {
                     add(cellAtoms_[k]);
                 }
             });

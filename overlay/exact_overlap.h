@@ -66,23 +66,45 @@ private:
     void BuildCells(const std::vector<unsigned int>& fixedChannels,
                     const std::vector<unsigned int>& movingChannels);
 
-    /// Calls `visit(cell)` for every cell within one cell of the one holding `p`: the cells
-    /// that can hold fixed centres within `reach_` of it.
+    /// The cell grid of the fixed centres of one channel: cubic cells of edge `reach`, the
+    /// farthest distance at which a pair term of the channel is kept, numbered from `first` in
+    /// `cellStart_` (x fastest).
+    struct Grid {
+        double reach = 0.0;
+        double origin[3] = {0.0, 0.0, 0.0};
+        int cells[3] = {0, 0, 0};
+        std::size_t first = 0;
+
+        /// The index of the cell holding `x` (clamped to the grid).
+        std::size_t CellOf(const double* x) const {
+            int index[3];
+            for (int a = 0; a < 3; ++a) {
+                index[a] =
+                    std::clamp(static_cast<int>((x[a] - origin[a]) / reach), 0, cells[a] - 1);
+            }
+            return first +
+                   static_cast<std::size_t>((index[2] * cells[1] + index[1]) * cells[0] + index[0]);
+        }
+    };
+
+    /// Calls `visit(cell)` for every cell of `grid` within one cell of the one holding `p`: the
+    /// cells that can hold fixed centres within `grid.reach` of it.
     template <class Visit>
-    void ForEachNearCell(const double* p, Visit visit) const {
+    static void ForEachNearCell(const Grid& grid, const double* p, Visit visit) {
         int low[3], high[3];
         for (int a = 0; a < 3; ++a) {
-            const double cell = std::floor((p[a] - cellOrigin_[a]) / reach_);
+            const double cell = std::floor((p[a] - grid.origin[a]) / grid.reach);
             if (!std::isfinite(cell)) {
                 return;
             }
-            low[a] = static_cast<int>(std::clamp(cell - 1.0, 0.0, double(cells_[a])));
-            high[a] = static_cast<int>(std::clamp(cell + 1.0, -1.0, cells_[a] - 1.0));
+            low[a] = static_cast<int>(std::clamp(cell - 1.0, 0.0, double(grid.cells[a])));
+            high[a] = static_cast<int>(std::clamp(cell + 1.0, -1.0, grid.cells[a] - 1.0));
         }
         for (int z = low[2]; z <= high[2]; ++z) {
             for (int y = low[1]; y <= high[1]; ++y) {
                 for (int x = low[0]; x <= high[0]; ++x) {
-                    visit(static_cast<unsigned int>((z * cells_[1] + y) * cells_[0] + x));
+                    visit(grid.first +
+                          static_cast<std::size_t>((z * grid.cells[1] + y) * grid.cells[0] + x));
                 }
             }
         }
@@ -92,15 +114,12 @@ private:
     std::vector<Point> moving_;  // relative to g
     std::vector<Pair> pairs_;    // moving-major: pairs_[j * fixed_.size() + i]
     double centre_[3];
-    // The fixed centres sorted by channel, then into cubic cells of edge `reach_`, the farthest
-    // distance at which a pair term is kept: the terms of a moving centre come from the 27
-    // cells around its own in its own channel, so an evaluation costs in proportion to the
-    // near pairs that overlap, not to all pairs.
-    double reach_ = 0.0;
-    double cellOrigin_[3] = {0.0, 0.0, 0.0};
-    int cells_[3] = {0, 0, 0};
-    std::size_t cellsPerChannel_ = 0;
-    std::vector<unsigned int> cellStart_;  // per channel, per cell (x fastest); then the end
+    // The fixed centres sorted by channel, then into the cells of their channel's grid: the
+    // terms of a moving centre come from the 27 cells around its own in the grid of its own
+    // channel, so an evaluation costs in proportion to the near pairs that overlap, not to all
+    // pairs. Empty when a channel has no finite reach: every pair is then visited.
+    std::vector<Grid> grids_;              // one per dense channel
+    std::vector<unsigned int> cellStart_;  // per cell of every grid; then the end
     std::vector<unsigned int> cellAtoms_;  // fixed indices, cell after cell
     /// The dense channel of each moving centre, or kNoChannel when no fixed centre shares it.
     std::vector<unsigned int> movingChannel_;

@@ -35,7 +35,7 @@ from . import _hermite
 if TYPE_CHECKING:  # RDKit is imported where it is used, never by ``import hermite``
     from rdkit import Chem
 
-    from .rdkit import ChargeModel
+    from .rdkit import ChargeModel, FeatureDefinitions, Features
 
 __all__ = [
     "RECORD_PROPERTY",
@@ -695,7 +695,8 @@ def _numbers(text: str, name: str) -> List[float]:
 
 
 def _hermite_conformers(mol: "Chem.Mol", file: str, file_format: str, hydrogens: bool,
-                        charges: "ChargeModel") -> List[_hermite.Molecule]:
+                        charges: "ChargeModel",
+                        definitions: "Optional[FeatureDefinitions]") -> List[_hermite.Molecule]:
     """The conformers of `mol` as hermite.Molecule, the charges computed once for all of them
     (SD input charges: each conformer's own record's); a conformer that cannot be used is
     skipped with a warning naming its record."""
@@ -715,8 +716,9 @@ def _hermite_conformers(mol: "Chem.Mol", file: str, file_format: str, hydrogens:
             if failure is not None:
                 raise failure
             values = shared if shared is not None else _record_charges(mol, conformer)
-            molecules.append(hr.from_rdkit(mol, conformer.GetId(), hydrogens=hydrogens,
-                                           charges=values, title=title))
+            molecules.append(hr.from_rdkit(
+                mol, conformer.GetId(), hydrogens=hydrogens, charges=values, title=title,
+                features=False if definitions is None else definitions))
         except ValueError as error:
             record = _Record(conformer.GetIntProp(RECORD_PROPERTY), title, "")
             warn(f"{_describe(file, record)}: {error}; skipped")
@@ -734,7 +736,8 @@ def _record_charges(mol: "Chem.Mol", conformer: Any) -> List[float]:
 
 
 def read_molecules(path: PathArgument, *, hydrogens: bool = False, charges: str = "gasteiger",
-                   smiles_conformers: int = 10, seed: int = 42) -> List[_hermite.Molecule]:
+                   smiles_conformers: int = 10, seed: int = 42,
+                   features: "Features" = False) -> List[_hermite.Molecule]:
     """Reads the conformers of every molecule of an SD, MOL2 or SMILES file (optionally
     gzipped), in file order, each as a hermite.Molecule titled like its record.
 
@@ -761,6 +764,10 @@ def read_molecules(path: PathArgument, *, hydrogens: bool = False, charges: str 
             PUBCHEM_MMFF94_PARTIAL_CHARGES of each record).
         smiles_conformers: conformers embedded per SMILES, 1..10000.
         seed: seed of the SMILES embedding, 0..4294967295.
+        features: the colour features of every conformer (for ``colour=True`` overlays and
+            screens): False or None for none, True for those of the default definitions, or
+            those of given :class:`hermite.rdkit.FeatureDefinitions` or of a .fdef file's path;
+            the command-line tool's ``--colour`` perceives the same.
 
     Returns:
         list of hermite.Molecule, one per conformer.
@@ -768,6 +775,9 @@ def read_molecules(path: PathArgument, *, hydrogens: bool = False, charges: str 
     if charges not in _CHARGE_MODELS:
         raise ValueError(f"charges must be 'gasteiger', 'mmff' or 'input', got {charges!r}")
     model = cast("ChargeModel", "mmff" if charges == "mmff94" else charges)
+    from . import rdkit as hr
+
+    definitions = hr._definitions_of(features)
     reader = read_mols(path, smiles_conformers=smiles_conformers, seed=seed)
     with reader:
         if model == "input" and reader.format == "smiles":
@@ -776,7 +786,7 @@ def read_molecules(path: PathArgument, *, hydrogens: bool = False, charges: str 
         molecules: List[_hermite.Molecule] = []
         for mol in reader:
             molecules.extend(_hermite_conformers(mol, reader.path, reader.format,
-                                                 bool(hydrogens), model))
+                                                 bool(hydrogens), model, definitions))
     return molecules
 
 

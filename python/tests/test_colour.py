@@ -270,6 +270,24 @@ def test_user_definitions_equal_the_tools(cdk2_rdkit: List[Chem.Mol], tmp_path: 
 # --- overlays -------------------------------------------------------------------------------
 
 
+def test_read_molecules_perceives_features(cdk2_path: str, cdk2_rdkit: List[Chem.Mol],
+                                           tmp_path: Path) -> None:
+    """read_molecules(features=...) gives each conformer the features perceive_features finds;
+    without it there are none."""
+    molecules = hermite.read_molecules(cdk2_path, features=True)
+    assert len(molecules) == 47
+    for molecule, mol in zip(molecules, cdk2_rdkit):
+        np.testing.assert_array_equal(molecule.features, hr.perceive_features(mol))
+    assert sum(len(m.features) for m in molecules) > 47 * 4
+    assert all(len(m.features) == 0 for m in hermite.read_molecules(cdk2_path))
+    (tmp_path / "rings.fdef").write_text(
+        "DefineFeature Ring6 a1aaaaa1\n  Family Ring\n  Weights 1,1,1,1,1,1\nEndFeature\n")
+    rings = hermite.read_molecules(cdk2_path, features=tmp_path / "rings.fdef")
+    assert {int(t) for m in rings for t in m.features[:, 0]} == {0}
+    with pytest.raises(TypeError, match="features must be True, False, None"):
+        hermite.read_molecules(cdk2_path, features=3)  # type: ignore[arg-type]
+
+
 def test_molecule_overlaid_onto_itself(cdk2_rdkit: List[Chem.Mol]) -> None:
     query = cdk2_rdkit[4]
     fit = moved(query, 23)

@@ -174,12 +174,12 @@ std::vector<QVGaussian> Scattered(unsigned int seed, unsigned int count, double 
     return gaussians;
 }
 
-/// Densities larger than the cut-off reach are summed through cells: the value and gradient
-/// equal a plain sum over every pair with the same cut-off, to rounding.
-TEST(ExactOverlapObjectiveTest, CellsGiveThePlainSumOverEveryPair) {
-    const std::vector<QVGaussian> fixed = Scattered(41u, 300, 40.0);
-    const std::vector<QVGaussian> moving = Scattered(42u, 200, 30.0);
-    ExactOverlapObjective objective(fixed, moving);
+/// The objective's value and gradient at y equal a plain sum over every pair of one channel
+/// with the same cut-off, to rounding.
+void ExpectPlainSum(const std::vector<QVGaussian>& fixed, const std::vector<QVGaussian>& moving,
+                    const std::vector<unsigned int>& fixedChannels,
+                    const std::vector<unsigned int>& movingChannels) {
+    ExactOverlapObjective objective(fixed, moving, fixedChannels, movingChannels);
     const double y[6] = {0.3, -0.2, 0.9, 1.5, -2.0, 0.5};
     double gradient[6];
     const double value = objective(y, gradient);
@@ -194,19 +194,21 @@ TEST(ExactOverlapObjectiveTest, CellsGiveThePlainSumOverEveryPair) {
         g[2] += m.GetZ() / double(moving.size());
     }
     double overlap = 0.0;
-    for (const QVGaussian& m : moving) {
+    for (std::size_t j = 0; j < moving.size(); ++j) {
+        const QVGaussian& m = moving[j];
         const double r[3] = {m.GetX() - g[0], m.GetY() - g[1], m.GetZ() - g[2]};
         double p[3];
         for (int i = 0; i < 3; ++i) {
             p[i] = R[3 * i] * r[0] + R[3 * i + 1] * r[1] + R[3 * i + 2] * r[2] + g[i] + y[3 + i];
         }
-        for (const QVGaussian& f : fixed) {
+        for (std::size_t i = 0; i < fixed.size(); ++i) {
+            const QVGaussian& f = fixed[i];
             const double a = f.GetExponent(), b = m.GetExponent();
             const double k = a * b / (a + b);
             const double d2 = (f.GetX() - p[0]) * (f.GetX() - p[0]) +
                               (f.GetY() - p[1]) * (f.GetY() - p[1]) +
                               (f.GetZ() - p[2]) * (f.GetZ() - p[2]);
-            if (k * d2 <= ExactOverlapObjective::kCutoff) {
+            if (fixedChannels[i] == movingChannels[j] && k * d2 <= ExactOverlapObjective::kCutoff) {
                 overlap += double(f.GetPrefactor()) * m.GetPrefactor() *
                            std::pow(3.141592653589793 / (a + b), 1.5) * std::exp(-k * d2);
             }
@@ -219,6 +221,24 @@ TEST(ExactOverlapObjectiveTest, CellsGiveThePlainSumOverEveryPair) {
     // A motion far from everything overlaps nothing.
     const double away[6] = {0, 0, 0, 1e6, 0, 0};
     EXPECT_EQ(objective(away), 0.0);
+}
+
+/// Densities larger than the cut-off reach are summed through cells: the value and gradient
+/// equal a plain sum over every pair, with one channel and with several (each with its own
+/// grid; moving centres of a channel the fixed density lacks overlap nothing).
+TEST(ExactOverlapObjectiveTest, CellsGiveThePlainSumOverEveryPair) {
+    const std::vector<QVGaussian> fixed = Scattered(41u, 300, 40.0);
+    const std::vector<QVGaussian> moving = Scattered(42u, 200, 30.0);
+    ExpectPlainSum(fixed, moving, std::vector<unsigned int>(fixed.size(), 0),
+                   std::vector<unsigned int>(moving.size(), 0));
+    std::vector<unsigned int> fixedChannels, movingChannels;
+    for (std::size_t i = 0; i < fixed.size(); ++i) {
+        fixedChannels.push_back(static_cast<unsigned int>(i % 3) * 7);
+    }
+    for (std::size_t j = 0; j < moving.size(); ++j) {
+        movingChannels.push_back(static_cast<unsigned int>(j % 4) * 7);
+    }
+    ExpectPlainSum(fixed, moving, fixedChannels, movingChannels);
 }
 
 /// One pair at every distance up to the cut-off: the value is C e^(-k d^2) to a few units of
