@@ -306,11 +306,11 @@ def read_score_table(path: Path, column: str) -> Tuple[Dict[str, float], int]:
 
 
 def run_hermite(row: HermiteRow, hermite: Path, query: Path, db: Sequence[Path],
-                table: Path) -> RowResult:
-    """Runs one hermite row, its score table written to `table`; times the whole command
-    (starting, reading, preparation and overlays)."""
+                table: Path, threads: int = 0) -> RowResult:
+    """Runs one hermite row on `threads` worker threads (0: all cores), its score table written
+    to `table`; times the whole command (starting, reading, preparation and overlays)."""
     command = [str(hermite), "overlay", "--query", str(query), "--db", *map(str, db),
-               "--scores", str(table), "--quiet", "--threads", "0", *row.options]
+               "--scores", str(table), "--quiet", "--threads", str(threads), *row.options]
     result = RowResult(row.name, row.description, settings=" ".join(
         ["hermite overlay", *command[2:]]).replace(str(table), "FILE"),
         details={"ranked_score": row.score})
@@ -368,9 +368,7 @@ def library_runs(rows: Sequence[RowResult], hermite: Path, query: Path,
             continue
         for threads in (1, 0):
             table = work_dir / f"library-{index}-{threads}.tsv"
-            row = HermiteRow(spec.name, (*spec.options, "--threads", str(threads)), spec.score,
-                             spec.description)
-            done = run_hermite(row, hermite, query, libraries, table)
+            done = run_hermite(spec, hermite, query, libraries, table, threads)
             if done.error or done.seconds is None:
                 log(f"{spec.name} from libraries: {done.error}")
                 continue

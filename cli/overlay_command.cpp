@@ -113,8 +113,10 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     settings.extraStarts = static_cast<unsigned int>(IntegerOption(line, "--starts", 0, 0, 1000));
     settings.searchStarts = static_cast<unsigned int>(
         IntegerOption(line, "--searches", settings.searchStarts, 1, 1000));
-    settings.refineCandidates = static_cast<unsigned int>(
-        IntegerOption(line, "--refine", settings.refineCandidates, 0, 1000));
+    if (line.Has("--refine")) {  // with and without colour
+        settings.refineCandidates = settings.colourRefineCandidates =
+            static_cast<unsigned int>(IntegerOption(line, "--refine", 0, 0, 1000));
+    }
     settings.seed = request.read.seed;
     settings.electrostaticWeight =
         RealOption(line, "--electrostatic-weight", settings.electrostaticWeight, 0.0, 100000.0);
@@ -452,7 +454,9 @@ ArgumentParser OverlayParser() {
         .Option("--refine", "R",
                 "Distinct poses of the local searches refined on the exact overlap of the atom "
                 "Gaussians, the best one kept; 0 (no refinement) to 1000; default " +
-                    std::to_string(overlay::Settings().refineCandidates) + ".")
+                    std::to_string(overlay::Settings().refineCandidates) + ", " +
+                    std::to_string(overlay::Settings().colourRefineCandidates) +
+                    " with colour (the features set the poses apart).")
         .Option("--report", "DIR",
                 "Also write a report into DIR (created if missing): the hits (hits.sdf), the "
                 "score table (scores.tsv), the query records (query.sdf), a score "

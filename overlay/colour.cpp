@@ -10,7 +10,7 @@ namespace {
 /// broader than an atom, so that features match over the distances by which the groups of two
 /// ligands binding alike are apart. Chosen by measurement (docs/colour.md).
 constexpr float kFeatureHeight = 2.7f;
-constexpr float kFeatureExponent = 0.5f;
+constexpr float kFeatureExponent = 0.3f;
 
 }  // namespace
 

@@ -2,10 +2,10 @@
 /// Colour: pharmacophore features (hydrogen-bond donors and acceptors, charged groups, rings,
 /// hydrophobes...) as Gaussians that overlap only with features of their own type.
 ///
-/// Each feature is one Gaussian 2.7 exp(-0.5 |r - p|^2) at the feature's position p: the height
-/// of an atom's shape Gaussian, with the volume of a sphere of radius 2.17 angstrom. The colour
+/// Each feature is one Gaussian 2.7 exp(-0.3 |r - p|^2) at the feature's position p: the height
+/// of an atom's shape Gaussian, with the volume of a sphere of radius 2.8 angstrom. The colour
 /// overlap of two molecules is the sum, over the feature types, of the exact overlap integrals of
-/// their features of that type (angstrom^3; 40.6 exp(-d^2 / 4) for two features d angstrom
+/// their features of that type (angstrom^3; 87.3 exp(-0.15 d^2) for two features d angstrom
 /// apart); the colour Tanimoto is C_qf / (C_qq + C_ff - C_qf), 0 when
 /// neither molecule has a feature.
 ///

@@ -151,11 +151,25 @@ void ExactOverlapObjective::BuildCells(const std::vector<unsigned int>& fixedCha
     for (std::size_t c = 0; c < count; ++c) {
         cellStart_[c + 1] += cellStart_[c];
     }
-    cellAtoms_.assign(fixed_.size(), 0);
-    std::vector<unsigned int> next(cellStart_.begin(), cellStart_.end() - 1);
+    // The fixed centres, and the pair constants of every moving centre with them, in cell
+    // order, so that the terms of a cell are read from consecutive memory.
+    std::vector<unsigned int> order(fixed_.size());
+    std::vector<std::size_t> next(cellStart_.begin(), cellStart_.end() - 1);
     for (unsigned int i = 0; i < fixed_.size(); ++i) {
-        cellAtoms_[next[slotOf(i)]++] = i;
+        order[next[slotOf(i)]++] = i;
     }
+    std::vector<Point> sortedFixed;
+    std::vector<Pair> sortedPairs;
+    for (const unsigned int i : order) {
+        sortedFixed.push_back(fixed_[i]);
+    }
+    for (std::size_t j = 0; j < moving_.size(); ++j) {
+        for (const unsigned int i : order) {
+            sortedPairs.push_back(pairs_[j * fixed_.size() + i]);
+        }
+    }
+    fixed_ = std::move(sortedFixed);
+    pairs_ = std::move(sortedPairs);
 }
 
 void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& moving) {
@@ -228,8 +242,8 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
             }
         } else {
             ForEachNearCell(grids_[movingChannel_[j]], p, [&](std::size_t cell) {
-                for (unsigned int k = cellStart_[cell]; k < cellStart_[cell + 1]; ++k) {
-                    add(cellAtoms_[k]);
+                for (std::size_t i = cellStart_[cell]; i < cellStart_[cell + 1]; ++i) {
+                    add(i);
                 }
             });
         }

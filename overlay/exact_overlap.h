@@ -110,7 +110,7 @@ private:
         }
     }
 
-    std::vector<Point> fixed_;
+    std::vector<Point> fixed_;   // in cell order (see BuildCells)
     std::vector<Point> moving_;  // relative to g
     std::vector<Pair> pairs_;    // moving-major: pairs_[j * fixed_.size() + i]
     double centre_[3];
@@ -119,8 +119,7 @@ private:
     // channel, so an evaluation costs in proportion to the near pairs that overlap, not to all
     // pairs. Empty when a channel has no finite reach: every pair is then visited.
     std::vector<Grid> grids_;              // one per dense channel
-    std::vector<unsigned int> cellStart_;  // per cell of every grid; then the end
-    std::vector<unsigned int> cellAtoms_;  // fixed indices, cell after cell
+    std::vector<unsigned int> cellStart_;  // per cell of every grid, into fixed_; then the end
     /// The dense channel of each moving centre, or kNoChannel when no fixed centre shares it.
     std::vector<unsigned int> movingChannel_;
     static constexpr unsigned int kNoChannel = ~0u;

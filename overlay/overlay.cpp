@@ -587,11 +587,17 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
         joint
             ? HermiteShapeOverlap(query, fit.shape, candidates.front().pose, fitHermiteSelfOverlap)
             : candidates.front().hermiteOverlap;
+    const bool colour = joint && std::any_of(channels_.begin(), channels_.end(), [](const auto& c) {
+                            return c.density == SearchChannel::Density::Colour;
+                        });
+    const unsigned int refineCount =
+        colour ? std::min(settings_.refineCandidates, settings_.colourRefineCandidates)
+               : settings_.refineCandidates;
     const std::vector<std::size_t> refined =
-        DistinctCandidates(candidates, std::max(1u, settings_.refineCandidates), fit.shape);
+        DistinctCandidates(candidates, std::max(1u, refineCount), fit.shape);
     // Refined candidates are compared by the refinement's own overlaps; the winner's exact
     // overlap, every pair included, is computed once.
-    if (settings_.refineCandidates > 0) {
+    if (refineCount > 0) {
         const ExactChannels fixed = ExactChannelsOf(prepared_, channels_, true);
         const ExactChannels moving = ExactChannelsOf(fit, channels_, false);
         ExactOverlapObjective exact(fixed.gaussians, moving.gaussians, fixed.channels,
@@ -685,26 +691,28 @@ std::optional<Effort> ParseEffort(std::string_view name) {
 
 namespace {
 
-/// The search settings of a preset: order, scanned rotations, local searches, refined poses.
+/// The search settings of a preset: order, scanned rotations, local searches, refined poses
+/// (without and with colour).
 struct SearchPreset {
     unsigned int order;
     unsigned int scanRotations;
     unsigned int searchStarts;
     unsigned int refineCandidates;
+    unsigned int colourRefineCandidates;
 };
 
 SearchPreset PresetOf(Effort effort) {
     const Settings defaults;
     switch (effort) {
         case Effort::Fast:
-            return {4, 30, 2, 1};
+            return {4, 30, 2, 1, 1};
         case Effort::Thorough:
-            return {4, 60, 6, 4};
+            return {4, 60, 6, 4, 4};
         case Effort::Default:
             break;
     }
     return {defaults.order, defaults.scanRotations, defaults.searchStarts,
-            defaults.refineCandidates};
+            defaults.refineCandidates, defaults.colourRefineCandidates};
 }
 
 }  // namespace
@@ -715,6 +723,7 @@ Settings WithEffort(Settings settings, Effort effort) {
     settings.scanRotations = preset.scanRotations;
     settings.searchStarts = preset.searchStarts;
     settings.refineCandidates = preset.refineCandidates;
+    settings.colourRefineCandidates = preset.colourRefineCandidates;
     return settings;
 }
 

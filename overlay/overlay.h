@@ -76,6 +76,10 @@ struct Settings {
     /// Distinct poses of the local searches refined on the exact overlap, the best kept (0: the
     /// best Hermite pose, unrefined).
     unsigned int refineCandidates = 2;
+    /// The same when colour features join the search, at most `refineCandidates`: the features
+    /// set the candidate poses apart, and refining the best joint pose alone ranks as well as
+    /// refining two, at three quarters of the time (measured in docs/colour.md).
+    unsigned int colourRefineCandidates = 1;
     /// BFGS iteration limit of the exact refinement.
     unsigned int refineIterationLimit = 20;
     /// Compute electrostatic scores (needs partial charges).

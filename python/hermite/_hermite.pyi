@@ -297,6 +297,7 @@ class OverlaySettings:
         relative_tolerance: float = ...,
         iteration_limit: int = ...,
         refine_candidates: int = ...,
+        colour_refine_candidates: int = ...,
         refine_iteration_limit: int = ...,
         electrostatics: bool = ...,
         electrostatic_width: float = ...,
@@ -313,6 +314,7 @@ class OverlaySettings:
     relative_tolerance: float
     iteration_limit: int
     refine_candidates: int
+    colour_refine_candidates: int
     refine_iteration_limit: int
     electrostatics: bool
     electrostatic_width: float
@@ -406,6 +408,7 @@ def overlay(
     relative_tolerance: float = ...,
     iteration_limit: int = ...,
     refine_candidates: int = ...,
+    colour_refine_candidates: int = ...,
     refine_iteration_limit: int = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
@@ -428,6 +431,7 @@ def score(
     relative_tolerance: float = ...,
     iteration_limit: int = ...,
     refine_candidates: int = ...,
+    colour_refine_candidates: int = ...,
     refine_iteration_limit: int = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
@@ -454,6 +458,7 @@ def screen(
     relative_tolerance: float = ...,
     iteration_limit: int = ...,
     refine_candidates: int = ...,
+    colour_refine_candidates: int = ...,
     refine_iteration_limit: int = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,

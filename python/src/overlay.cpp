@@ -185,6 +185,7 @@ const char* const kSettingNames[] = {"order",
                                      "relative_tolerance",
                                      "iteration_limit",
                                      "refine_candidates",
+                                     "colour_refine_candidates",
                                      "refine_iteration_limit",
                                      "electrostatics",
                                      "electrostatic_width",
@@ -261,6 +262,7 @@ std::string SettingsRepr(const Settings& s) {
         << ", starts=" << s.extraStarts << ", search_starts=" << s.searchStarts
         << ", seed=" << s.seed << ", relative_tolerance=" << Repr(s.relativeTolerance)
         << ", iteration_limit=" << s.iterationLimit << ", refine_candidates=" << s.refineCandidates
+        << ", colour_refine_candidates=" << s.colourRefineCandidates
         << ", refine_iteration_limit=" << s.refineIterationLimit
         << ", electrostatics=" << (s.electrostatics ? "True" : "False")
         << ", electrostatic_width=" << Repr(s.electrostaticWidth)
@@ -332,6 +334,7 @@ py::dict SettingsState(const Settings& s) {
     d["relative_tolerance"] = s.relativeTolerance;
     d["iteration_limit"] = s.iterationLimit;
     d["refine_candidates"] = s.refineCandidates;
+    d["colour_refine_candidates"] = s.colourRefineCandidates;
     d["refine_iteration_limit"] = s.refineIterationLimit;
     d["electrostatics"] = s.electrostatics;
     d["electrostatic_width"] = s.electrostaticWidth;
@@ -657,6 +660,9 @@ std::string SettingsDoc() {
         << "    iteration_limit: BFGS iterations per start [" << d.iterationLimit << "].\n"
         << "    refine_candidates: best Hermite poses refined on the exact overlap, 0 for none ["
         << d.refineCandidates << "].\n"
+        << "    colour_refine_candidates: the same when colour features join the search, at "
+           "most refine_candidates ["
+        << d.colourRefineCandidates << "].\n"
         << "    refine_iteration_limit: BFGS iterations of the exact refinement ["
         << d.refineIterationLimit << "].\n"
         << "    electrostatics: also compute the electrostatic scores from the partial charges ["
@@ -787,6 +793,8 @@ Args:
     iteration_limit: BFGS iteration limit per start.
     refine_candidates: best distinct Hermite poses refined on the exact overlap (0: no
         refinement).
+    colour_refine_candidates: the same when colour features join the search (at most
+        refine_candidates; the features set the poses apart, so one is enough by default).
     refine_iteration_limit: BFGS iteration limit of the exact refinement.
     electrostatics: also compute electrostatic scores (needs partial charges).
     electrostatic_width: width of the electrostatic Gaussians, angstrom.
@@ -842,6 +850,13 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
                 s.refineCandidates = Count(v, "refine_candidates", 1000);
             },
             "Best Hermite poses refined on the exact overlap (0: none).")
+        .def_property(
+            "colour_refine_candidates", [](const Settings& s) { return s.colourRefineCandidates; },
+            [](Settings& s, py::object v) {
+                s.colourRefineCandidates = Count(v, "colour_refine_candidates", 1000);
+            },
+            "Best Hermite poses refined when colour features join the search (at most "
+            "refine_candidates).")
         .def_property(
             "refine_iteration_limit", [](const Settings& s) { return s.refineIterationLimit; },
             [](Settings& s, py::object v) {

@@ -65,15 +65,17 @@ ColourFeatures RandomFeatures(std::uint32_t seed, unsigned int count) {
 }
 
 /// The colour overlap sums the analytic overlaps of same-type pairs only; a single feature with
-/// itself gives 2.7^2 (pi / (2 * 0.5))^(3/2), and two features d apart that times e^(-d^2 / 4).
+/// itself gives 2.7^2 (pi / (2 * 0.3))^(3/2), and two features d apart that times
+/// e^(-0.15 d^2).
 TEST(ColourOverlapTest, SumsSameTypePairsOnly) {
     const ColourFeatures one = {{4, {0.5, -1.0, 2.0}}};
-    const double expected = 2.7 * 2.7 * std::pow(3.141592653589793, 1.5);
+    const double exponent = 0.3f;  // single precision, as the Gaussians hold it
+    const double expected = 2.7 * 2.7 * std::pow(3.141592653589793 / (2 * exponent), 1.5);
     EXPECT_NEAR(ColourOverlap(ColourGaussians(one), ColourGaussians(one)), expected,
                 1e-6 * expected);
     const ColourFeatures apart = {{4, {0.5, -1.0, 3.5}}};  // 1.5 angstrom away
     EXPECT_NEAR(ColourOverlap(ColourGaussians(one), ColourGaussians(apart)),
-                expected * std::exp(-1.5 * 1.5 / 4.0), 1e-6 * expected);
+                expected * std::exp(-exponent / 2 * 1.5 * 1.5), 1e-6 * expected);
     const ColourFeatures a = RandomFeatures(3u, 7), b = RandomFeatures(4u, 5);
     double sum = 0.0;
     for (const ColourFeature& fa : a) {
