@@ -64,19 +64,6 @@ double Distance(const std::array<double, 3>& a, const std::array<double, 3>& b) 
                      (a[2] - b[2]) * (a[2] - b[2]));
 }
 
-/// Gaussians moved by a rigid transform (computed in double, stored as float).
-std::vector<QVGaussian> Moved(const std::vector<QVGaussian>& gaussians, const QVTrans& motion) {
-    std::vector<QVGaussian> moved = gaussians;
-    for (QVGaussian& g : moved) {
-        double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
-        motion.Apply(p);
-        g.SetX(static_cast<float>(p[0]));
-        g.SetY(static_cast<float>(p[1]));
-        g.SetZ(static_cast<float>(p[2]));
-    }
-    return moved;
-}
-
 /// A 3 x 3 row-major rotation as a transform.
 QVTrans Rotation(const double* R) {
     const double zero[3] = {0.0, 0.0, 0.0};
@@ -92,7 +79,7 @@ std::vector<double> RotatedCoefficients(const std::vector<QVGaussian>& gaussians
         R[1] == 0 && R[2] == 0 && R[3] == 0 && R[5] == 0 && R[6] == 0 && R[7] == 0;
     const unsigned int N = expansion.order;
     if (!diagonal) {
-        return Expansion::Of(Moved(gaussians, Rotation(R.data())), N, expansion.lambda)
+        return Expansion::Of(MovedGaussians(gaussians, Rotation(R.data())), N, expansion.lambda)
             .coefficients;
     }
     std::vector<double> coefficients = expansion.coefficients;
@@ -342,7 +329,8 @@ ExactChannels ExactChannelsOf(const PreparedMolecule& molecule,
 /// The Hermite overlap of the query's shape expansion with the fit's shape placed by `pose`.
 double HermiteShapeOverlap(const Expansion& query, const std::vector<QVGaussian>& fitShape,
                            const QVTrans& pose, double& fitSelfOverlap) {
-    const Expansion placed = Expansion::Of(Moved(fitShape, pose), query.order, query.lambda);
+    const Expansion placed =
+        Expansion::Of(MovedGaussians(fitShape, pose), query.order, query.lambda);
     fitSelfOverlap = placed.SelfOverlap();
     FastOverlap objective(query, placed);
     const double zero[6] = {0, 0, 0, 0, 0, 0};
@@ -388,7 +376,7 @@ std::vector<std::size_t> DistinctCandidates(const std::vector<Candidate>& candid
 double Refine(ExactOverlapObjective& objective, const std::vector<QVGaussian>& fit,
               double fitRadius, unsigned int iterations, double tolerance, Candidate& candidate,
               unsigned int& evaluations) {
-    objective.SetMoving(Moved(fit, candidate.pose));
+    objective.SetMoving(MovedGaussians(fit, candidate.pose));
     CountingObjective counting(objective, evaluations);
     // The angles turn the fit about its own centre: scaled by the fit's radius.
     ScaledRigidObjective counted(counting, fitRadius);
@@ -616,7 +604,7 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
     }
     Candidate& best = candidates[winner];
     best.exactOverlap =
-        QVHermiteMath::GaussianOverlap(prepared_.shape, Moved(fit.shape, best.pose));
+        QVHermiteMath::GaussianOverlap(prepared_.shape, MovedGaussians(fit.shape, best.pose));
     result.transform = fit.toFrame.Then(best.pose).Then(prepared_.toFrame.Inverse());
     result.scores =
         ScorePose(fit, best.pose, best.exactOverlap, hermiteOverlap, fitHermiteSelfOverlap);
@@ -631,11 +619,13 @@ Result Query::Score(const PreparedMolecule& fit) const {
     // The fit as it lies, seen from the query's frame.
     const QVTrans pose = fit.toFrame.Inverse().Then(prepared_.toFrame);
     const Expansion query = Expansion::From(expansion_);
-    const Expansion fitExpansion = Expansion::Of(Moved(fit.shape, pose), query.order, query.lambda);
+    const Expansion fitExpansion =
+        Expansion::Of(MovedGaussians(fit.shape, pose), query.order, query.lambda);
     FastOverlap objective(query, fitExpansion);
     const double zero[6] = {0, 0, 0, 0, 0, 0};
     const double hermiteOverlap = -objective(zero);
-    const double overlap = QVHermiteMath::GaussianOverlap(prepared_.shape, Moved(fit.shape, pose));
+    const double overlap =
+        QVHermiteMath::GaussianOverlap(prepared_.shape, MovedGaussians(fit.shape, pose));
     Result result;
     result.scores = ScorePose(fit, pose, overlap, hermiteOverlap, fitExpansion.SelfOverlap());
     return result;
@@ -655,8 +645,8 @@ Scores Query::ScorePose(const PreparedMolecule& fit, const QVTrans& pose, double
     scores.hermiteTanimoto =
         Tanimoto(hermiteOverlap, expansion_.GetSelfOverlap(), fitHermiteSelfOverlap);
     if (settings_.electrostatics) {
-        const double electrostatic =
-            QVHermiteMath::GaussianOverlap(prepared_.electrostatic, Moved(fit.electrostatic, pose));
+        const double electrostatic = QVHermiteMath::GaussianOverlap(
+            prepared_.electrostatic, MovedGaussians(fit.electrostatic, pose));
         const double qq = prepared_.electrostaticSelfOverlap;
         const double ff = fit.electrostaticSelfOverlap;
         // Molecules without charges have no electrostatic density: their similarity is 0.
@@ -665,7 +655,7 @@ Scores Query::ScorePose(const PreparedMolecule& fit, const QVTrans& pose, double
         scores.electrostaticCarbo = qq * ff > 0.0 ? electrostatic / std::sqrt(qq * ff) : 0.0;
     }
     if (settings_.colour) {
-        scores.colourOverlap = ColourOverlap(prepared_.colour, Moved(fit.colour, pose));
+        scores.colourOverlap = ColourOverlap(prepared_.colour, MovedGaussians(fit.colour, pose));
         const double union_ =
             prepared_.colourSelfOverlap + fit.colourSelfOverlap - scores.colourOverlap;
         // Molecules without features share no colour: their colour similarity is 0.
@@ -725,6 +715,19 @@ Settings WithEffort(Settings settings, Effort effort) {
     settings.refineCandidates = preset.refineCandidates;
     settings.colourRefineCandidates = preset.colourRefineCandidates;
     return settings;
+}
+
+std::vector<QVGaussian> MovedGaussians(const std::vector<QVGaussian>& gaussians,
+                                       const QVTrans& motion) {
+    std::vector<QVGaussian> moved = gaussians;
+    for (QVGaussian& g : moved) {
+        double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        motion.Apply(p);
+        g.SetX(static_cast<float>(p[0]));
+        g.SetY(static_cast<float>(p[1]));
+        g.SetZ(static_cast<float>(p[2]));
+    }
+    return moved;
 }
 
 void TransformMolecule(QVMol& molecule, const QVTrans& transform) {

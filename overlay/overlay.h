@@ -231,6 +231,11 @@ private:
     std::vector<SearchChannel> channels_;
 };
 
+/// The Gaussians with every centre moved by the rigid transform `motion`, computed in double
+/// precision from the stored centres and rounded to float; prefactors, exponents and tags kept.
+std::vector<QVSystem::QVGaussian> MovedGaussians(const std::vector<QVSystem::QVGaussian>& gaussians,
+                                                 const QVChem::QVTrans& motion);
+
 /// Applies a rigid transform to every atom of a molecule.
 void TransformMolecule(QVChem::QVMol& molecule, const QVChem::QVTrans& transform);
 

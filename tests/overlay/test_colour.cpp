@@ -192,14 +192,8 @@ TEST(ExactOverlapObjectiveTest, ChannelsOverlapOnlyWithThemselves) {
     ExactOverlapObjective objective(fixed, moving, fixedChannels, movingChannels);
     const double y[6] = {0.2, -0.4, 0.9, 0.3, -0.2, 0.5};
     const QVTrans motion = objective.Motion(y);
-    std::vector<QVGaussian> movedShape = movingShape;
-    for (QVGaussian& g : movedShape) {
-        double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
-        motion.Apply(p);
-        g.SetX(static_cast<float>(p[0]));
-        g.SetY(static_cast<float>(p[1]));
-        g.SetZ(static_cast<float>(p[2]));
-    }
+    const std::vector<QVGaussian> movedShape =
+        hermite::overlay::MovedGaussians(movingShape, motion);
     const double expected = QVHermiteMath::GaussianOverlap(fixedShape, movedShape) +
                             weight * ColourOverlap(ColourGaussians(fixedFeatures),
                                                    ColourGaussians(Moved(movingFeatures, motion)));

@@ -12,6 +12,7 @@
 #include "hermite/hermite.h"
 #include "overlay/exact_overlap.h"
 #include "overlay/fast_overlap.h"
+#include "overlay/overlay.h"
 
 namespace {
 
@@ -145,15 +146,8 @@ TEST(ExactOverlapObjectiveTest, ValueAndGradientAreExact) {
     double gradient[6];
     const double value = objective(y, gradient);
 
-    std::vector<QVGaussian> moved = moving;
-    const QVChem::QVTrans motion = objective.Motion(y);
-    for (QVGaussian& g : moved) {
-        double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
-        motion.Apply(p);
-        g.SetX(static_cast<float>(p[0]));
-        g.SetY(static_cast<float>(p[1]));
-        g.SetZ(static_cast<float>(p[2]));
-    }
+    const std::vector<QVGaussian> moved =
+        hermite::overlay::MovedGaussians(moving, objective.Motion(y));
     // Moved centres are stored as floats: relative error about 1e-7 per coordinate.
     EXPECT_NEAR(-value, QVHermiteMath::GaussianOverlap(fixed, moved), 1e-5 * std::fabs(value));
 

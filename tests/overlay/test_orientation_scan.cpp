@@ -74,15 +74,7 @@ QVTrans AsTransform(const RotationMatrix& R) {
 
 std::vector<QVSystem::QVGaussian> Turned(const std::vector<QVSystem::QVGaussian>& gaussians,
                                          const RotationMatrix& R) {
-    std::vector<QVSystem::QVGaussian> turned = gaussians;
-    for (QVSystem::QVGaussian& g : turned) {
-        double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
-        AsTransform(R).Apply(p);
-        g.SetX(static_cast<float>(p[0]));
-        g.SetY(static_cast<float>(p[1]));
-        g.SetZ(static_cast<float>(p[2]));
-    }
-    return turned;
+    return hermite::overlay::MovedGaussians(gaussians, AsTransform(R));
 }
 
 TEST(OrientationScan, StartsWithTheFlipsAndEveryRotationIsProper) {
