@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
 namespace hermite::overlay {
 
@@ -40,6 +42,10 @@ void RotationAndDerivatives(const double* angles, double* R, double (*dR)[9]) {
     Multiply(Rx, tmp, dR[2]);
 }
 
+double Square(double x) {
+    return x * x;
+}
+
 void Apply(const double* R, const double* p, double* out) {
     for (int i = 0; i < 3; ++i) {
         out[i] = R[3 * i] * p[0] + R[3 * i + 1] * p[1] + R[3 * i + 2] * p[2];
@@ -47,6 +53,24 @@ void Apply(const double* R, const double* p, double* out) {
 }
 
 }  // namespace
+
+std::vector<unsigned int> ExactOverlapObjective::KindsOf(const std::vector<Point>& points,
+                                                         const std::vector<unsigned int>& channels,
+                                                         std::vector<GaussianKind>& kinds) {
+    std::vector<unsigned int> kindOf(points.size());
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        const GaussianKind kind{points[i].prefactor, points[i].exponent, channels[i]};
+        const auto found = std::find_if(kinds.begin(), kinds.end(), [&](const GaussianKind& k) {
+            return k.prefactor == kind.prefactor && k.exponent == kind.exponent &&
+                   k.channel == kind.channel;
+        });
+        kindOf[i] = static_cast<unsigned int>(found - kinds.begin());
+        if (found == kinds.end()) {
+            kinds.push_back(kind);
+        }
+    }
+    return kindOf;
+}
 
 ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGaussian>& fixed,
                                              const std::vector<QVSystem::QVGaussian>& moving)
@@ -62,19 +86,24 @@ ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGauss
         fixed_.push_back({{g.GetX(), g.GetY(), g.GetZ()}, g.GetPrefactor(), g.GetExponent()});
     }
     SetMoving(moving);
-    for (std::size_t j = 0; j < moving_.size(); ++j) {
-        const Point& m = moving_[j];
-        for (std::size_t i = 0; i < fixed_.size(); ++i) {
-            const Point& f = fixed_[i];
+    // Molecules repeat a few kinds of Gaussian (one for all the atoms of the shape), so pair
+    // constants are kept per pair of kinds: a small table, whatever the number of atoms.
+    std::vector<GaussianKind> fixedKinds, movingKinds;
+    fixedKind_ = KindsOf(fixed_, fixedChannels, fixedKinds);
+    movingKind_ = KindsOf(moving_, movingChannels, movingKinds);
+    fixedKindCount_ = fixedKinds.size();
+    for (const GaussianKind& m : movingKinds) {
+        for (const GaussianKind& f : fixedKinds) {
             const double exponentSum = f.exponent + m.exponent;
             const double piOverP = kPi / exponentSum;
-            const bool sameChannel = fixedChannels[i] == movingChannels[j];
-            pairs_.push_back(
+            const bool sameChannel = f.channel == m.channel;
+            kindPairs_.push_back(
                 {sameChannel ? f.prefactor * m.prefactor * piOverP * std::sqrt(piOverP) : 0.0,
                  f.exponent * m.exponent / exponentSum});
         }
     }
     BuildCells(fixedChannels, movingChannels);
+    StoreFixedCoordinates();
 }
 
 void ExactOverlapObjective::BuildCells(const std::vector<unsigned int>& fixedChannels,
@@ -100,9 +129,10 @@ void ExactOverlapObjective::BuildCells(const std::vector<unsigned int>& fixedCha
 
     // Each channel's reach: k d^2 > kCutoff for every pair of it farther apart than this.
     std::vector<double> smallestK(channelIds.size(), INFINITY);
-    for (std::size_t j = 0; j < moving_.size(); ++j) {
-        for (std::size_t i = 0; i < fixed_.size(); ++i) {
-            const Pair& pair = pairs_[j * fixed_.size() + i];
+    for (std::size_t i = 0; i < fixed_.size(); ++i) {
+        for (std::size_t movingKind = 0; movingKind * fixedKindCount_ < kindPairs_.size();
+             ++movingKind) {
+            const Pair& pair = kindPairs_[movingKind * fixedKindCount_ + fixedKind_[i]];
             if (pair.C != 0.0) {
                 smallestK[fixedChannel[i]] = std::min(smallestK[fixedChannel[i]], pair.k);
             }
@@ -151,25 +181,30 @@ void ExactOverlapObjective::BuildCells(const std::vector<unsigned int>& fixedCha
     for (std::size_t c = 0; c < count; ++c) {
         cellStart_[c + 1] += cellStart_[c];
     }
-    // The fixed centres, and the pair constants of every moving centre with them, in cell
-    // order, so that the terms of a cell are read from consecutive memory.
+    // The fixed centres in cell order, so that the terms of a cell are read from consecutive
+    // memory.
     std::vector<unsigned int> order(fixed_.size());
     std::vector<std::size_t> next(cellStart_.begin(), cellStart_.end() - 1);
     for (unsigned int i = 0; i < fixed_.size(); ++i) {
         order[next[slotOf(i)]++] = i;
     }
     std::vector<Point> sortedFixed;
-    std::vector<Pair> sortedPairs;
+    std::vector<unsigned int> sortedKinds;
     for (const unsigned int i : order) {
         sortedFixed.push_back(fixed_[i]);
-    }
-    for (std::size_t j = 0; j < moving_.size(); ++j) {
-        for (const unsigned int i : order) {
-            sortedPairs.push_back(pairs_[j * fixed_.size() + i]);
-        }
+        sortedKinds.push_back(fixedKind_[i]);
     }
     fixed_ = std::move(sortedFixed);
-    pairs_ = std::move(sortedPairs);
+    fixedKind_ = std::move(sortedKinds);
+}
+
+void ExactOverlapObjective::StoreFixedCoordinates() {
+    for (int a = 0; a < 3; ++a) {
+        fixedCoords_[a].clear();
+        for (const Point& f : fixed_) {
+            fixedCoords_[a].push_back(f.x[a]);
+        }
+    }
 }
 
 void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& moving) {
@@ -202,18 +237,67 @@ QVChem::QVTrans ExactOverlapObjective::Motion(const double* y) const {
     return QVChem::QVTrans(R, translation);
 }
 
+namespace {
+
+/// e^x for -700 <= x <= 0, to about 1e-14 relative, written so that the compiler can evaluate
+/// several at once in vector registers (glibc's exp cannot be): x = n ln 2 + r with |r| <= ln 2 / 2
+/// (n rounded by the 1.5 * 2^52 shifter), e^r by its Taylor polynomial of degree 11 (remainder
+/// below 7e-15 relative), 2^n assembled in the exponent bits. Pure IEEE operations, so the result
+/// is the same on every machine.
+inline double ExpOfNegative(double x) {
+    constexpr double kLog2E = 1.4426950408889634;
+    constexpr double kLn2High = 0.6931471803691238;     // ln 2 to 33 bits: n * kLn2High is exact
+    constexpr double kLn2Low = 1.9082149292705877e-10;  // ln 2 - kLn2High
+    constexpr double kShifter = 6755399441055744.0;     // 1.5 * 2^52
+    const double shifted = x * kLog2E + kShifter;
+    const double n = shifted - kShifter;
+    const double r = (x - n * kLn2High) - n * kLn2Low;
+    double p = 1.0 / 39916800.0;
+    p = p * r + 1.0 / 3628800.0;
+    p = p * r + 1.0 / 362880.0;
+    p = p * r + 1.0 / 40320.0;
+    p = p * r + 1.0 / 5040.0;
+    p = p * r + 1.0 / 720.0;
+    p = p * r + 1.0 / 120.0;
+    p = p * r + 1.0 / 24.0;
+    p = p * r + 1.0 / 6.0;
+    p = p * r + 0.5;
+    p = p * r + 1.0;
+    p = p * r + 1.0;
+    // The low bits of `shifted` hold n; 2^n has the biased exponent n + 1023.
+    std::uint64_t bits;
+    std::memcpy(&bits, &shifted, sizeof bits);
+    bits = (bits - 0x4338000000000000ull + 1023u) << 52;
+    double scale;
+    std::memcpy(&scale, &bits, sizeof scale);
+    return p * scale;
+}
+
+/// The near pairs of one moving centre (fixed index and exponent factor), gathered so that
+/// their exponentials are taken together.
+struct NearTerms {
+    static constexpr std::size_t kCapacity = 64;
+    std::size_t index[kCapacity];
+    double exponent[kCapacity];
+    std::size_t count = 0;
+};
+
+}  // namespace
+
 double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const {
     double R[9], dR[3][9];
     RotationAndDerivatives(y, R, dR);
     double overlap = 0.0;
     double g[6] = {0, 0, 0, 0, 0, 0};
     const std::size_t fixedCount = fixed_.size();
+    NearTerms near;
     for (std::size_t j = 0; j < moving_.size(); ++j) {
         if (!grids_.empty() && movingChannel_[j] == kNoChannel) {
             continue;  // nothing fixed in its channel
         }
         const Point& m = moving_[j];
-        const Pair* pairs = pairs_.data() + j * fixedCount;
+        const Pair* pairs = kindPairs_.data() + movingKind_[j] * fixedKindCount_;
+        const unsigned int* kinds = fixedKind_.data();
         double p[3];
         Apply(R, m.x, p);
         for (int i = 0; i < 3; ++i) {
@@ -221,32 +305,61 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
         }
         // dO/dp of this moving centre: sum over fixed centres of 2 k C e (q - p).
         double force[3] = {0, 0, 0};
-        const auto add = [&](std::size_t i) {
-            const Point& f = fixed_[i];
-            const Pair& constants = pairs[i];
-            const double d[3] = {f.x[0] - p[0], f.x[1] - p[1], f.x[2] - p[2]};
-            const double exponent = constants.k * (d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
-            if (exponent > kCutoff || constants.C == 0.0) {
-                return;
+        const auto flush = [&] {
+            for (std::size_t t = 0; t < near.count; ++t) {
+                near.exponent[t] *= pairs[kinds[near.index[t]]].k;
             }
-            const double term = constants.C * std::exp(-exponent);
-            overlap += term;
-            const double scale = 2.0 * constants.k * term;
-            for (int a = 0; a < 3; ++a) {
-                force[a] += scale * d[a];
+            // Within the reach, a pair of Gaussians narrower than the channel's widest may
+            // still lie beyond the cut-off: its factor is 0.
+            for (std::size_t t = 0; t < near.count; ++t) {
+                const double exponent = near.exponent[t];
+                near.exponent[t] = exponent <= kCutoff ? ExpOfNegative(-exponent) : 0.0;
+            }
+            for (std::size_t t = 0; t < near.count; ++t) {
+                const std::size_t i = near.index[t];
+                const Pair& constants = pairs[kinds[i]];
+                const double term = constants.C * near.exponent[t];
+                overlap += term;
+                const double scale = 2.0 * constants.k * term;
+                for (int a = 0; a < 3; ++a) {
+                    force[a] += scale * (fixedCoords_[a][i] - p[a]);
+                }
+            }
+            near.count = 0;
+        };
+        // The fixed centres of [begin, end) within `reach2` (squared) of p, into `near` with
+        // their squared distances. Distances are taken in blocks, several at once; whether a
+        // centre is near cannot be predicted, so each is written in any case and kept by
+        // counting it, without a branch.
+        const double reach2 = grids_.empty() ? INFINITY : Square(grids_[movingChannel_[j]].reach);
+        const auto gather = [&](std::size_t begin, std::size_t end) {
+            double distance2[NearTerms::kCapacity];
+            for (std::size_t block = begin; block < end; block += NearTerms::kCapacity) {
+                const std::size_t size = std::min(NearTerms::kCapacity, end - block);
+                const double* x = fixedCoords_[0].data() + block;
+                const double* y = fixedCoords_[1].data() + block;
+                const double* z = fixedCoords_[2].data() + block;
+                for (std::size_t t = 0; t < size; ++t) {
+                    distance2[t] = Square(x[t] - p[0]) + Square(y[t] - p[1]) + Square(z[t] - p[2]);
+                }
+                for (std::size_t t = 0; t < size; ++t) {
+                    near.index[near.count] = block + t;
+                    near.exponent[near.count] = distance2[t];
+                    near.count += distance2[t] <= reach2 ? 1 : 0;
+                    if (near.count == NearTerms::kCapacity) {
+                        flush();
+                    }
+                }
             }
         };
         if (grids_.empty()) {
-            for (std::size_t i = 0; i < fixedCount; ++i) {
-                add(i);
-            }
+            gather(0, fixedCount);
         } else {
-            ForEachNearCell(grids_[movingChannel_[j]], p, [&](std::size_t cell) {
-                for (std::size_t i = cellStart_[cell]; i < cellStart_[cell + 1]; ++i) {
-                    add(i);
-                }
+            ForEachNearRow(grids_[movingChannel_[j]], p, [&](std::size_t first, std::size_t last) {
+                gather(cellStart_[first], cellStart_[last + 1]);
             });
         }
+        flush();
         if (gradient != nullptr) {
             for (int a = 0; a < 3; ++a) {
                 double dp[3];

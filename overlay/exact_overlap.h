@@ -21,8 +21,10 @@ class ExactOverlapObjective : public QVOpt::QVFunc1 {
 public:
     using QVFunc1::operator();
 
-    /// Pairs with (a_i a_j / (a_i + a_j)) |p_i - p_j|^2 above this are skipped.
-    static constexpr double kCutoff = 16.0;
+    /// The exponent factor k d^2 beyond which pair terms are negligible (e^-10 = 4.5e-5 of
+    /// their prefactor: the overlaps of drug-sized molecules change by about 1e-4 relative, and
+    /// a refined pose moves by far less than the refinement's tolerance).
+    static constexpr double kCutoff = 10.0;
 
     ExactOverlapObjective(const std::vector<QVSystem::QVGaussian>& fixed,
                           const std::vector<QVSystem::QVGaussian>& moving);
@@ -59,6 +61,18 @@ private:
         double C;
         double k;
     };
+    /// A Gaussian's prefactor, exponent and channel: what the pair constants depend on.
+    struct GaussianKind {
+        double prefactor;
+        double exponent;
+        unsigned int channel;
+    };
+    /// The kind of each of `points` (of the given channels), as an index into `kinds`, to which
+    /// kinds not seen before are added.
+    static std::vector<unsigned int> KindsOf(const std::vector<Point>& points,
+                                             const std::vector<unsigned int>& channels,
+                                             std::vector<GaussianKind>& kinds);
+
     /// O and, when `gradient` is not null, dO/dy.
     double Evaluate(const double* y, double* gradient) const;
 
@@ -87,10 +101,11 @@ private:
         }
     };
 
-    /// Calls `visit(cell)` for every cell of `grid` within one cell of the one holding `p`: the
-    /// cells that can hold fixed centres within `grid.reach` of it.
+    /// Calls `visit(first, last)` for every row of cells of `grid` (cells `first` to `last`,
+    /// consecutive along x) within one cell of the one holding `p`: the cells that can hold
+    /// fixed centres within `grid.reach` of it.
     template <class Visit>
-    static void ForEachNearCell(const Grid& grid, const double* p, Visit visit) {
+    static void ForEachNearRow(const Grid& grid, const double* p, Visit visit) {
         int low[3], high[3];
         for (int a = 0; a < 3; ++a) {
             const double cell = std::floor((p[a] - grid.origin[a]) / grid.reach);
@@ -100,19 +115,31 @@ private:
             low[a] = static_cast<int>(std::clamp(cell - 1.0, 0.0, double(grid.cells[a])));
             high[a] = static_cast<int>(std::clamp(cell + 1.0, -1.0, grid.cells[a] - 1.0));
         }
+        if (low[0] > high[0]) {
+            return;
+        }
         for (int z = low[2]; z <= high[2]; ++z) {
             for (int y = low[1]; y <= high[1]; ++y) {
-                for (int x = low[0]; x <= high[0]; ++x) {
-                    visit(grid.first +
-                          static_cast<std::size_t>((z * grid.cells[1] + y) * grid.cells[0] + x));
-                }
+                const std::size_t row =
+                    grid.first + static_cast<std::size_t>((z * grid.cells[1] + y) * grid.cells[0]);
+                visit(row + low[0], row + high[0]);
             }
         }
     }
 
-    std::vector<Point> fixed_;   // in cell order (see BuildCells)
+    /// Copies the coordinates of the fixed centres into `fixedCoords_`.
+    void StoreFixedCoordinates();
+
+    std::vector<Point> fixed_;  // in cell order (see BuildCells)
+    /// The x, y and z coordinates of `fixed_`, each in one array, for distances taken in blocks.
+    std::vector<double> fixedCoords_[3];
     std::vector<Point> moving_;  // relative to g
-    std::vector<Pair> pairs_;    // moving-major: pairs_[j * fixed_.size() + i]
+    /// The kind of each fixed and moving centre, and the constants of each pair of kinds,
+    /// moving-major: kindPairs_[movingKind * fixedKindCount_ + fixedKind].
+    std::vector<unsigned int> fixedKind_;
+    std::vector<unsigned int> movingKind_;
+    std::size_t fixedKindCount_ = 0;
+    std::vector<Pair> kindPairs_;
     double centre_[3];
     // The fixed centres sorted by channel, then into the cells of their channel's grid: the
     // terms of a moving centre come from the 27 cells around its own in the grid of its own

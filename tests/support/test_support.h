@@ -162,6 +162,22 @@ inline std::vector<QVGaussian> TurnedInFloat(const std::vector<QVGaussian>& gaus
 }
 
 /// Every field of the two Gaussian records is bitwise the same.
+/// The most that the overlap terms of `a` with `b` left out by a cut-off can add up to: each
+/// left-out term is below e^-cutoff of its prefactor w_i w_j (pi / (a_i + a_j))^(3/2), so their
+/// sum is below the number of pairs times the largest prefactor times e^-cutoff.
+inline double CutOffTermsBound(const std::vector<QVGaussian>& a, const std::vector<QVGaussian>& b,
+                               double cutoff) {
+    double largest = 0.0;
+    for (const QVGaussian& g : a) {
+        for (const QVGaussian& h : b) {
+            const double sum = double(g.GetExponent()) + h.GetExponent();
+            largest = std::max(largest, std::fabs(double(g.GetPrefactor()) * h.GetPrefactor()) *
+                                            std::pow(3.141592653589793 / sum, 1.5));
+        }
+    }
+    return double(a.size()) * double(b.size()) * largest * std::exp(-cutoff);
+}
+
 inline void ExpectSameGaussian(const QVGaussian& expected, const QVGaussian& actual) {
     EXPECT_EQ(expected.GetX(), actual.GetX());
     EXPECT_EQ(expected.GetY(), actual.GetY());
