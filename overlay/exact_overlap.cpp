@@ -273,6 +273,17 @@ inline double ExpOfNegative(double x) {
     return p * scale;
 }
 
+/// Replaces each of `values` (count of them) by e^-value, or by 0 above `cutoff`. The
+/// exponential is taken in any case, of an argument kept in range, so that the loop has no
+/// branch and runs in vector registers.
+void CutOffExponentials(double* values, std::size_t count, double cutoff) {
+    for (std::size_t t = 0; t < count; ++t) {
+        const double value = values[t];
+        const double factor = ExpOfNegative(-std::min(value, cutoff));
+        values[t] = value <= cutoff ? factor : 0.0;
+    }
+}
+
 /// The near pairs of one moving centre (fixed index and exponent factor), gathered so that
 /// their exponentials are taken together.
 struct NearTerms {
@@ -309,12 +320,7 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
             for (std::size_t t = 0; t < near.count; ++t) {
                 near.exponent[t] *= pairs[kinds[near.index[t]]].k;
             }
-            // Within the reach, a pair of Gaussians narrower than the channel's widest may
-            // still lie beyond the cut-off: its factor is 0.
-            for (std::size_t t = 0; t < near.count; ++t) {
-                const double exponent = near.exponent[t];
-                near.exponent[t] = exponent <= kCutoff ? ExpOfNegative(-exponent) : 0.0;
-            }
+            CutOffExponentials(near.exponent, near.count, kCutoff);
             for (std::size_t t = 0; t < near.count; ++t) {
                 const std::size_t i = near.index[t];
                 const Pair& constants = pairs[kinds[i]];
