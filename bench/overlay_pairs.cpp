@@ -3,8 +3,8 @@
 // bench/compare_overlay.py. With --score, scores given poses instead of overlaying.
 //
 // Usage:
-//   overlay_pairs FILE.sdf [--order N] [--starts K] [--refine K] [--refine-iterations I]
-//                 [--tolerance T] [--repeat R]
+//   overlay_pairs FILE.sdf [--order N] [--scan N] [--starts K] [--searches K] [--refine K]
+//                 [--refine-iterations I] [--tolerance T] [--repeat R]
 //       overlays every molecule (first conformer) onto every molecule, query-major;
 //   overlay_pairs FILE.sdf --score POSES.sdf
 //       POSES holds, query-major, the fit of every pair in the pose another tool found; prints
@@ -48,7 +48,8 @@ std::vector<QVChem::QVMol> AllConformers(const std::string& path) {
 
 int Usage() {
     std::fprintf(stderr,
-                 "usage: overlay_pairs FILE.sdf [--order N] [--starts K] [--refine K] "
+                 "usage: overlay_pairs FILE.sdf [--order N] [--scan N] [--starts K] "
+                 "[--searches K] [--refine K] [--refine-iterations I] [--tolerance T] "
                  "[--repeat R] | FILE.sdf --score POSES.sdf\n");
     return 2;
 }
@@ -96,6 +97,10 @@ int main(int argc, char** argv) {
             settings.order = static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--starts") {
             settings.extraStarts = static_cast<unsigned int>(std::atoi(value));
+        } else if (option == "--scan") {
+            settings.scanRotations = static_cast<unsigned int>(std::atoi(value));
+        } else if (option == "--searches") {
+            settings.searchStarts = static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--refine") {
             settings.refineCandidates = static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--refine-iterations") {

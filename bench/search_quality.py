@@ -49,6 +49,7 @@ CONFIGS = {
     "scan 30, 2 searches, 1 refined (fast)": (4, 30, 2, 1),
     "scan 30, 2 searches, 2 refined (default)": (4, 30, 2, 2),
     "scan 30, 3 searches, 2 refined": (4, 30, 3, 2),
+    "scan 30, 4 searches, 2 refined": (4, 30, 4, 2),
     "scan 30, 4 searches, 3 refined": (4, 30, 4, 3),
     "scan 60, 4 searches, 3 refined": (4, 60, 4, 3),
     "scan 60, 6 searches, 4 refined (thorough)": (4, 60, 6, 4),

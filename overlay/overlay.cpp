@@ -370,6 +370,29 @@ std::vector<std::size_t> DistinctCandidates(const std::vector<Candidate>& candid
     return chosen;
 }
 
+/// Keeps the `count` of the distinct candidates `distinct` (indices, best Hermite overlap first)
+/// with the largest exact overlaps at their Hermite poses, in that order. The truncated
+/// expansion is a smoothed shape, so the order of its optima is not quite that of the exact
+/// overlaps; one exact value per candidate is cheap against a refinement, and the refinement is
+/// then spent on the poses most likely to win.
+void KeepBestByExactOverlap(ExactOverlapObjective& objective, const std::vector<QVGaussian>& fit,
+                            std::vector<Candidate>& candidates, std::vector<std::size_t>& distinct,
+                            std::size_t count) {
+    if (distinct.size() <= count) {
+        return;
+    }
+    const double zero[6] = {0, 0, 0, 0, 0, 0};
+    for (const std::size_t i : distinct) {
+        objective.SetMoving(MovedGaussians(fit, candidates[i].pose));
+        candidates[i].exactOverlap = -objective(zero);
+    }
+    // Stable: equal overlaps keep the Hermite order.
+    std::stable_sort(distinct.begin(), distinct.end(), [&](std::size_t a, std::size_t b) {
+        return candidates[a].exactOverlap > candidates[b].exactOverlap;
+    });
+    distinct.resize(count);
+}
+
 /// Maximises the exact overlap from a candidate's pose, records the refined pose and returns
 /// the overlap there as the objective computes it (pairs beyond its cut-off left out).
 /// `objective` holds the query and the fit; it is moved to the candidate's pose first.
@@ -581,8 +604,8 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
     const unsigned int refineCount =
         colour ? std::min(settings_.refineCandidates, settings_.colourRefineCandidates)
                : settings_.refineCandidates;
-    const std::vector<std::size_t> refined =
-        DistinctCandidates(candidates, std::max(1u, refineCount), fit.shape);
+    std::vector<std::size_t> refined =
+        DistinctCandidates(candidates, refineCount > 0 ? candidates.size() : 1, fit.shape);
     // Refined candidates are compared by the refinement's own overlaps; the winner's exact
     // overlap, every pair included, is computed once.
     if (refineCount > 0) {
@@ -590,11 +613,13 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
         const ExactChannels moving = ExactChannelsOf(fit, channels_, false);
         ExactOverlapObjective exact(fixed.gaussians, moving.gaussians, fixed.channels,
                                     moving.channels);
+        KeepBestByExactOverlap(exact, moving.gaussians, candidates, refined, refineCount);
         const double fitRadius = Radius(fit.shape);
         for (const std::size_t i : refined) {
             candidates[i].exactOverlap =
                 Refine(exact, moving.gaussians, fitRadius, settings_.refineIterationLimit,
-                       tolerance, candidates[i], result.exactEvaluations);
+                       settings_.refineTolerance * prepared_.shapeSelfOverlap, candidates[i],
+                       result.exactEvaluations);
         }
     }
     // The first of equal overlaps wins.

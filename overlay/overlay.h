@@ -82,6 +82,8 @@ struct Settings {
     unsigned int colourRefineCandidates = 1;
     /// BFGS iteration limit of the exact refinement.
     unsigned int refineIterationLimit = 20;
+    /// BFGS gradient tolerance of the exact refinement, relative to the query's self-overlap.
+    double refineTolerance = 1e-3;
     /// Compute electrostatic scores (needs partial charges).
     bool electrostatics = false;
     /// Width w of the electrostatic Gaussians q / (sqrt(2 pi) w) exp(-r^2 / (2 w^2)), angstrom.

@@ -299,6 +299,7 @@ class OverlaySettings:
         refine_candidates: int = ...,
         colour_refine_candidates: int = ...,
         refine_iteration_limit: int = ...,
+        refine_tolerance: float = ...,
         electrostatics: bool = ...,
         electrostatic_width: float = ...,
         electrostatic_weight: float = ...,
@@ -316,6 +317,7 @@ class OverlaySettings:
     refine_candidates: int
     colour_refine_candidates: int
     refine_iteration_limit: int
+    refine_tolerance: float
     electrostatics: bool
     electrostatic_width: float
     electrostatic_weight: float
@@ -410,6 +412,7 @@ def overlay(
     refine_candidates: int = ...,
     colour_refine_candidates: int = ...,
     refine_iteration_limit: int = ...,
+    refine_tolerance: float = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
     electrostatic_weight: float = ...,
@@ -433,6 +436,7 @@ def score(
     refine_candidates: int = ...,
     colour_refine_candidates: int = ...,
     refine_iteration_limit: int = ...,
+    refine_tolerance: float = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
     electrostatic_weight: float = ...,
@@ -460,6 +464,7 @@ def screen(
     refine_candidates: int = ...,
     colour_refine_candidates: int = ...,
     refine_iteration_limit: int = ...,
+    refine_tolerance: float = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
     electrostatic_weight: float = ...,

@@ -187,6 +187,7 @@ const char* const kSettingNames[] = {"order",
                                      "refine_candidates",
                                      "colour_refine_candidates",
                                      "refine_iteration_limit",
+                                     "refine_tolerance",
                                      "electrostatics",
                                      "electrostatic_width",
                                      "electrostatic_weight",
@@ -264,6 +265,7 @@ std::string SettingsRepr(const Settings& s) {
         << ", iteration_limit=" << s.iterationLimit << ", refine_candidates=" << s.refineCandidates
         << ", colour_refine_candidates=" << s.colourRefineCandidates
         << ", refine_iteration_limit=" << s.refineIterationLimit
+        << ", refine_tolerance=" << Repr(s.refineTolerance)
         << ", electrostatics=" << (s.electrostatics ? "True" : "False")
         << ", electrostatic_width=" << Repr(s.electrostaticWidth)
         << ", electrostatic_weight=" << Repr(s.electrostaticWeight)
@@ -336,6 +338,7 @@ py::dict SettingsState(const Settings& s) {
     d["refine_candidates"] = s.refineCandidates;
     d["colour_refine_candidates"] = s.colourRefineCandidates;
     d["refine_iteration_limit"] = s.refineIterationLimit;
+    d["refine_tolerance"] = s.refineTolerance;
     d["electrostatics"] = s.electrostatics;
     d["electrostatic_width"] = s.electrostaticWidth;
     d["electrostatic_weight"] = s.electrostaticWeight;
@@ -655,7 +658,8 @@ std::string SettingsDoc() {
            "Hermite overlaps (every one when there are no more) ["
         << d.searchStarts << "].\n"
         << "    seed: seed of the random starts [" << d.seed << "].\n"
-        << "    relative_tolerance: BFGS gradient tolerance relative to the query's self-overlap ["
+        << "    relative_tolerance: BFGS gradient tolerance of the Hermite search relative to the "
+           "query's self-overlap ["
         << Repr(d.relativeTolerance) << "].\n"
         << "    iteration_limit: BFGS iterations per start [" << d.iterationLimit << "].\n"
         << "    refine_candidates: best Hermite poses refined on the exact overlap, 0 for none ["
@@ -665,6 +669,9 @@ std::string SettingsDoc() {
         << d.colourRefineCandidates << "].\n"
         << "    refine_iteration_limit: BFGS iterations of the exact refinement ["
         << d.refineIterationLimit << "].\n"
+        << "    refine_tolerance: BFGS gradient tolerance of the exact refinement, relative to "
+           "the query's self-overlap ["
+        << Repr(d.refineTolerance) << "].\n"
         << "    electrostatics: also compute the electrostatic scores from the partial charges ["
         << (d.electrostatics ? "True" : "False") << "].\n"
         << "    electrostatic_width: width of the electrostatic Gaussians in angstrom ["
@@ -789,13 +796,16 @@ Args:
     search_starts: local (BFGS) searches, from the scanned orientations with the largest
         Hermite overlaps.
     seed: seed of the random rotations.
-    relative_tolerance: BFGS gradient tolerance, relative to the query's self-overlap.
+    relative_tolerance: BFGS gradient tolerance of the Hermite search, relative to the query's
+        self-overlap.
     iteration_limit: BFGS iteration limit per start.
     refine_candidates: best distinct Hermite poses refined on the exact overlap (0: no
         refinement).
     colour_refine_candidates: the same when colour features join the search (at most
         refine_candidates; the features set the poses apart, so one is enough by default).
     refine_iteration_limit: BFGS iteration limit of the exact refinement.
+    refine_tolerance: BFGS gradient tolerance of the exact refinement, relative to the query's
+        self-overlap.
     electrostatics: also compute electrostatic scores (needs partial charges).
     electrostatic_width: width of the electrostatic Gaussians, angstrom.
     electrostatic_weight: weight of the electrostatic overlap against the shape overlap in the
@@ -837,7 +847,7 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
             [](Settings& s, double v) {
                 s.relativeTolerance = RequirePositive(v, "relative_tolerance");
             },
-            "BFGS gradient tolerance relative to the query's self-overlap.")
+            "BFGS gradient tolerance of the Hermite search relative to the query's self-overlap.")
         .def_property(
             "iteration_limit", [](const Settings& s) { return s.iterationLimit; },
             [](Settings& s, py::object v) {
@@ -863,6 +873,13 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
                 s.refineIterationLimit = Count(v, "refine_iteration_limit", 1000000);
             },
             "BFGS iteration limit of the exact refinement.")
+        .def_property(
+            "refine_tolerance", [](const Settings& s) { return s.refineTolerance; },
+            [](Settings& s, double v) {
+                s.refineTolerance = RequirePositive(v, "refine_tolerance");
+            },
+            "BFGS gradient tolerance of the exact refinement relative to the query's "
+            "self-overlap.")
         .def_property(
             "electrostatics", [](const Settings& s) { return s.electrostatics; },
             [](Settings& s, bool v) { s.electrostatics = v; }, "Compute the electrostatic scores.")

@@ -266,7 +266,8 @@ def test_pickle_overlay_result_and_scores(pair: List[hermite.Molecule]) -> None:
 def test_pickle_overlay_settings() -> None:
     settings = hermite.OverlaySettings(order=6, starts=3, seed=2**64 - 1, relative_tolerance=1e-4,
                                        iteration_limit=50, refine_candidates=2,
-                                       refine_iteration_limit=7, electrostatics=True,
+                                       refine_iteration_limit=7, refine_tolerance=2e-3,
+                                       electrostatics=True,
                                        electrostatic_width=0.8)
     clone = pickle.loads(pickle.dumps(settings))
     assert isinstance(clone, hermite.OverlaySettings)
