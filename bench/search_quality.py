@@ -44,14 +44,15 @@ EXPONENT = 0.811151803
 # name: (order, scan_rotations, search_starts, refine_candidates); the presets of --effort are
 # marked.
 CONFIGS = {
-    "flips, 4 searches, 1 refined (the former default)": (4, 0, 4, 1),
+    "flips, 4 searches, 1 refined (the first default)": (4, 0, 4, 1),
     "flips, 4 searches, 2 refined": (4, 0, 4, 2),
     "scan 30, 2 searches, 1 refined (fast)": (4, 30, 2, 1),
-    "scan 30, 2 searches, 2 refined (default)": (4, 30, 2, 2),
-    "scan 30, 3 searches, 2 refined": (4, 30, 3, 2),
+    "scan 30, 2 searches, 2 refined (the former default)": (4, 30, 2, 2),
+    "scan 30, 3 searches, 2 refined (default)": (4, 30, 3, 2),
     "scan 30, 4 searches, 2 refined": (4, 30, 4, 2),
     "scan 30, 4 searches, 3 refined": (4, 30, 4, 3),
-    "scan 60, 4 searches, 3 refined": (4, 60, 4, 3),
+    "scan 30, 6 searches, 3 refined": (4, 30, 6, 3),
+    "scan 30, 10 searches, 2 refined": (4, 30, 10, 2),
     "scan 60, 6 searches, 4 refined (thorough)": (4, 60, 6, 4),
     "order 5, scan 60, 4 searches, 3 refined": (5, 60, 4, 3),
     "order 6, scan 60, 4 searches, 3 refined": (6, 60, 4, 3),

@@ -111,8 +111,10 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     settings.scanRotations =
         static_cast<unsigned int>(IntegerOption(line, "--scan", settings.scanRotations, 0, 100000));
     settings.extraStarts = static_cast<unsigned int>(IntegerOption(line, "--starts", 0, 0, 1000));
-    settings.searchStarts = static_cast<unsigned int>(
-        IntegerOption(line, "--searches", settings.searchStarts, 1, 1000));
+    if (line.Has("--searches")) {  // with and without colour
+        settings.searchStarts = settings.colourSearchStarts =
+            static_cast<unsigned int>(IntegerOption(line, "--searches", 0, 1, 1000));
+    }
     if (line.Has("--refine")) {  // with and without colour
         settings.refineCandidates = settings.colourRefineCandidates =
             static_cast<unsigned int>(IntegerOption(line, "--refine", 0, 0, 1000));
@@ -450,7 +452,8 @@ ArgumentParser OverlayParser() {
         .Option("--searches", "K",
                 "Local searches (BFGS on the Hermite overlap), started from the scanned "
                 "orientations with the largest overlaps, 1 to 1000; default " +
-                    std::to_string(overlay::Settings().searchStarts) + ".")
+                    std::to_string(overlay::Settings().searchStarts) + ", " +
+                    std::to_string(overlay::Settings().colourSearchStarts) + " with colour.")
         .Option("--refine", "R",
                 "Distinct poses of the local searches refined on the exact overlap of the atom "
                 "Gaussians, the best one kept; 0 (no refinement) to 1000; default " +

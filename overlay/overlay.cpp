@@ -286,10 +286,11 @@ std::vector<Candidate> JointHermiteSearch(const Expansion& query, const Expansio
         channels.push_back({std::move(gaussians), std::move(expansion)});
     }
     std::vector<RotationMatrix> starts = scan.Rotations();
-    if (starts.size() > settings.searchStarts) {
+    const unsigned int count =
+        std::max(1u, std::min(settings.searchStarts, settings.colourSearchStarts));
+    if (starts.size() > count) {
         std::vector<RotationMatrix> best;
-        for (const std::size_t k :
-             OrientationScan::Largest(scanned, std::max(1u, settings.searchStarts))) {
+        for (const std::size_t k : OrientationScan::Largest(scanned, count)) {
             best.push_back(starts[k]);
         }
         starts = std::move(best);
@@ -706,12 +707,13 @@ std::optional<Effort> ParseEffort(std::string_view name) {
 
 namespace {
 
-/// The search settings of a preset: order, scanned rotations, local searches, refined poses
-/// (without and with colour).
+/// The search settings of a preset: order, scanned rotations, local searches (without and with
+/// colour), refined poses (without and with colour).
 struct SearchPreset {
     unsigned int order;
     unsigned int scanRotations;
     unsigned int searchStarts;
+    unsigned int colourSearchStarts;
     unsigned int refineCandidates;
     unsigned int colourRefineCandidates;
 };
@@ -720,14 +722,18 @@ SearchPreset PresetOf(Effort effort) {
     const Settings defaults;
     switch (effort) {
         case Effort::Fast:
-            return {4, 30, 2, 1, 1};
+            return {4, 30, 2, 2, 1, 1};
         case Effort::Thorough:
-            return {4, 60, 6, 4, 4};
+            return {4, 60, 6, 6, 4, 4};
         case Effort::Default:
             break;
     }
-    return {defaults.order, defaults.scanRotations, defaults.searchStarts,
-            defaults.refineCandidates, defaults.colourRefineCandidates};
+    return {defaults.order,
+            defaults.scanRotations,
+            defaults.searchStarts,
+            defaults.colourSearchStarts,
+            defaults.refineCandidates,
+            defaults.colourRefineCandidates};
 }
 
 }  // namespace
@@ -737,6 +743,7 @@ Settings WithEffort(Settings settings, Effort effort) {
     settings.order = preset.order;
     settings.scanRotations = preset.scanRotations;
     settings.searchStarts = preset.searchStarts;
+    settings.colourSearchStarts = preset.colourSearchStarts;
     settings.refineCandidates = preset.refineCandidates;
     settings.colourRefineCandidates = preset.colourRefineCandidates;
     return settings;

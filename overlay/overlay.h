@@ -68,7 +68,11 @@ struct Settings {
     std::uint64_t seed = 42;
     /// Local (BFGS) searches, started from the scanned orientations with the largest Hermite
     /// overlaps; every scanned orientation is started when there are no more than this.
-    unsigned int searchStarts = 2;
+    unsigned int searchStarts = 3;
+    /// The same when colour features (or a weighted electrostatic density) join the search, at
+    /// most `searchStarts`: the joint search costs a channel per feature type, and two
+    /// searches with one refined pose were measured to rank as well (docs/colour.md).
+    unsigned int colourSearchStarts = 2;
     /// BFGS gradient tolerance of the Hermite search, relative to the query's self-overlap.
     double relativeTolerance = 1e-3;
     /// BFGS iteration limit per start.

@@ -293,6 +293,7 @@ class OverlaySettings:
         scan_rotations: int = ...,
         starts: int = ...,
         search_starts: int = ...,
+        colour_search_starts: int = ...,
         seed: int = ...,
         relative_tolerance: float = ...,
         iteration_limit: int = ...,
@@ -311,6 +312,7 @@ class OverlaySettings:
     scan_rotations: int
     starts: int
     search_starts: int
+    colour_search_starts: int
     seed: int
     relative_tolerance: float
     iteration_limit: int
@@ -406,6 +408,7 @@ def overlay(
     scan_rotations: int = ...,
     starts: int = ...,
     search_starts: int = ...,
+    colour_search_starts: int = ...,
     seed: int = ...,
     relative_tolerance: float = ...,
     iteration_limit: int = ...,
@@ -430,6 +433,7 @@ def score(
     scan_rotations: int = ...,
     starts: int = ...,
     search_starts: int = ...,
+    colour_search_starts: int = ...,
     seed: int = ...,
     relative_tolerance: float = ...,
     iteration_limit: int = ...,
@@ -458,6 +462,7 @@ def screen(
     scan_rotations: int = ...,
     starts: int = ...,
     search_starts: int = ...,
+    colour_search_starts: int = ...,
     seed: int = ...,
     relative_tolerance: float = ...,
     iteration_limit: int = ...,

@@ -181,6 +181,7 @@ const char* const kSettingNames[] = {"order",
                                      "scan_rotations",
                                      "starts",
                                      "search_starts",
+                                     "colour_search_starts",
                                      "seed",
                                      "relative_tolerance",
                                      "iteration_limit",
@@ -261,7 +262,8 @@ std::string SettingsRepr(const Settings& s) {
     std::ostringstream out;
     out << "OverlaySettings(order=" << s.order << ", scan_rotations=" << s.scanRotations
         << ", starts=" << s.extraStarts << ", search_starts=" << s.searchStarts
-        << ", seed=" << s.seed << ", relative_tolerance=" << Repr(s.relativeTolerance)
+        << ", colour_search_starts=" << s.colourSearchStarts << ", seed=" << s.seed
+        << ", relative_tolerance=" << Repr(s.relativeTolerance)
         << ", iteration_limit=" << s.iterationLimit << ", refine_candidates=" << s.refineCandidates
         << ", colour_refine_candidates=" << s.colourRefineCandidates
         << ", refine_iteration_limit=" << s.refineIterationLimit
@@ -332,6 +334,7 @@ py::dict SettingsState(const Settings& s) {
     d["scan_rotations"] = s.scanRotations;
     d["starts"] = s.extraStarts;
     d["search_starts"] = s.searchStarts;
+    d["colour_search_starts"] = s.colourSearchStarts;
     d["seed"] = s.seed;
     d["relative_tolerance"] = s.relativeTolerance;
     d["iteration_limit"] = s.iterationLimit;
@@ -657,6 +660,9 @@ std::string SettingsDoc() {
         << "    search_starts: local searches, from the scanned orientations with the largest "
            "Hermite overlaps (every one when there are no more) ["
         << d.searchStarts << "].\n"
+        << "    colour_search_starts: the same when colour features (or a weighted "
+           "electrostatic density) join the search, at most search_starts ["
+        << d.colourSearchStarts << "].\n"
         << "    seed: seed of the random starts [" << d.seed << "].\n"
         << "    relative_tolerance: BFGS gradient tolerance of the Hermite search relative to the "
            "query's self-overlap ["
@@ -795,6 +801,8 @@ Args:
     starts: random rotations scanned besides them.
     search_starts: local (BFGS) searches, from the scanned orientations with the largest
         Hermite overlaps.
+    colour_search_starts: the same when colour features (or a weighted electrostatic density)
+        join the search (at most search_starts).
     seed: seed of the random rotations.
     relative_tolerance: BFGS gradient tolerance of the Hermite search, relative to the query's
         self-overlap.
@@ -836,6 +844,13 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
             "search_starts", [](const Settings& s) { return s.searchStarts; },
             [](Settings& s, py::object v) { s.searchStarts = Count(v, "search_starts", 100000); },
             "Local searches, from the scanned orientations with the largest Hermite overlaps.")
+        .def_property(
+            "colour_search_starts", [](const Settings& s) { return s.colourSearchStarts; },
+            [](Settings& s, py::object v) {
+                s.colourSearchStarts = Count(v, "colour_search_starts", 100000);
+            },
+            "Local searches when colour features (or a weighted electrostatic density) join the "
+            "search (at most search_starts).")
         .def_property(
             "seed", [](const Settings& s) { return s.seed; },
             [](Settings& s, py::object v) {

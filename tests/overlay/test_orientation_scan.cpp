@@ -151,8 +151,9 @@ TEST(OrientationScan, OverlapsAreTheHermiteOverlapsOfTheTurnedFit) {
 }
 
 // CDK2 pairs whose best poses lie far from every flip of the principal frames (found by
-// comparing searches over all pairs): the four flips alone stop at least 0.1 below the best
-// pose known, and the search seeded by the scan reaches it.
+// comparing searches over all pairs): the local searches from the four flips alone, the one of
+// their optima with the largest exact overlap refined, stop at least 0.1 below the best pose
+// known, and the search seeded by the scan reaches it.
 TEST(OrientationScan, SearchFindsTheBestPoseWhereTheFramesMislead) {
     const std::vector<hermite::io::Molecule> ligands = hermite::io::ReadAll(kCdk2);
     const auto mol = [&ligands](std::size_t i) { return ligands[i].conformers[0].Mol(); };
@@ -169,7 +170,7 @@ TEST(OrientationScan, SearchFindsTheBestPoseWhereTheFramesMislead) {
     exhaustive.scanRotations = 300;
     exhaustive.searchStarts = 40;
     exhaustive.refineCandidates = 8;
-    const std::pair<std::size_t, std::size_t> pairs[] = {{21, 22}, {24, 38}, {36, 6}, {0, 26}};
+    const std::pair<std::size_t, std::size_t> pairs[] = {{21, 22}, {24, 38}};
     for (const auto& [q, f] : pairs) {
         const double best = Query(mol(q), exhaustive).Overlay(mol(f)).scores.shapeTanimoto;
         const double fromFlips = Query(mol(q), flips).Overlay(mol(f)).scores.shapeTanimoto;

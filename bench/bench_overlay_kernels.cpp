@@ -1,0 +1,46 @@
+// Timings of the overlay driver's inner objectives: the fused Hermite overlap (value with
+// gradient) that the local searches evaluate, and the exact overlap that the refinement
+// evaluates, on molecule-sized densities in a generic pose.
+
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+#include "bench_data.h"
+#include "overlay/exact_overlap.h"
+#include "overlay/fast_overlap.h"
+
+namespace {
+
+using hermite::overlay::ExactOverlapObjective;
+using hermite::overlay::Expansion;
+using hermite::overlay::FastOverlap;
+using namespace hermite_bench;
+
+/// A generic pose: all three angles and translations non-zero.
+constexpr double kPose[6] = {0.3, -0.7, 1.1, 0.4, -0.25, 0.6};
+
+void BM_FastOverlapValueAndGradient(benchmark::State& state) {
+    const unsigned int order = static_cast<unsigned int>(state.range(0));
+    const double lambda[3] = {kLambda, kLambda, kLambda};
+    FastOverlap objective(Expansion::Of(DrugLikeGaussians(1u), order, lambda),
+                          Expansion::Of(DrugLikeGaussians(2u), order, lambda));
+    double gradient[6];
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(objective(kPose, gradient));
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_FastOverlapValueAndGradient)->ArgName("N")->Arg(2)->Arg(4)->Arg(6);
+
+void BM_ExactOverlapValueAndGradient(benchmark::State& state) {
+    ExactOverlapObjective objective(DrugLikeGaussians(1u), DrugLikeGaussians(2u));
+    double gradient[6];
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(objective(kPose, gradient));
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_ExactOverlapValueAndGradient);
+
+}  // namespace
