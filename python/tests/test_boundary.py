@@ -91,6 +91,8 @@ MOLECULE = hermite.Molecule([6, 6, 8], XYZ, title="m")
 OVERLAY_INTEGERS = [
     ("order", 0, 100),
     ("starts", 0, 100000),
+    ("search_starts", 0, 100000),
+    ("colour_search_starts", 0, 100000),
     ("seed", 0, 2**64 - 1),
     ("iteration_limit", 0, 1000000),
     ("refine_candidates", 0, 1000),

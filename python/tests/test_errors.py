@@ -138,6 +138,8 @@ def test_molecule_and_overlay_inputs(molecule: hermite.Molecule) -> None:
     bad(lambda: hermite.overlay(molecule, molecule, order=101), "order must lie in 0..100")
     bad(lambda: hermite.overlay(molecule, molecule, starts=-1), "starts must lie in")
     bad(lambda: hermite.overlay(molecule, molecule, relative_tolerance=0.0), "relative_tolerance")
+    bad(lambda: hermite.overlay(molecule, molecule, refine_tolerance=-1e-3), "refine_tolerance")
+    bad(lambda: hermite.overlay(molecule, molecule, refine_tolerance=NAN), "refine_tolerance")
     bad(lambda: hermite.overlay(molecule, molecule, electrostatic_width=NAN),
         "electrostatic_width")
     bad(lambda: hermite.OverlaySettings(iteration_limit=-5), "iteration_limit")

@@ -193,6 +193,24 @@ def test_effort_presets_set_the_search_and_other_keywords_override_them() -> Non
         hermite.OverlaySettings(effort=3)
 
 
+def test_refine_tolerance_reaches_the_exact_refinement(cdk2: List[hermite.Molecule]) -> None:
+    # A gradient tolerance as large as the query's self-overlap stops each refinement at its
+    # first evaluation: one value-and-gradient evaluation per refined pose.
+    default = hermite.overlay(cdk2[2], cdk2[3], refine_candidates=2)
+    stopped = hermite.overlay(cdk2[2], cdk2[3], refine_candidates=2, refine_tolerance=1.0)
+    assert 1 <= stopped.exact_evaluations <= 2 < default.exact_evaluations
+    assert stopped.hermite_evaluations == default.hermite_evaluations
+    assert stopped.scores.shape_tanimoto <= default.scores.shape_tanimoto + 1e-4
+
+
+def test_colour_search_starts_default_and_override() -> None:
+    settings = hermite.OverlaySettings()
+    assert settings.colour_search_starts <= settings.search_starts
+    assert hermite.OverlaySettings(effort="thorough").colour_search_starts > \
+        settings.colour_search_starts
+    assert hermite.OverlaySettings(colour_search_starts=5).colour_search_starts == 5
+
+
 def test_a_thorough_search_is_never_worse_on_cdk2(cdk2: List[hermite.Molecule]) -> None:
     # Pairs whose best poses lie far from the flips of the principal frames.
     for q, f in [(21, 22), (24, 38), (0, 26)]:
