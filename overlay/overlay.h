@@ -16,14 +16,16 @@
 /// 4. Local search: from the `searchStarts` orientations with the largest scanned overlaps,
 ///    the six-variable Hermite overlap (three angles, three translations) is maximised with
 ///    BFGS.
-/// 5. Refinement: the best `refineCandidates` distinct poses (poses within 0.5 angstrom RMS of
-///    a better one are the same optimum) are refined by BFGS on the exact analytic overlap of
-///    the atom Gaussians; the best exact overlap wins.
+/// 5. Refinement: the distinct poses (poses within 0.5 angstrom RMS of a better one are the
+///    same optimum) are ranked by their exact overlaps, and the best `refineCandidates` of them
+///    are refined by BFGS on the exact analytic overlap of the atom Gaussians; the best exact
+///    overlap wins.
 ///
 /// With colour (`Settings::colour`), steps 4 and 5 maximise shape overlap + w * colour overlap
 /// (w = `colourWeight`): each feature type present in both molecules is one more density,
 /// expanded with the query's lambda and turned and moved with the shape in the Hermite search,
-/// and refined with it on the exact overlaps (see overlay/colour.h). The scan stays by shape.
+/// and refined with it on the exact overlaps (see overlay/colour.h), with
+/// `colourSearchStarts` searches and `colourRefineCandidates` refined poses.
 ///
 /// Scores (all at the final pose, from exact analytic overlap integrals unless named Hermite):
 /// - shape Tanimoto O_qf / (O_qq + O_ff - O_qf), in [0, 1];
@@ -77,8 +79,9 @@ struct Settings {
     double relativeTolerance = 1e-3;
     /// BFGS iteration limit per start.
     unsigned int iterationLimit = 100;
-    /// Distinct poses of the local searches refined on the exact overlap, the best kept (0: the
-    /// best Hermite pose, unrefined).
+    /// Distinct poses of the local searches refined on the exact overlap, those with the largest
+    /// exact overlaps before refinement; the best refined pose is kept (0: the best Hermite
+    /// pose, unrefined).
     unsigned int refineCandidates = 2;
     /// The same when colour features join the search, at most `refineCandidates`: the features
     /// set the candidate poses apart, and refining the best joint pose alone ranks as well as

@@ -180,4 +180,74 @@ TEST(OrientationScan, SearchFindsTheBestPoseWhereTheFramesMislead) {
     }
 }
 
+/// `molecule` with every atom moved by `motion`, in double precision.
+QVChem::QVMol Moved(const QVChem::QVMol& molecule, const QVTrans& motion) {
+    QVChem::QVMol moved = molecule;
+    hermite::overlay::TransformMolecule(moved, motion);
+    return moved;
+}
+
+/// A rigid motion: the rotation drawn from `engine` and a shift of a few angstrom.
+QVTrans RandomMotion(std::mt19937_64& engine) {
+    const RotationMatrix R = RandomRotation(engine);
+    std::uniform_real_distribution<double> shift(-4.0, 4.0);
+    const double t[3] = {shift(engine), shift(engine), shift(engine)};
+    return QVTrans(R.data(), t);
+}
+
+// A chiral propeller with a three-fold axis (three twisted blades round a hub, a cap on one
+// side): its two in-plane moments are equal, so any pair of in-plane axes is principal, and the
+// frames of the query and of a moved copy differ by an arbitrary turn about the axis, which no
+// flip undoes. The search must still lay the copy onto the query.
+TEST(OrientationScan, SearchOverlaysASymmetricTopOntoItselfWhateverItsFrame) {
+    QVChem::QVMol propeller;
+    propeller.AddAtom(6, 0.0, 0.0, 0.0, 0.0);
+    propeller.AddAtom(6, 0.0, 0.0, 1.5, 0.0);
+    for (int blade = 0; blade < 3; ++blade) {
+        const double angle = 2.0 * kPi * blade / 3.0;
+        propeller.AddAtom(6, 1.5 * std::cos(angle), 1.5 * std::sin(angle), 0.0, 0.0);
+        propeller.AddAtom(6, 2.7 * std::cos(angle + 0.4), 2.7 * std::sin(angle + 0.4), 0.5, 0.0);
+        propeller.AddAtom(6, 3.6 * std::cos(angle + 0.9), 3.6 * std::sin(angle + 0.9), -0.3, 0.0);
+    }
+    const Query query(propeller, Settings());
+    std::mt19937_64 engine(2024);
+    for (int trial = 0; trial < 8; ++trial) {
+        const double tanimoto =
+            query.Overlay(Moved(propeller, RandomMotion(engine))).scores.shapeTanimoto;
+        EXPECT_GT(tanimoto, 0.999) << "motion " << trial;
+    }
+}
+
+// A rod of ten atoms with a bulge near one end, and a fit of half its length with a bulge in
+// its middle, moved: the fit's longest axis is across its bulge, not along the query's rod, so
+// the frames do not line up the rods. The default search reaches the best pose of an
+// exhaustive one.
+TEST(OrientationScan, SearchAlignsAShortBulgedRodWithALongOne) {
+    QVChem::QVMol rod;
+    for (int i = 0; i < 10; ++i) {
+        rod.AddAtom(6, 1.4 * i, 0.0, 0.0, 0.0);
+    }
+    rod.AddAtom(6, 1.4, 1.4, 0.0, 0.0);
+    rod.AddAtom(6, 1.4, 2.8, 0.0, 0.0);
+    QVChem::QVMol stub;
+    for (int i = 0; i < 5; ++i) {
+        stub.AddAtom(6, 1.4 * i, 0.0, 0.0, 0.0);
+    }
+    stub.AddAtom(6, 2.8, 1.4, 0.0, 0.0);
+    stub.AddAtom(6, 2.8, 2.8, 0.0, 0.0);
+    stub.AddAtom(6, 2.8, 4.2, 0.0, 0.0);
+    Settings exhaustive;
+    exhaustive.order = 6;
+    exhaustive.scanRotations = 300;
+    exhaustive.searchStarts = 40;
+    exhaustive.refineCandidates = 8;
+    std::mt19937_64 engine(7);
+    for (int trial = 0; trial < 4; ++trial) {
+        const QVChem::QVMol fit = Moved(stub, RandomMotion(engine));
+        const double best = Query(rod, exhaustive).Overlay(fit).scores.shapeTanimoto;
+        const double found = Query(rod, Settings()).Overlay(fit).scores.shapeTanimoto;
+        EXPECT_GT(found, best - 0.002) << "motion " << trial;
+    }
+}
+
 }  // namespace
