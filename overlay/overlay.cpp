@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <numeric>
 #include <string>
 
 #include "overlay/exact_overlap.h"
@@ -194,28 +195,77 @@ double Radius(const std::vector<QVGaussian>& gaussians) {
     return std::max(1.0, std::sqrt(sum / count));
 }
 
-/// The orientations the local search starts from: every orientation of the scan in its order
-/// when there are no more than `settings.searchStarts`, else the best `searchStarts` of them by
-/// the scan's overlaps.
-std::vector<RotationMatrix> SearchStarts(const OrientationScan& scan, const Expansion& fit,
-                                         const Settings& settings) {
-    const std::vector<RotationMatrix>& rotations = scan.Rotations();
-    if (rotations.size() <= settings.searchStarts) {
-        return rotations;
+/// A start of a local search: an orientation of the fit and a shift of the fit along the axes
+/// of its own frame before it is turned (angstrom).
+struct SearchStart {
+    RotationMatrix rotation;
+    std::array<double, 3> shift;
+};
+
+/// The shifts of the fit at which every orientation is scanned: none, and `distance` both ways
+/// along each axis of the fit's frame.
+std::vector<std::array<double, 3>> ScanShifts(double distance) {
+    std::vector<std::array<double, 3>> shifts = {{0.0, 0.0, 0.0}};
+    if (distance > 0.0) {
+        for (int axis = 0; axis < 3; ++axis) {
+            for (const double sign : {-1.0, 1.0}) {
+                std::array<double, 3> shift = {0.0, 0.0, 0.0};
+                shift[axis] = sign * distance;
+                shifts.push_back(shift);
+            }
+        }
     }
-    std::vector<RotationMatrix> starts;
-    for (const std::size_t k : scan.Best(fit, std::max(1u, settings.searchStarts))) {
-        starts.push_back(rotations[k]);
+    return shifts;
+}
+
+/// `gaussians` shifted by `shift`.
+std::vector<QVGaussian> Shifted(const std::vector<QVGaussian>& gaussians,
+                                const std::array<double, 3>& shift) {
+    const double identity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    return MovedGaussians(gaussians, QVTrans(identity, shift.data()));
+}
+
+/// The starts of the local searches: every orientation of the scan at the shift of
+/// `ScanShifts(settings.scanShift)` with its largest scanned overlap (the first of equal ones),
+/// `scannedAt(shift)` giving the overlaps of every orientation with the fit so shifted; every
+/// orientation when there are no more than `count`, in its order, else the `count` with the
+/// largest overlaps. Centring both molecules on their centroids is right for molecules of
+/// about one size and shape; a small fit often belongs off-centre along a larger query, and
+/// the shifts let the scan see where.
+template <class ScannedAt>
+std::vector<SearchStart> BestStarts(const std::vector<RotationMatrix>& rotations,
+                                    ScannedAt scannedAt, unsigned int count,
+                                    const Settings& settings) {
+    const std::vector<std::array<double, 3>> shifts = ScanShifts(settings.scanShift);
+    std::vector<double> best(rotations.size(), -INFINITY);
+    std::vector<std::size_t> bestShift(rotations.size(), 0);
+    for (std::size_t j = 0; j < shifts.size(); ++j) {
+        const std::vector<double> overlaps = scannedAt(shifts[j]);
+        for (std::size_t k = 0; k < rotations.size(); ++k) {
+            if (overlaps[k] > best[k]) {
+                best[k] = overlaps[k];
+                bestShift[k] = j;
+            }
+        }
+    }
+    std::vector<std::size_t> chosen(rotations.size());
+    std::iota(chosen.begin(), chosen.end(), 0);
+    if (rotations.size() > count) {
+        chosen = OrientationScan::Largest(best, std::max(1u, count));
+    }
+    std::vector<SearchStart> starts;
+    for (const std::size_t k : chosen) {
+        starts.push_back({rotations[k], shifts[bestShift[k]]});
     }
     return starts;
 }
 
 /// Minimises `objective` (a Hermite objective of the six rigid variables) from every start
-/// orientation U, after `turnFit(U)` has turned the fit's expansions by U; candidates best
-/// first.
+/// (orientation U, shift v), after `turnFit(U)` has turned the fit's expansions by U: the
+/// search starts with the turned fit moved by U v. Candidates best first.
 template <class TurnFit>
 std::vector<Candidate> SearchFromStarts(QVOpt::QVFunc1& objective, TurnFit turnFit,
-                                        const std::vector<RotationMatrix>& starts, double radius,
+                                        const std::vector<SearchStart>& starts, double radius,
                                         const Settings& settings, double tolerance,
                                         unsigned int& evaluations) {
     CountingObjective counting(objective, evaluations);
@@ -224,9 +274,15 @@ std::vector<Candidate> SearchFromStarts(QVOpt::QVFunc1& objective, TurnFit turnF
     minimiser.SetTolerance(tolerance);
     minimiser.SetIterLimit(settings.iterationLimit);
     std::vector<Candidate> candidates;
-    for (const RotationMatrix& U : starts) {
+    for (const SearchStart& searchStart : starts) {
+        const RotationMatrix& U = searchStart.rotation;
         turnFit(U);
-        const double start[6] = {0, 0, 0, 0, 0, 0};
+        double start[6] = {0, 0, 0, 0, 0, 0};
+        for (int i = 0; i < 3; ++i) {
+            for (int j = 0; j < 3; ++j) {
+                start[3 + i] += U[3 * i + j] * searchStart.shift[j];
+            }
+        }
         double u[6], x[6];
         const double value = minimiser(counted, nullptr, start, u);
         counted.Unscale(u, x);
@@ -248,8 +304,16 @@ std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fi
     const auto turnFit = [&](const RotationMatrix& U) {
         objective.SetFitCoefficients(RotatedCoefficients(fitGaussians, fit, U));
     };
-    return SearchFromStarts(objective, turnFit, SearchStarts(scan, fit, settings), radius, settings,
-                            tolerance, evaluations);
+    const auto scannedAt = [&](const std::array<double, 3>& shift) {
+        return scan.Overlaps(
+            shift == std::array<double, 3>{0.0, 0.0, 0.0}
+                ? fit
+                : Expansion::Of(Shifted(fitGaussians, shift), fit.order, fit.lambda));
+    };
+    return SearchFromStarts(
+        objective, turnFit,
+        BestStarts(scan.Rotations(), scannedAt, settings.searchStarts, settings), radius, settings,
+        tolerance, evaluations);
 }
 
 /// One density of the fit in a joint search: its Gaussians and their expansion.
@@ -271,7 +335,7 @@ std::vector<Candidate> JointHermiteSearch(const Expansion& query, const Expansio
     JointOverlap objective;
     std::vector<FitChannel> channels = {{fitDensities.shape, fit}};
     objective.AddChannel(query, fit, 1.0);
-    std::vector<double> scanned = scan.Overlaps(fit);
+    std::vector<const SearchChannel*> scans = {nullptr};  // the shape's scan, then the others'
     for (const SearchChannel& channel : queryChannels) {
         std::vector<QVGaussian> gaussians = ChannelGaussians(fitDensities, channel);
         if (gaussians.empty()) {
@@ -279,22 +343,30 @@ std::vector<Candidate> JointHermiteSearch(const Expansion& query, const Expansio
         }
         Expansion expansion = Expansion::Of(gaussians, channel.expansion.order, query.lambda);
         objective.AddChannel(channel.expansion, expansion, channel.weight);
-        const std::vector<double> overlaps = channel.scan.Overlaps(expansion);
-        for (std::size_t k = 0; k < scanned.size(); ++k) {
-            scanned[k] += channel.weight * overlaps[k];
-        }
         channels.push_back({std::move(gaussians), std::move(expansion)});
+        scans.push_back(&channel);
     }
-    std::vector<RotationMatrix> starts = scan.Rotations();
-    const unsigned int count =
-        std::max(1u, std::min(settings.searchStarts, settings.colourSearchStarts));
-    if (starts.size() > count) {
-        std::vector<RotationMatrix> best;
-        for (const std::size_t k : OrientationScan::Largest(scanned, count)) {
-            best.push_back(starts[k]);
+    // The scanned joint overlaps: the shape's and the weighted ones of the other channels.
+    const auto scannedAt = [&](const std::array<double, 3>& shift) {
+        const bool centred = shift == std::array<double, 3>{0.0, 0.0, 0.0};
+        std::vector<double> sum(scan.Rotations().size(), 0.0);
+        for (std::size_t c = 0; c < channels.size(); ++c) {
+            const Expansion& expansion = channels[c].expansion;
+            const std::vector<double> overlaps =
+                (c == 0 ? scan : scans[c]->scan)
+                    .Overlaps(centred ? expansion
+                                      : Expansion::Of(Shifted(channels[c].gaussians, shift),
+                                                      expansion.order, expansion.lambda));
+            const double weight = c == 0 ? 1.0 : scans[c]->weight;
+            for (std::size_t k = 0; k < sum.size(); ++k) {
+                sum[k] += weight * overlaps[k];
+            }
         }
-        starts = std::move(best);
-    }
+        return sum;
+    };
+    const std::vector<SearchStart> starts =
+        BestStarts(scan.Rotations(), scannedAt,
+                   std::min(settings.searchStarts, settings.colourSearchStarts), settings);
     const auto turnFit = [&](const RotationMatrix& U) {
         for (std::size_t c = 0; c < channels.size(); ++c) {
             objective.SetFitCoefficients(
@@ -501,9 +573,36 @@ PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settin
                                    const ColourFeatures& features)
     : PreparedMolecule(molecule, settings, PrincipalFrameOf(molecule), features) {}
 
+namespace {
+
+/// `frame`, a principal frame of `molecule`, turned if need be by a half-turn about one of its
+/// axes, so that the third moments of the atoms along x and along y are not negative. The axes
+/// of the second moments have no sign of their own: without this, two poses of one molecule
+/// could get frames a half-turn apart, the orientation scan would look at the molecule from
+/// other directions, and the overlay would depend on the input pose.
+QVTrans WithCanonicalSigns(const QVTrans& frame, const QVMol& molecule) {
+    double third[2] = {0.0, 0.0};
+    for (const QVChem::QVAtom& atom : MovedMolecule(molecule, frame)) {
+        double p[3];
+        atom.GetCoords(p);
+        third[0] += p[0] * p[0] * p[0];
+        third[1] += p[1] * p[1] * p[1];
+    }
+    const double sx = third[0] < 0.0 ? -1.0 : 1.0;
+    const double sy = third[1] < 0.0 ? -1.0 : 1.0;
+    if (sx > 0.0 && sy > 0.0) {
+        return frame;
+    }
+    const double halfTurn[9] = {sx, 0, 0, 0, sy, 0, 0, 0, sx * sy};
+    const double zero[3] = {0.0, 0.0, 0.0};
+    return frame.Then(QVTrans(halfTurn, zero));
+}
+
+}  // namespace
+
 PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings,
                                    const QVTrans& frame, const ColourFeatures& features)
-    : toFrame(frame) {
+    : toFrame(WithCanonicalSigns(frame, molecule)) {
     // The frame is applied to the double-precision coordinates before the Gaussians (single
     // precision) are made, so that the densities do not depend on where the molecule lay.
     const QVMol inFrame = MovedMolecule(molecule, toFrame);

@@ -9,13 +9,14 @@
 ///    result does not depend on the input poses.
 /// 2. The query is expanded in Hermite functions with its optimal single lambda; the fit is
 ///    expanded with the query's lambda, so that rotations are exact and the overlap consistent.
-/// 3. Orientation scan: the Hermite overlap of the two expansions at the common centre for the
-///    fit turned by each of the four proper 180-degree flips of its frame (identity and the
-///    half-turns about x, y and z), `scanRotations` evenly spread rotations and `extraStarts`
-///    random ones (see `OrientationScan`; the query's turned coefficients are made once).
+/// 3. Orientation scan: the Hermite overlap of the two expansions, centroid on centroid and with
+///    the fit shifted by `scanShift` both ways along each of its axes, for the fit turned by
+///    each of the four proper 180-degree flips of its frame (identity and the half-turns about
+///    x, y and z), `scanRotations` evenly spread rotations and `extraStarts` random ones (see
+///    `OrientationScan`; the query's turned coefficients are made once).
 /// 4. Local search: from the `searchStarts` orientations with the largest scanned overlaps,
-///    the six-variable Hermite overlap (three angles, three translations) is maximised with
-///    BFGS.
+///    each at its best shift, the six-variable Hermite overlap (three angles, three
+///    translations) is maximised with BFGS.
 /// 5. Refinement: the distinct poses (poses within 0.5 angstrom RMS of a better one are the
 ///    same optimum) are ranked by their exact overlaps, and the best `refineCandidates` of them
 ///    are refined by BFGS on the exact analytic overlap of the atom Gaussians; the best exact
@@ -66,6 +67,10 @@ struct Settings {
     unsigned int scanRotations = 30;
     /// Random rotations scanned in addition (seeded by `seed`).
     unsigned int extraStarts = 0;
+    /// Every orientation is also scanned with the fit shifted this far (angstrom) both ways along
+    /// each axis of its frame, and the local search from it starts at its best shift; 0 scans
+    /// the centred fit only. (Measured in docs/overlay.md.)
+    double scanShift = 1.5;
     /// Seed of the random rotations.
     std::uint64_t seed = 42;
     /// Local (BFGS) searches, started from the scanned orientations with the largest Hermite
@@ -165,7 +170,9 @@ struct PreparedMolecule {
     PreparedMolecule(const QVChem::QVMol& molecule, const Settings& settings,
                      const ColourFeatures& features = {});
     /// The same with a principal frame computed before (by `PrincipalFrameOf` of the same
-    /// molecule, for example stored in a prepared library): the results are identical.
+    /// molecule, for example stored in a prepared library): the results are identical. The
+    /// frame is turned by a half-turn about one of its axes when that makes the third moments
+    /// of the atoms along x and y positive, so that every pose of a molecule gets one frame.
     PreparedMolecule(const QVChem::QVMol& molecule, const Settings& settings,
                      const QVChem::QVTrans& frame, const ColourFeatures& features = {});
 };

@@ -292,6 +292,7 @@ class OverlaySettings:
         effort: str = ...,
         scan_rotations: int = ...,
         starts: int = ...,
+        scan_shift: float = ...,
         search_starts: int = ...,
         colour_search_starts: int = ...,
         seed: int = ...,
@@ -311,6 +312,7 @@ class OverlaySettings:
     order: int
     scan_rotations: int
     starts: int
+    scan_shift: float
     search_starts: int
     colour_search_starts: int
     seed: int
@@ -407,6 +409,7 @@ def overlay(
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,
+    scan_shift: float = ...,
     search_starts: int = ...,
     colour_search_starts: int = ...,
     seed: int = ...,
@@ -432,6 +435,7 @@ def score(
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,
+    scan_shift: float = ...,
     search_starts: int = ...,
     colour_search_starts: int = ...,
     seed: int = ...,
@@ -461,6 +465,7 @@ def screen(
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,
+    scan_shift: float = ...,
     search_starts: int = ...,
     colour_search_starts: int = ...,
     seed: int = ...,

@@ -180,6 +180,7 @@ const MoleculeObject& MoleculeArgument(py::handle object, const std::string& nam
 const char* const kSettingNames[] = {"order",
                                      "scan_rotations",
                                      "starts",
+                                     "scan_shift",
                                      "search_starts",
                                      "colour_search_starts",
                                      "seed",
@@ -261,9 +262,9 @@ Settings ResolveSettings(py::handle settings, const py::kwargs& kwargs) {
 std::string SettingsRepr(const Settings& s) {
     std::ostringstream out;
     out << "OverlaySettings(order=" << s.order << ", scan_rotations=" << s.scanRotations
-        << ", starts=" << s.extraStarts << ", search_starts=" << s.searchStarts
-        << ", colour_search_starts=" << s.colourSearchStarts << ", seed=" << s.seed
-        << ", relative_tolerance=" << Repr(s.relativeTolerance)
+        << ", starts=" << s.extraStarts << ", scan_shift=" << Repr(s.scanShift)
+        << ", search_starts=" << s.searchStarts << ", colour_search_starts=" << s.colourSearchStarts
+        << ", seed=" << s.seed << ", relative_tolerance=" << Repr(s.relativeTolerance)
         << ", iteration_limit=" << s.iterationLimit << ", refine_candidates=" << s.refineCandidates
         << ", colour_refine_candidates=" << s.colourRefineCandidates
         << ", refine_iteration_limit=" << s.refineIterationLimit
@@ -333,6 +334,7 @@ py::dict SettingsState(const Settings& s) {
     d["order"] = s.order;
     d["scan_rotations"] = s.scanRotations;
     d["starts"] = s.extraStarts;
+    d["scan_shift"] = s.scanShift;
     d["search_starts"] = s.searchStarts;
     d["colour_search_starts"] = s.colourSearchStarts;
     d["seed"] = s.seed;
@@ -657,6 +659,10 @@ std::string SettingsDoc() {
            "principal frame ["
         << d.scanRotations << "].\n"
         << "    starts: random rotations scanned besides them [" << d.extraStarts << "].\n"
+        << "    scan_shift: every orientation is also scanned with the fit shifted this far "
+           "(angstrom, 0 to 10) both ways along each of its axes, and searched from its best "
+           "shift ["
+        << Repr(d.scanShift) << "].\n"
         << "    search_starts: local searches, from the scanned orientations with the largest "
            "Hermite overlaps (every one when there are no more) ["
         << d.searchStarts << "].\n"
@@ -799,6 +805,8 @@ Args:
     scan_rotations: evenly spread rotations whose Hermite overlap is scanned besides the four
         flips of the principal frame.
     starts: random rotations scanned besides them.
+    scan_shift: every orientation is also scanned with the fit shifted this far (angstrom)
+        both ways along each of its axes.
     search_starts: local (BFGS) searches, from the scanned orientations with the largest
         Hermite overlaps.
     colour_search_starts: the same when colour features (or a weighted electrostatic density)
@@ -840,6 +848,11 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
             "starts", [](const Settings& s) { return s.extraStarts; },
             [](Settings& s, py::object v) { s.extraStarts = Count(v, "starts", 100000); },
             "Random rotations scanned besides the four flips.")
+        .def_property(
+            "scan_shift", [](const Settings& s) { return s.scanShift; },
+            [](Settings& s, double v) { s.scanShift = Weight(v, "scan_shift", 10.0); },
+            "Shift of the fit along each of its axes, both ways, at which every orientation is "
+            "also scanned (angstrom; 0: centred only).")
         .def_property(
             "search_starts", [](const Settings& s) { return s.searchStarts; },
             [](Settings& s, py::object v) { s.searchStarts = Count(v, "search_starts", 100000); },

@@ -140,6 +140,9 @@ def test_molecule_and_overlay_inputs(molecule: hermite.Molecule) -> None:
     bad(lambda: hermite.overlay(molecule, molecule, relative_tolerance=0.0), "relative_tolerance")
     bad(lambda: hermite.overlay(molecule, molecule, refine_tolerance=-1e-3), "refine_tolerance")
     bad(lambda: hermite.overlay(molecule, molecule, refine_tolerance=NAN), "refine_tolerance")
+    bad(lambda: hermite.overlay(molecule, molecule, scan_shift=-1.0),
+        "scan_shift must lie in 0..10, got -1.0")
+    bad(lambda: hermite.overlay(molecule, molecule, scan_shift=INF), "scan_shift must lie in")
     bad(lambda: hermite.overlay(molecule, molecule, electrostatic_width=NAN),
         "electrostatic_width")
     bad(lambda: hermite.OverlaySettings(iteration_limit=-5), "iteration_limit")

@@ -100,7 +100,7 @@ def test_settings_by_keyword_or_object(cdk2: List[hermite.Molecule]) -> None:
     settings = hermite.OverlaySettings(order=4, starts=3, seed=7)
     assert settings.order == 4 and settings.starts == 3 and settings.seed == 7
     assert repr(settings).startswith("OverlaySettings(order=4, scan_rotations=")
-    assert ", starts=3, search_starts=" in repr(settings) and ", seed=7," in repr(settings)
+    assert ", starts=3, scan_shift=" in repr(settings) and ", seed=7," in repr(settings)
     by_object = hermite.overlay(cdk2[2], cdk2[3], settings=settings)
     by_keywords = hermite.overlay(cdk2[2], cdk2[3], order=4, starts=3, seed=7)
     np.testing.assert_array_equal(by_object.transform, by_keywords.transform)
@@ -209,6 +209,19 @@ def test_colour_search_starts_default_and_override() -> None:
     assert hermite.OverlaySettings(effort="thorough").colour_search_starts > \
         settings.colour_search_starts
     assert hermite.OverlaySettings(colour_search_starts=5).colour_search_starts == 5
+
+
+def test_the_overlay_does_not_depend_on_the_input_pose(cdk2: List[hermite.Molecule]) -> None:
+    # The principal frames, their signs included, are properties of the density: a moved copy
+    # of the fit is overlaid to the same score (to rounding), whatever the motion.
+    rng = np.random.default_rng(3)
+    for q, f in [(0, 5), (12, 30), (40, 7)]:
+        expected = hermite.overlay(cdk2[q], cdk2[f]).scores.shape_tanimoto
+        for _ in range(4):
+            coords = cdk2[f].coords @ random_rotation(rng).T + rng.uniform(-20, 20, 3)
+            moved = hermite.Molecule(cdk2[f].atomic_numbers, coords)
+            assert hermite.overlay(cdk2[q], moved).scores.shape_tanimoto == pytest.approx(
+                expected, abs=1e-4)
 
 
 def test_a_thorough_search_is_never_worse_on_cdk2(cdk2: List[hermite.Molecule]) -> None:
