@@ -219,6 +219,33 @@ unsigned int Count(py::handle value, const char* name, long long maximum) {
     return static_cast<unsigned int>(Integer(value, name, 0, maximum));
 }
 
+/// The getter of a member of the settings, for a property.
+template <class T>
+auto Getter(T Settings::*member) {
+    return [member](const Settings& s) { return s.*member; };
+}
+
+/// The setter of a flag.
+auto FlagSetter(bool Settings::*member) {
+    return [member](Settings& s, bool v) { s.*member = v; };
+}
+
+/// The setter of a count, checked to lie in 0..maximum.
+auto CountSetter(unsigned int Settings::*member, const char* name, long long maximum) {
+    return
+        [member, name, maximum](Settings& s, py::object v) { s.*member = Count(v, name, maximum); };
+}
+
+/// The setter of a positive real.
+auto PositiveSetter(double Settings::*member, const char* name) {
+    return [member, name](Settings& s, double v) { s.*member = RequirePositive(v, name); };
+}
+
+/// The setter of a weight (or length) checked to lie in 0..maximum.
+auto WeightSetter(double Settings::*member, const char* name, double maximum) {
+    return [member, name, maximum](Settings& s, double v) { s.*member = Weight(v, name, maximum); };
+}
+
 /// `settings` (or the defaults) with the keyword arguments applied through the properties, so
 /// that they are checked the same way.
 Settings ResolveSettings(py::handle settings, const py::kwargs& kwargs) {
@@ -838,102 +865,75 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
 )doc")
         .def(py::init([](py::kwargs kwargs) { return ResolveSettings(py::none(), kwargs); }))
         .def_property(
-            "order", [](const Settings& s) { return s.order; },
+            "order", Getter(&Settings::order),
             [](Settings& s, py::object v) { s.order = Order(v); }, "Hermite expansion order.")
+        .def_property("scan_rotations", Getter(&Settings::scanRotations),
+                      CountSetter(&Settings::scanRotations, "scan_rotations", 100000),
+                      "Evenly spread rotations scanned besides the four flips.")
+        .def_property("starts", Getter(&Settings::extraStarts),
+                      CountSetter(&Settings::extraStarts, "starts", 100000),
+                      "Random rotations scanned besides the four flips.")
         .def_property(
-            "scan_rotations", [](const Settings& s) { return s.scanRotations; },
-            [](Settings& s, py::object v) { s.scanRotations = Count(v, "scan_rotations", 100000); },
-            "Evenly spread rotations scanned besides the four flips.")
-        .def_property(
-            "starts", [](const Settings& s) { return s.extraStarts; },
-            [](Settings& s, py::object v) { s.extraStarts = Count(v, "starts", 100000); },
-            "Random rotations scanned besides the four flips.")
-        .def_property(
-            "scan_shift", [](const Settings& s) { return s.scanShift; },
-            [](Settings& s, double v) { s.scanShift = Weight(v, "scan_shift", 10.0); },
+            "scan_shift", Getter(&Settings::scanShift),
+            WeightSetter(&Settings::scanShift, "scan_shift", 10.0),
             "Shift of the fit along each of its axes, both ways, at which every orientation is "
             "also scanned (angstrom; 0: centred only).")
         .def_property(
-            "search_starts", [](const Settings& s) { return s.searchStarts; },
-            [](Settings& s, py::object v) { s.searchStarts = Count(v, "search_starts", 100000); },
+            "search_starts", Getter(&Settings::searchStarts),
+            CountSetter(&Settings::searchStarts, "search_starts", 100000),
             "Local searches, from the scanned orientations with the largest Hermite overlaps.")
         .def_property(
-            "colour_search_starts", [](const Settings& s) { return s.colourSearchStarts; },
-            [](Settings& s, py::object v) {
-                s.colourSearchStarts = Count(v, "colour_search_starts", 100000);
-            },
+            "colour_search_starts", Getter(&Settings::colourSearchStarts),
+            CountSetter(&Settings::colourSearchStarts, "colour_search_starts", 100000),
             "Local searches when colour features (or a weighted electrostatic density) join the "
             "search (at most search_starts).")
         .def_property(
-            "seed", [](const Settings& s) { return s.seed; },
+            "seed", Getter(&Settings::seed),
             [](Settings& s, py::object v) {
                 s.seed = Unsigned(v, "seed", std::numeric_limits<std::uint64_t>::max());
             },
             "Seed of the random starts (0..2**64 - 1).")
         .def_property(
-            "relative_tolerance", [](const Settings& s) { return s.relativeTolerance; },
-            [](Settings& s, double v) {
-                s.relativeTolerance = RequirePositive(v, "relative_tolerance");
-            },
+            "relative_tolerance", Getter(&Settings::relativeTolerance),
+            PositiveSetter(&Settings::relativeTolerance, "relative_tolerance"),
             "BFGS gradient tolerance of the Hermite search relative to the query's self-overlap.")
+        .def_property("iteration_limit", Getter(&Settings::iterationLimit),
+                      CountSetter(&Settings::iterationLimit, "iteration_limit", 1000000),
+                      "BFGS iteration limit per start.")
+        .def_property("refine_candidates", Getter(&Settings::refineCandidates),
+                      CountSetter(&Settings::refineCandidates, "refine_candidates", 1000),
+                      "Best Hermite poses refined on the exact overlap (0: none).")
         .def_property(
-            "iteration_limit", [](const Settings& s) { return s.iterationLimit; },
-            [](Settings& s, py::object v) {
-                s.iterationLimit = Count(v, "iteration_limit", 1000000);
-            },
-            "BFGS iteration limit per start.")
-        .def_property(
-            "refine_candidates", [](const Settings& s) { return s.refineCandidates; },
-            [](Settings& s, py::object v) {
-                s.refineCandidates = Count(v, "refine_candidates", 1000);
-            },
-            "Best Hermite poses refined on the exact overlap (0: none).")
-        .def_property(
-            "colour_refine_candidates", [](const Settings& s) { return s.colourRefineCandidates; },
-            [](Settings& s, py::object v) {
-                s.colourRefineCandidates = Count(v, "colour_refine_candidates", 1000);
-            },
+            "colour_refine_candidates", Getter(&Settings::colourRefineCandidates),
+            CountSetter(&Settings::colourRefineCandidates, "colour_refine_candidates", 1000),
             "Best Hermite poses refined when colour features join the search (at most "
             "refine_candidates).")
         .def_property(
-            "refine_iteration_limit", [](const Settings& s) { return s.refineIterationLimit; },
-            [](Settings& s, py::object v) {
-                s.refineIterationLimit = Count(v, "refine_iteration_limit", 1000000);
-            },
+            "refine_iteration_limit", Getter(&Settings::refineIterationLimit),
+            CountSetter(&Settings::refineIterationLimit, "refine_iteration_limit", 1000000),
             "BFGS iteration limit of the exact refinement.")
+        .def_property("refine_tolerance", Getter(&Settings::refineTolerance),
+                      PositiveSetter(&Settings::refineTolerance, "refine_tolerance"),
+                      "BFGS gradient tolerance of the exact refinement relative to the query's "
+                      "self-overlap.")
+        .def_property("electrostatics", Getter(&Settings::electrostatics),
+                      FlagSetter(&Settings::electrostatics), "Compute the electrostatic scores.")
+        .def_property("electrostatic_width", Getter(&Settings::electrostaticWidth),
+                      PositiveSetter(&Settings::electrostaticWidth, "electrostatic_width"),
+                      "Width of the electrostatic Gaussians, angstrom.")
         .def_property(
-            "refine_tolerance", [](const Settings& s) { return s.refineTolerance; },
-            [](Settings& s, double v) {
-                s.refineTolerance = RequirePositive(v, "refine_tolerance");
-            },
-            "BFGS gradient tolerance of the exact refinement relative to the query's "
-            "self-overlap.")
-        .def_property(
-            "electrostatics", [](const Settings& s) { return s.electrostatics; },
-            [](Settings& s, bool v) { s.electrostatics = v; }, "Compute the electrostatic scores.")
-        .def_property(
-            "electrostatic_width", [](const Settings& s) { return s.electrostaticWidth; },
-            [](Settings& s, double v) {
-                s.electrostaticWidth = RequirePositive(v, "electrostatic_width");
-            },
-            "Width of the electrostatic Gaussians, angstrom.")
-        .def_property(
-            "electrostatic_weight", [](const Settings& s) { return s.electrostaticWeight; },
-            [](Settings& s, double v) {
-                s.electrostaticWeight = Weight(v, "electrostatic_weight", 100000.0);
-            },
+            "electrostatic_weight", Getter(&Settings::electrostaticWeight),
+            WeightSetter(&Settings::electrostaticWeight, "electrostatic_weight", 100000.0),
             "Weight of the electrostatic overlap against the shape overlap in the search "
             "(0 to 100000, with electrostatics; 0: not optimised).")
+        .def_property("colour", Getter(&Settings::colour), FlagSetter(&Settings::colour),
+                      "Match the colour features and compute the colour scores.")
         .def_property(
-            "colour", [](const Settings& s) { return s.colour; },
-            [](Settings& s, bool v) { s.colour = v; },
-            "Match the colour features and compute the colour scores.")
-        .def_property(
-            "colour_weight", [](const Settings& s) { return s.colourWeight; },
-            [](Settings& s, double v) { s.colourWeight = Weight(v, "colour_weight", 100.0); },
+            "colour_weight", Getter(&Settings::colourWeight),
+            WeightSetter(&Settings::colourWeight, "colour_weight", 100.0),
             "Weight of the colour overlap against the shape overlap in the search (0 to 100).")
         .def_property(
-            "colour_order", [](const Settings& s) { return s.colourOrder; },
+            "colour_order", Getter(&Settings::colourOrder),
             [](Settings& s, py::object v) { s.colourOrder = Order(v); },
             "Order of the Hermite expansions of the colour features in the search.")
         .def("__repr__", &SettingsRepr)

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -362,12 +363,22 @@ TEST(PreparedLibrary, ColourFeaturesRoundTrip) {
     ExpectSameFeatures(Cdk2WithFeatures()[5].conformers[0].Features(), loaded.Features());
 }
 
-TEST(PreparedLibrary, LibraryWithoutFeatureDefinitionsStoresNone) {
-    TemporaryDirectory directory;
-    const std::string path = directory.File("cdk2.h5");
-    WriteLibrary(path, Cdk2());
-    PreparedLibraryReader reader(path);
-    ASSERT_TRUE(reader.Ok()) << reader.Error();
+/// The CDK2 ligands written as a library without colour features, opened for reading.
+class Cdk2Library : public ::testing::Test {
+protected:
+    void SetUp() override {
+        WriteLibrary(path_, Cdk2());
+        reader_ = std::make_unique<PreparedLibraryReader>(path_);
+        ASSERT_TRUE(reader_->Ok()) << reader_->Error();
+    }
+
+    TemporaryDirectory directory_;
+    const std::string path_ = directory_.File("cdk2.h5");
+    std::unique_ptr<PreparedLibraryReader> reader_;
+};
+
+TEST_F(Cdk2Library, LibraryWithoutFeatureDefinitionsStoresNone) {
+    PreparedLibraryReader& reader = *reader_;
     EXPECT_TRUE(reader.Preparation().featureDefinitions.empty());
     EXPECT_TRUE(reader.Preparation().featureFamilies.empty());
     for (const LibraryMolecule& molecule : ReadRange(reader, 0, 47)) {
@@ -398,12 +409,8 @@ TEST(PreparedLibrary, WriterRefusesFeatureTypesOutsideItsFamilies) {
                                    "null character");
 }
 
-TEST(PreparedLibrary, ReadingInChunksEqualsReadingAll) {
-    TemporaryDirectory directory;
-    const std::string path = directory.File("cdk2.h5");
-    WriteLibrary(path, Cdk2());
-    PreparedLibraryReader reader(path);
-    ASSERT_TRUE(reader.Ok()) << reader.Error();
+TEST_F(Cdk2Library, ReadingInChunksEqualsReadingAll) {
+    PreparedLibraryReader& reader = *reader_;
     const std::vector<LibraryMolecule> all = ReadRange(reader, 0, reader.NumMolecules());
     ASSERT_EQ(all.size(), 47u);
     std::size_t next = 0;
@@ -431,17 +438,13 @@ TEST(PreparedLibrary, ReadingInChunksEqualsReadingAll) {
     EXPECT_TRUE(beyond.empty());
 }
 
-TEST(PreparedLibrary, LoadedConformersAreTheRecordsThatWereRead) {
-    TemporaryDirectory directory;
-    const std::string path = directory.File("cdk2.h5");
-    WriteLibrary(path, Cdk2());
-    PreparedLibraryReader reader(path);
-    ASSERT_TRUE(reader.Ok()) << reader.Error();
+TEST_F(Cdk2Library, LoadedConformersAreTheRecordsThatWereRead) {
+    PreparedLibraryReader& reader = *reader_;
     ExpectLoadedConformersEqualSource(reader, Cdk2());
 
     Conformer loaded;
     EXPECT_FALSE(reader.LoadConformer(47, loaded));
-    EXPECT_NE(reader.Error().find(path), std::string::npos) << reader.Error();
+    EXPECT_NE(reader.Error().find(path_), std::string::npos) << reader.Error();
     EXPECT_TRUE(reader.Ok());  // a failed call leaves the reader usable
     EXPECT_TRUE(reader.LoadConformer(0, loaded)) << reader.Error();
 }
