@@ -141,6 +141,56 @@ std::optional<long> WholeInteger(const std::string& text) {
     return number;
 }
 
+/// The fields of a MOL2 line as RDKit's MOL2 parser splits it: at spaces and tabs.
+std::vector<std::string> Mol2Fields(const std::string& line) {
+    std::vector<std::string> fields;
+    std::size_t start = line.find_first_not_of(" \t");
+    while (start != std::string::npos) {
+        const std::size_t end = line.find_first_of(" \t", start);
+        fields.push_back(line.substr(start, end - start));
+        start = end == std::string::npos ? end : line.find_first_not_of(" \t", end);
+    }
+    return fields;
+}
+
+/// Refuses a UNITY_ATOM_ATTR section (from line `first` of `lines` to the next section) that
+/// RDKit's MOL2 parser would read past the end of a line in, which aborts the process: each
+/// block is a line "atom number-of-attributes" followed by that many attribute lines. RDKit
+/// takes the section's first line as a block's head whatever it holds, and stops at an empty
+/// line only after a block; it reads two fields of a head and one of an attribute line.
+void CheckUnityAtomAttributes(const std::vector<std::string>& lines, std::size_t first) {
+    std::size_t end = first;
+    while (end < lines.size() && lines[end].rfind("@<TRIPOS>", 0) != 0) {
+        ++end;
+    }
+    long attributes = 0;
+    for (std::size_t i = first; i < end; ++i) {
+        const std::vector<std::string> fields = Mol2Fields(lines[i]);
+        if (attributes > 0) {
+            if (fields.empty()) {
+                throw RecordError(
+                    "an atom attribute line of the MOL2 UNITY_ATOM_ATTR section is "
+                    "empty");
+            }
+            --attributes;
+            continue;
+        }
+        const bool restIsBlank = std::all_of(
+            lines.begin() + static_cast<long>(i), lines.begin() + static_cast<long>(end),
+            [](const std::string& line) { return Mol2Fields(line).empty(); });
+        if (i > first && restIsBlank) {
+            return;
+        }
+        if (fields.size() < 2) {
+            throw RecordError(
+                "a line of the MOL2 UNITY_ATOM_ATTR section gives no atom and "
+                "number of attributes: '" +
+                lines[i] + "'");
+        }
+        attributes = std::max(0L, WholeInteger(fields[1]).value_or(0));
+    }
+}
+
 /// Refuses MOL2 records that RDKit's MOL2 parser cannot survive; whatever else is wrong is left
 /// to it, and it rejects it. It reads the counts line's numbers as unsigned and reserves that
 /// many atoms and bonds (a count of -20 asks for gigabytes), and it checks the upper end of a
@@ -156,6 +206,9 @@ void CheckMol2Record(const std::string& text) {
     for (std::size_t i = 0; i < all.size(); ++i) {
         if (all[i].rfind("@<TRIPOS>", 0) == 0) {
             section = all[i].substr(9, all[i].find_first_of(" \t\r", 9) - 9);
+            if (section == "UNITY_ATOM_ATTR") {
+                CheckUnityAtomAttributes(all, i + 1);
+            }
             if (section == "MOLECULE" && i + 2 < all.size()) {
                 std::istringstream counts(all[i + 2]);
                 std::string field;

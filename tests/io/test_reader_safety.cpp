@@ -489,5 +489,37 @@ TEST(ReaderSafety, Mol2CountsThatCannotMatchTheRecordAreSkipped) {
               "the MOL2 bond count 4000000000 does not match the record");
 }
 
+// RDKit's MOL2 parser aborts the process (a failed assertion in its line splitting) when a line
+// of the UNITY_ATOM_ATTR section lacks a field it reads (found by fuzzing): such records are
+// skipped with a message; well-formed sections, trailing blank lines and attribute lines of one
+// field are read.
+TEST(ReaderSafety, Mol2AtomAttributeLinesRDKitCannotSplitAreSkipped) {
+    const auto withAttributes = [](const std::string& title, const std::string& section) {
+        return Mol2Ethane(title, "1", "2") + "@<TRIPOS>UNITY_ATOM_ATTR\n" + section;
+    };
+    TemporaryDirectory directory;
+    const std::string path = directory.File("attributes.mol2");
+    WriteText(path, withAttributes("head without count", " 1\ncharge 1\n") +
+                        withAttributes("blank head", "\n1 1\ncharge 1\n") +
+                        withAttributes("blank attribute", "1 2\ncharge 1\n\n2 1\ncharge 0\n") +
+                        withAttributes("carriage return", " 1\r\ncharge 1\n") +
+                        withAttributes("good", "1 1\ncharge 1\n\n\n") +
+                        withAttributes("one-field attribute", "1 1\ncharge\n"));
+    const ReadResult result = ReadThrough(path);
+    ASSERT_EQ(result.molecules.size(), 2u);
+    EXPECT_EQ(result.molecules[0].title, "good");
+    EXPECT_EQ(result.molecules[1].title, "one-field attribute");
+    ASSERT_EQ(result.problems.size(), 4u);
+    EXPECT_EQ(result.problems[0].reason,
+              "a line of the MOL2 UNITY_ATOM_ATTR section gives no atom and number of "
+              "attributes: ' 1'");
+    EXPECT_EQ(result.problems[1].reason,
+              "a line of the MOL2 UNITY_ATOM_ATTR section gives no atom and number of "
+              "attributes: ''");
+    EXPECT_EQ(result.problems[2].reason,
+              "an atom attribute line of the MOL2 UNITY_ATOM_ATTR section is empty");
+    EXPECT_EQ(result.problems[3].record, 4u);
+}
+
 }  // namespace
 }  // namespace hermite::io
