@@ -88,6 +88,15 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     screen.rankBy = *metric;
     screen.scoreOnly = line.Has("--score-only");
     screen.perQuery = line.Has("--per-query");
+    screen.skipByBound = line.Has("--skip-by-bound");
+    if (screen.skipByBound && !request.scoresPath.empty()) {
+        throw UsageError(
+            "--skip-by-bound leaves the molecules it skips without scores: it cannot be used "
+            "with --scores or --report, which need the scores of every molecule");
+    }
+    if (screen.skipByBound && screen.scoreOnly) {
+        throw UsageError("--skip-by-bound skips overlays: --score-only makes none");
+    }
     const screen::ScoreRange range = screen::RankScoreRange(screen.rankBy);
     screen.cutoff = RealOption(line, "--cutoff", 0.0, range.lowest, range.highest);
     screen.best = static_cast<std::size_t>(IntegerOption(line, "--best", 100, 1, 1000000000));
@@ -320,6 +329,10 @@ void PrintSummary(const OverlayRequest& request, const screen::QuerySet& queries
     PrintList(Count(report.failed, "molecule") + " could not be overlaid:", rows.failed,
               report.failed);
     PrintList(Count(tally.warnings, "warning") + ":", rows.warnings, tally.warnings);
+    if (request.screen.skipByBound) {
+        std::cerr << "hermite overlay: " << Count(tally.skippedByBound, "molecule")
+                  << " skipped by the score bound (they could not reach the hits)\n";
+    }
     if (!request.hitsPath.empty()) {
         std::cerr << "hermite overlay: " << Count(hitsWritten, "hit") << " written to "
                   << request.hitsPath << "\n";
@@ -403,6 +416,12 @@ ArgumentParser OverlayParser() {
         .Flag("--per-query",
               "Rank the database separately for each query molecule (one row per database "
               "molecule and query molecule, one hit list per query molecule).")
+        .Flag("--skip-by-bound",
+              "Skip the overlays that cannot change the hits: those whose upper bound on the "
+              "rank score over every pose (from the molecules' sizes, self-overlaps and atom "
+              "packing) is below --cutoff or not above the last of --best hits found so far. "
+              "The hits are the same as without it. Pays when few hits are kept from a large "
+              "database; not with --scores or --report.")
         .Option("--threads", "T",
                 "Worker threads: 0 (the default) for all cores, a negative -n for all cores but "
                 "n, a positive number for that many.");
@@ -514,6 +533,7 @@ int RunOverlayWith(const CommandLine& line, const OverlayScreen& screen) {
     context.colour = request.overlay.colour;
     context.rankBy = request.screen.rankBy;
     context.cutoff = request.screen.cutoff;
+    context.skipByBound = request.screen.skipByBound;
 
     bool scoresFailed =
         !request.scoresPath.empty() && !outputs.scores.Append(ScoreTableHeader(context));

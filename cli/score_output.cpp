@@ -202,7 +202,8 @@ std::string FormatRankedTable(const std::vector<std::vector<screen::Hit>>& ranki
                 : "Query: " + OneLine(context.queryTitles.at(r));
         text += (r == 0 ? "" : "\n") + query + "; " + std::to_string(molecules) + " molecules, " +
                 std::to_string(passing.at(r)) + " with " + screen::RankMetricLabel(context.rankBy) +
-                " >= " + Score(context.cutoff) + "\n";
+                " >= " + Score(context.cutoff) +
+                (context.skipByBound ? " among those overlaid" : "") + "\n";
         text += FormatHits(rankings[r], context, limit);
     }
     return text;

@@ -25,6 +25,9 @@ struct OutputContext {
     bool colour = false;
     screen::RankMetric rankBy = screen::RankMetric::Shape;
     double cutoff = 0.0;
+    /// Whether overlays out of reach of the hits were skipped: the molecules passing the cutoff
+    /// are then counted among those overlaid.
+    bool skipByBound = false;
 };
 
 /// The header line of the score table: the columns title, file, record, conformer, conformers,

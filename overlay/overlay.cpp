@@ -756,39 +756,51 @@ Result Query::Score(const PreparedMolecule& fit) const {
     return result;
 }
 
-Scores Query::ScorePose(const PreparedMolecule& fit, const QVTrans& pose, double overlap,
-                        double hermiteOverlap, double fitHermiteSelfOverlap) const {
+Scores ScoresOf(const Overlaps& shape, const Overlaps& hermite,
+                const std::optional<Overlaps>& electrostatic,
+                const std::optional<Overlaps>& colour) {
     Scores scores;
-    scores.overlap = overlap;
-    scores.querySelfOverlap = prepared_.shapeSelfOverlap;
-    scores.fitSelfOverlap = fit.shapeSelfOverlap;
-    scores.shapeTanimoto = Tanimoto(overlap, prepared_.shapeSelfOverlap, fit.shapeSelfOverlap);
-    scores.shapeTverskyQuery =
-        overlap / (0.95 * prepared_.shapeSelfOverlap + 0.05 * fit.shapeSelfOverlap);
-    scores.shapeTverskyFit =
-        overlap / (0.05 * prepared_.shapeSelfOverlap + 0.95 * fit.shapeSelfOverlap);
-    scores.hermiteTanimoto =
-        Tanimoto(hermiteOverlap, expansion_.GetSelfOverlap(), fitHermiteSelfOverlap);
-    if (settings_.electrostatics) {
-        const double electrostatic = QVHermiteMath::GaussianOverlap(
-            prepared_.electrostatic, MovedGaussians(fit.electrostatic, pose));
-        const double qq = prepared_.electrostaticSelfOverlap;
-        const double ff = fit.electrostaticSelfOverlap;
+    scores.overlap = shape.between;
+    scores.querySelfOverlap = shape.query;
+    scores.fitSelfOverlap = shape.fit;
+    scores.shapeTanimoto = Tanimoto(shape.between, shape.query, shape.fit);
+    scores.shapeTverskyQuery = shape.between / (0.95 * shape.query + 0.05 * shape.fit);
+    scores.shapeTverskyFit = shape.between / (0.05 * shape.query + 0.95 * shape.fit);
+    scores.hermiteTanimoto = Tanimoto(hermite.between, hermite.query, hermite.fit);
+    if (electrostatic) {
+        const auto [between, qq, ff] = *electrostatic;
         // Molecules without charges have no electrostatic density: their similarity is 0.
-        scores.electrostaticTanimoto =
-            qq + ff - electrostatic > 0.0 ? Tanimoto(electrostatic, qq, ff) : 0.0;
-        scores.electrostaticCarbo = qq * ff > 0.0 ? electrostatic / std::sqrt(qq * ff) : 0.0;
+        scores.electrostaticTanimoto = qq + ff - between > 0.0 ? Tanimoto(between, qq, ff) : 0.0;
+        scores.electrostaticCarbo = qq * ff > 0.0 ? between / std::sqrt(qq * ff) : 0.0;
     }
-    if (settings_.colour) {
-        scores.colourOverlap = ColourOverlap(prepared_.colour, MovedGaussians(fit.colour, pose));
-        const double union_ =
-            prepared_.colourSelfOverlap + fit.colourSelfOverlap - scores.colourOverlap;
+    if (colour) {
+        scores.colourOverlap = colour->between;
+        const double union_ = colour->query + colour->fit - colour->between;
         // Molecules without features share no colour: their colour similarity is 0.
-        scores.colourTanimoto = union_ > 0.0 ? scores.colourOverlap / union_ : 0.0;
+        scores.colourTanimoto = union_ > 0.0 ? colour->between / union_ : 0.0;
     }
     scores.combo = scores.shapeTanimoto + scores.colourTanimoto;
     scores.electrostaticCombo = scores.shapeTanimoto + scores.electrostaticTanimoto;
     return scores;
+}
+
+Scores Query::ScorePose(const PreparedMolecule& fit, const QVTrans& pose, double overlap,
+                        double hermiteOverlap, double fitHermiteSelfOverlap) const {
+    std::optional<Overlaps> electrostatic;
+    if (settings_.electrostatics) {
+        electrostatic =
+            Overlaps{QVHermiteMath::GaussianOverlap(prepared_.electrostatic,
+                                                    MovedGaussians(fit.electrostatic, pose)),
+                     prepared_.electrostaticSelfOverlap, fit.electrostaticSelfOverlap};
+    }
+    std::optional<Overlaps> colour;
+    if (settings_.colour) {
+        colour = Overlaps{ColourOverlap(prepared_.colour, MovedGaussians(fit.colour, pose)),
+                          prepared_.colourSelfOverlap, fit.colourSelfOverlap};
+    }
+    return ScoresOf({overlap, prepared_.shapeSelfOverlap, fit.shapeSelfOverlap},
+                    {hermiteOverlap, expansion_.GetSelfOverlap(), fitHermiteSelfOverlap},
+                    electrostatic, colour);
 }
 
 std::optional<Effort> ParseEffort(std::string_view name) {

@@ -143,6 +143,22 @@ struct Scores {
     double fitSelfOverlap = 0.0;    ///< O_ff
 };
 
+/// The overlaps that score one density at one pose (angstrom^3, or the units of the density
+/// squared): the query's with the fit's, and each molecule's with itself.
+struct Overlaps {
+    double between = 0.0;
+    double query = 0.0;
+    double fit = 0.0;
+};
+
+/// The scores made of the overlaps of the shape densities, of the Hermite expansions of the
+/// shape, and of the electrostatic and colour densities when they are scored (see the file
+/// comment; scores of an absent density are 0). Every score grows with the overlap `between` of
+/// its density while the self-overlaps stay, so bounds on the overlaps bound the scores.
+Scores ScoresOf(const Overlaps& shape, const Overlaps& hermite,
+                const std::optional<Overlaps>& electrostatic,
+                const std::optional<Overlaps>& colour);
+
 /// The result of overlaying one fit molecule.
 struct Result {
     /// The rigid motion of the fit molecule onto the query, in the input coordinates.
@@ -230,6 +246,9 @@ public:
 
     /// The optimal single lambda of the query's expansion (1/angstrom), used for every fit.
     double GetLambda() const { return expansion_.GetOptions().GetLambda(0); }
+
+    /// The query's densities in its principal frame.
+    const PreparedMolecule& Prepared() const { return prepared_; }
 
 private:
     /// The scores of a fit pose (fit frame to query frame), given the exact shape overlap at that

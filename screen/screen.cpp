@@ -9,6 +9,7 @@
 #include <map>
 #include <utility>
 
+#include "overlay/score_bound.h"
 #include "screen/library_messages.h"
 
 namespace hermite::screen {
@@ -50,9 +51,20 @@ private:
     std::vector<std::atomic<double>> values_;
 };
 
+/// True when a pair whose rank score is at most `bound` can neither pass the cutoff, nor beat
+/// the last hit (`threshold`), nor replace its row's best pair. The bound is widened by a
+/// millionth: the scores are computed from centres rounded to float after each move, which
+/// changes the overlaps by parts in ten million.
+bool OutOfReach(double bound, double cutoff, double threshold, const Row& row) {
+    const double reach = bound + 1e-6 * std::abs(bound) + 1e-9;
+    return reach < cutoff || reach <= threshold || (row.conformer != 0 && reach <= row.rankScore);
+}
+
 /// Overlays every conformer of `entry` onto every query conformer and keeps the best pair of
-/// each ranking in `outcome.rows`; `bestFit` gets the index of each row's best conformer.
+/// each ranking in `outcome.rows`; `bestFit` gets the index of each row's best conformer. With
+/// `bounds` (one per query conformer), pairs out of reach of the hits are skipped.
 void OverlayEntry(const QuerySet& queries, const ScreenSettings& settings,
+                  const std::vector<overlay::ScoreBound>& bounds, const Thresholds& thresholds,
                   const RunControl& control, const PreparedEntry& entry, Outcome& outcome,
                   std::vector<std::size_t>& bestFit) {
     const std::vector<Fit>& fits = entry.fits;
@@ -65,16 +77,24 @@ void OverlayEntry(const QuerySet& queries, const ScreenSettings& settings,
     // used[r][i]: conformer i was overlaid in ranking r.
     std::vector<std::vector<bool>> used(rankings, std::vector<bool>(fits.size(), false));
     std::vector<std::string> firstError(rankings);
+    std::vector<bool> skipped(rankings, false);
     std::vector<std::string> raised;  // the library's warnings, moved to their row
     MessageCapture capture(raised);
     const Clock::time_point start = Clock::now();
-    for (const QueryConformer& query : queries.conformers) {
+    for (std::size_t q = 0; q < queries.conformers.size(); ++q) {
         if (control.Cancelled()) {
             break;  // the outcome of a cancelled run is never used
         }
+        const QueryConformer& query = queries.conformers[q];
         const std::size_t r = settings.perQuery ? query.molecule : 0;
         Row& row = outcome.rows[r];
         for (std::size_t i = 0; i < fits.size(); ++i) {
+            if (!bounds.empty() &&
+                OutOfReach(RankScore(settings.rankBy, bounds[q].Of(fits[i].prepared)),
+                           settings.cutoff, thresholds.Get(r), row)) {
+                skipped[r] = true;
+                continue;
+            }
             overlay::Result result;
             try {
                 result = settings.scoreOnly ? query.query->Score(fits[i].prepared)
@@ -121,7 +141,11 @@ void OverlayEntry(const QuerySet& queries, const ScreenSettings& settings,
         if (row.conformer == 0) {
             row.query = settings.perQuery ? r : 0;
             row.rankScore = NAN;
-            row.error = firstError[r].empty() ? "no conformer could be overlaid" : firstError[r];
+            row.skippedByBound = firstError[r].empty() && skipped[r];
+            if (!row.skippedByBound) {
+                row.error =
+                    firstError[r].empty() ? "no conformer could be overlaid" : firstError[r];
+            }
         }
     }
 }
@@ -207,6 +231,7 @@ void RowTally::Add(const Row& row, std::size_t ranking, double cutoff) {
     }
     passing[ranking] += row.Ok() && PassesCutoff(row.rankScore, cutoff) ? 1 : 0;
     warnings += row.warnings.size();
+    skippedByBound += row.skippedByBound ? 1 : 0;
     if (!row.Ok() && failedRows.size() < kKept) {
         failedRows.push_back(row);
     }
@@ -224,6 +249,7 @@ void RowTally::Add(const RowTally& later) {
         passing[r] += later.passing[r];
     }
     warnings += later.warnings;
+    skippedByBound += later.skippedByBound;
     for (std::size_t i = 0; i < later.failedRows.size() && failedRows.size() < kKept; ++i) {
         failedRows.push_back(later.failedRows[i]);
     }
@@ -263,6 +289,13 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
     const std::size_t rankings = settings.perQuery ? queries.titles.size() : 1;
     std::vector<BestList<Hit>> lists(rankings, BestList<Hit>(settings.best));
     Thresholds thresholds(rankings);
+    std::vector<overlay::ScoreBound> bounds;
+    if (settings.skipByBound && !settings.scoreOnly) {
+        bounds.reserve(queries.conformers.size());
+        for (const QueryConformer& query : queries.conformers) {
+            bounds.emplace_back(*query.query);
+        }
+    }
     ScreenReport report;
     Clock::duration overlayTime{};
     std::size_t position = 0;
@@ -274,7 +307,8 @@ ScreenReport Screen(const QuerySet& queries, Database database, const ScreenSett
                  PrepareEntry(source, read, overlaySettings, overlaySettings.electrostatics)) {
                 Outcome outcome;
                 std::vector<std::size_t> bestFit;
-                OverlayEntry(queries, settings, control, entry, outcome, bestFit);
+                OverlayEntry(queries, settings, bounds, thresholds, control, entry, outcome,
+                             bestFit);
                 KeepCandidates(settings, thresholds, entry, bestFit, outcome);
                 outcome.problems = std::move(entry.problems);
                 outcomes.push_back(std::move(outcome));

@@ -87,6 +87,13 @@ struct ScreenSettings {
     std::size_t best = 100;
     /// Rank the database separately for each query molecule.
     bool perQuery = false;
+    /// Skip the overlay of a pair (database conformer, query conformer) when an upper bound
+    /// on its rank score over every pose (`overlay::ScoreBound`) shows that it can enter
+    /// neither the hits (it is below the cutoff, or not above the last of a full hit list) nor
+    /// the best pair of its molecule. The hits are the same as without skipping; the row of a
+    /// molecule whose pairs were all skipped has no scores (`Row::skippedByBound`). No effect
+    /// with `scoreOnly`.
+    bool skipByBound = false;
     /// Worker threads (at least 1).
     unsigned int threads = 1;
     /// Batches waiting for a worker at most (0: 4 per thread); see `PipelineOptions`.
@@ -115,6 +122,9 @@ struct Row {
     double rankScore = 0.0;
     /// Why the molecule could not be overlaid; empty when it was.
     std::string error;
+    /// No pair was overlaid because none could reach the hits (see
+    /// `ScreenSettings::skipByBound`); the row has no scores and its rank score is NaN.
+    bool skippedByBound = false;
     /// Warnings the library raised while overlaying it.
     std::vector<std::string> warnings;
 
@@ -154,6 +164,8 @@ struct RowTally {
     std::vector<unsigned long> passing;
     /// Library warnings raised over all rows.
     unsigned long warnings = 0;
+    /// Rows skipped by their score bound (`Row::skippedByBound`).
+    unsigned long skippedByBound = 0;
     /// The first rows that failed and the first rows with warnings, in input order.
     std::vector<Row> failedRows;
     std::vector<Row> warnedRows;

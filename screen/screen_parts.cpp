@@ -70,7 +70,7 @@ ScreenPart ScreenSlices(const QuerySet& queries, PartSlices slices, const Screen
 namespace {
 
 /// "hermite screen part", format 2, and a number whose bytes show the byte order.
-constexpr char kMagic[] = "hermite-screen-part-2";
+constexpr char kMagic[] = "hermite-screen-part-3";
 /// The slices of a part, format 1.
 constexpr char kSlicesMagic[] = "hermite-part-slices-1";
 constexpr std::uint64_t kByteOrder = 0x0102030405060708ULL;
@@ -207,6 +207,7 @@ void Put(Encoder& out, const Row& row) {
     out.Unsigned(row.result.exactEvaluations);
     out.Real(row.rankScore);
     out.Text(row.error);
+    out.Flag(row.skippedByBound);
     out.Unsigned(row.warnings.size());
     for (const std::string& warning : row.warnings) {
         out.Text(warning);
@@ -239,6 +240,7 @@ Row GetRow(Decoder& in) {
     row.result.exactEvaluations = GetUnsigned32(in);
     row.rankScore = in.Real();
     row.error = in.Text();
+    row.skippedByBound = in.Flag();
     ReadItems(in, row.warnings, [](Decoder& d) { return d.Text(); });
     return row;
 }
@@ -297,6 +299,7 @@ void Put(Encoder& out, const RowTally& tally) {
         out.Unsigned(passing);
     }
     out.Unsigned(tally.warnings);
+    out.Unsigned(tally.skippedByBound);
     for (const std::vector<Row>* rows : {&tally.failedRows, &tally.warnedRows}) {
         out.Unsigned(rows->size());
         for (const Row& row : *rows) {
@@ -311,6 +314,7 @@ RowTally GetTally(Decoder& in) {
     ReadItems(in, tally.passing,
               [](Decoder& d) { return static_cast<unsigned long>(d.Unsigned()); });
     tally.warnings = in.Unsigned();
+    tally.skippedByBound = in.Unsigned();
     ReadItems(in, tally.failedRows, GetRow);
     ReadItems(in, tally.warnedRows, GetRow);
     return tally;

@@ -254,6 +254,24 @@ def test_cutoff_and_best(tmp_path):
     assert len(table) == 2 + 4
 
 
+def test_skip_by_bound_keeps_the_hits(tmp_path):
+    """Small molecules after the ligands cannot reach a cutoff of 0.6: their overlays are
+    skipped, the summary says how many, and the hits are those of the full run."""
+    (tmp_path / "small.smi").write_text("C methane\nCCO ethanol\nc1ccccc1 benzene\n")
+    outputs = {}
+    for name, extra in [("all", []), ("skipping", ["--skip-by-bound"])]:
+        result = run("overlay", "--query", QUERY, "--db", CDK2, "small.smi", "--out",
+                     f"{name}.sdf", "--cutoff", "0.6", "--best", "3", *extra, cwd=tmp_path)
+        assert result.returncode == 0, result.stderr
+        outputs[name] = result
+    skipping = outputs["skipping"]
+    skipped = int(skipping.stderr.split(" molecules skipped by the score bound")[0].split()[-1])
+    assert skipped >= 3
+    assert "skipped by the score bound" not in outputs["all"].stderr
+    assert "among those overlaid" in skipping.stdout.splitlines()[0]
+    assert (tmp_path / "skipping.sdf").read_text() == (tmp_path / "all.sdf").read_text()
+
+
 def test_tversky_ranking(tmp_path):
     result = run("overlay", "--query", QUERY, "--db", CDK2, "--out", "hits.sdf",
                  "--rank-by", "tversky-fit", "--quiet", cwd=tmp_path)

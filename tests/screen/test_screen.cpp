@@ -175,6 +175,67 @@ TEST(ScreenTest, PerQueryModeRanksEachQueryMoleculeOnItsOwn) {
     }
 }
 
+/// The hits of two runs are the same molecules with the same rows, bit for bit.
+void ExpectSameHits(const ScreenReport& expected, const ScreenReport& actual) {
+    ASSERT_EQ(actual.hits.size(), expected.hits.size());
+    for (std::size_t r = 0; r < expected.hits.size(); ++r) {
+        ASSERT_EQ(actual.hits[r].size(), expected.hits[r].size()) << "ranking " << r;
+        for (std::size_t k = 0; k < expected.hits[r].size(); ++k) {
+            const Row& a = expected.hits[r][k].row;
+            const Row& b = actual.hits[r][k].row;
+            EXPECT_EQ(b.position, a.position) << "ranking " << r << ", hit " << k;
+            EXPECT_EQ(b.conformer, a.conformer) << "ranking " << r << ", hit " << k;
+            EXPECT_EQ(b.query, a.query) << "ranking " << r << ", hit " << k;
+            EXPECT_EQ(b.rankScore, a.rankScore) << "ranking " << r << ", hit " << k;
+            EXPECT_EQ(b.result.scores.overlap, a.result.scores.overlap);
+        }
+    }
+}
+
+// Skipping the overlays that cannot reach the hits leaves the hits as they were, for any
+// number of threads and in both query modes, and really skips: the small molecules after the
+// CDK2 ligands are below the cutoff whatever their pose, and the rows of skipped molecules say
+// so, without scores.
+TEST(ScreenTest, SkippingByTheScoreBoundKeepsTheHits) {
+    const QuerySet queries = Cdk2Queries({4, 30});
+    TempFile small("small.smi", "C methane\nCCO ethanol\nc1ccccc1 benzene\nCC(=O)N amide\n");
+    ScreenSettings settings;
+    settings.read.smilesConformers = 2;
+    settings.best = 4;
+    settings.cutoff = 0.6;
+    for (const bool perQuery : {false, true}) {
+        settings.perQuery = perQuery;
+        settings.skipByBound = false;
+        settings.threads = 1;
+        const ScreenRun all = ScreenFiles(queries, {kCdk2, small.Path()}, settings);
+        EXPECT_EQ(all.report.tally.skippedByBound, 0u);
+        settings.skipByBound = true;
+        for (unsigned int threads : {1u, 2u}) {
+            settings.threads = threads;
+            const ScreenRun skipping = ScreenFiles(queries, {kCdk2, small.Path()}, settings);
+            SCOPED_TRACE("per query " + std::to_string(perQuery) + ", threads " +
+                         std::to_string(threads));
+            ExpectSameHits(all.report, skipping.report);
+            EXPECT_LT(skipping.report.counts.overlays, all.report.counts.overlays);
+            ASSERT_EQ(skipping.rows.size(), all.rows.size());
+            const std::size_t rankings = perQuery ? 2 : 1;
+            for (std::size_t i = 47 * rankings; i < skipping.rows.size(); ++i) {
+                const Row& row = skipping.rows[i];
+                EXPECT_TRUE(row.skippedByBound) << row.title;
+                EXPECT_TRUE(row.Ok()) << row.title;
+                EXPECT_TRUE(std::isnan(row.rankScore)) << row.title;
+                EXPECT_EQ(row.conformers, 0u) << row.title;
+            }
+            EXPECT_GE(skipping.report.tally.skippedByBound, 4u * rankings);
+            // Skipped molecules may lie above the cutoff, below the last hit: they are not
+            // counted.
+            for (std::size_t r = 0; r < rankings; ++r) {
+                EXPECT_LE(skipping.report.tally.passing.at(r), all.report.tally.passing.at(r));
+            }
+        }
+    }
+}
+
 TEST(ScreenTest, MoleculesInFlightAreBoundedByTheQueues) {
     // 20 copies of CDK2 (940 molecules) through queues of 2 batches of 3: never more than
     // 3 (2 (2 + 2) + 2) = 30 molecules alive in the pipeline, the bound of the pipeline's items

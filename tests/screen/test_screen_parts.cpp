@@ -211,6 +211,7 @@ void ExpectSameRow(const Row& expected, const Row& actual) {
     EXPECT_EQ(actual.result.exactEvaluations, expected.result.exactEvaluations);
     EXPECT_EQ(Bits(actual.rankScore), Bits(expected.rankScore));
     EXPECT_EQ(actual.error, expected.error);
+    EXPECT_EQ(actual.skippedByBound, expected.skippedByBound);
     EXPECT_EQ(actual.warnings, expected.warnings);
 }
 
@@ -679,6 +680,8 @@ ScreenPart SmallPart() {
     ScreenPart part = ScreenSlices(Cdk2Queries({0}), {FileSlice{Cdk2Path, 0, 5}}, FewHits(), true,
                                    ScreenCallbacks(), control);
     part.rows.at(1).warnings = {"first warning", "second warning"};
+    part.rows.at(3).skippedByBound = true;
+    part.report.tally.skippedByBound = 7;
     part.report.problems.Add(io::Problem{"some.sdf", 3, "title", "cannot be parsed", true});
     part.report.problems.Add(io::Problem{"some.sdf", 4, "", "a conformer was lost", false});
     return part;
@@ -717,6 +720,7 @@ TEST(ScreenParts, EncodingRoundTripsBitForBit) {
     ExpectSameHits(part.report.hits, decoded.report.hits);
     ExpectSameProblems(part.report.problems, decoded.report.problems);
     EXPECT_EQ(decoded.report.failed, part.report.failed);
+    EXPECT_EQ(decoded.report.tally.skippedByBound, 7u);
     EXPECT_EQ(decoded.report.counts.molecules, 5u);
     EXPECT_EQ(decoded.report.counts.conformers, part.report.counts.conformers);
     EXPECT_EQ(decoded.report.counts.overlays, part.report.counts.overlays);
