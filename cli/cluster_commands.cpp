@@ -16,7 +16,7 @@
 #include <unistd.h>
 
 #include "cli/commands.h"
-#include "cli/common.h"
+#include "cli/exit_status.h"
 #include "cli/overlay_run.h"
 #include "screen/screen_parts.h"
 

@@ -7,7 +7,8 @@
 #include <iostream>
 
 #include "cli/commands.h"
-#include "cli/common.h"
+#include "cli/exit_status.h"
+#include "cli/interrupts.h"
 
 namespace hermite::cli {
 

@@ -6,7 +6,8 @@
 #include <algorithm>
 #include <cmath>
 
-#include "cli/common.h"
+#include "cli/arguments.h"
+#include "cli/text_format.h"
 
 namespace hermite::cli {
 

@@ -5,10 +5,13 @@
 #include <iostream>
 
 #include "cli/commands.h"
-#include "cli/common.h"
 #include "cli/density.h"
+#include "cli/exit_status.h"
 #include "cli/file_identity.h"
 #include "cli/json_output.h"
+#include "cli/library_errors.h"
+#include "cli/molecule_reading.h"
+#include "cli/text_format.h"
 #include "io/atomic_file.h"
 
 namespace hermite::cli {

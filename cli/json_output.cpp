@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "cli/common.h"
+#include "cli/text_format.h"
 
 namespace hermite::cli {
 

@@ -7,7 +7,7 @@
 
 #include "cli/cluster_commands.h"
 #include "cli/commands.h"
-#include "cli/common.h"
+#include "cli/exit_status.h"
 
 #ifndef HERMITE_VERSION
 #define HERMITE_VERSION "unknown"

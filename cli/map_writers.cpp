@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "cli/common.h"
+#include "cli/text_format.h"
 
 namespace hermite::cli {
 

@@ -8,13 +8,18 @@
 #include <thread>
 
 #include "cli/commands.h"
-#include "cli/common.h"
+#include "cli/exit_status.h"
 #include "cli/file_identity.h"
+#include "cli/interrupts.h"
+#include "cli/library_errors.h"
+#include "cli/molecule_reading.h"
 #include "cli/overlay_run.h"
 #include "cli/progress.h"
 #include "cli/report_output.h"
 #include "cli/score_output.h"
+#include "cli/text_format.h"
 #include "io/atomic_file.h"
+#include "screen/pipeline.h"
 #include "screen/screen.h"
 
 namespace hermite::cli {
@@ -106,7 +111,7 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     }
     request.report.best = screen.best;
     const long long threads = IntegerOption(line, "--threads", 0, -100000, 100000);
-    screen.threads = ResolveThreadCount(threads, std::thread::hardware_concurrency());
+    screen.threads = screen::ResolveThreadCount(threads, std::thread::hardware_concurrency());
 
     overlay::Settings& settings = request.overlay;
     const std::string effort = line.Value("--effort", "default");

@@ -4,9 +4,14 @@
 #include <thread>
 
 #include "cli/commands.h"
-#include "cli/common.h"
+#include "cli/exit_status.h"
 #include "cli/file_identity.h"
+#include "cli/interrupts.h"
+#include "cli/library_errors.h"
+#include "cli/molecule_reading.h"
 #include "cli/progress.h"
+#include "cli/text_format.h"
+#include "screen/pipeline.h"
 #include "screen/prepare.h"
 
 namespace hermite::cli {
@@ -80,7 +85,7 @@ int RunPrepare(const CommandLine& line) {
     settings.read.features = FeatureDefinitionsOption(line);
     settings.charges = !line.Has("--no-charges");
     const long long threads = IntegerOption(line, "--threads", 0, -100000, 100000);
-    settings.threads = ResolveThreadCount(threads, std::thread::hardware_concurrency());
+    settings.threads = screen::ResolveThreadCount(threads, std::thread::hardware_concurrency());
     const std::vector<std::string> inputs = line.Positionals();
     const std::string output = line.Value("--out");
     const bool quiet = line.Has("--quiet");

@@ -9,9 +9,10 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
-#include "cli/common.h"
 #include "cli/density.h"
+#include "cli/exit_status.h"
 #include "cli/map_writers.h"
+#include "cli/text_format.h"
 #include "io/atomic_file.h"
 #include "io/molecule_io.h"
 

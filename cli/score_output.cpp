@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "cli/common.h"
+#include "cli/text_format.h"
 
 namespace hermite::cli {
 

@@ -6,7 +6,11 @@
 #include <optional>
 #include <sstream>
 
-#include "common.h"
+#include "bindings.h"
+#include "conversions.h"
+#include "gaussians.h"
+#include "hermite/hermite.h"
+#include "library_calls.h"
 
 namespace hermite::python {
 

@@ -2,7 +2,11 @@
 
 #include <sstream>
 
-#include "common.h"
+#include "bindings.h"
+#include "conversions.h"
+#include "gaussians.h"
+#include "hermite/hermite.h"
+#include "library_calls.h"
 
 namespace hermite::python {
 
@@ -117,6 +121,19 @@ std::string GaussiansRepr(const GaussianList& list) {
 }
 
 }  // namespace
+
+const std::vector<QVSystem::QVGaussian>& GaussiansArgument(py::handle object, const char* name,
+                                                           bool allowEmpty) {
+    if (!py::isinstance<GaussianList>(object)) {
+        throw py::type_error(std::string(name) + " must be hermite.Gaussians, got " +
+                             std::string(py::str(py::type::handle_of(object).attr("__name__"))));
+    }
+    const GaussianList& list = object.cast<const GaussianList&>();
+    if (!allowEmpty && list.items.empty()) {
+        throw py::value_error(std::string(name) + " is empty: at least one Gaussian is needed");
+    }
+    return list.items;
+}
 
 void BindGaussians(py::module_& m) {
     gaussianRecord = DefineRecord(m, "Gaussian", {"prefactor", "exponent", "centre", "tag"},

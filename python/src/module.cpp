@@ -1,6 +1,8 @@
 // The extension module hermite._hermite; the package hermite re-exports it.
 
-#include "common.h"
+#include "bindings.h"
+#include "conversions.h"
+#include "library_calls.h"
 
 namespace py = pybind11;
 

@@ -4,7 +4,11 @@
 #include <cmath>
 #include <memory>
 
-#include "common.h"
+#include "bindings.h"
+#include "conversions.h"
+#include "gaussians.h"
+#include "hermite/hermite.h"
+#include "library_calls.h"
 
 namespace hermite::python {
 

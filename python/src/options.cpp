@@ -2,7 +2,10 @@
 
 #include <sstream>
 
-#include "common.h"
+#include "bindings.h"
+#include "conversions.h"
+#include "hermite/hermite.h"
+#include "library_calls.h"
 
 namespace hermite::python {
 

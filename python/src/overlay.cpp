@@ -12,7 +12,11 @@
 #include <sstream>
 #include <thread>
 
-#include "common.h"
+#include "bindings.h"
+#include "conversions.h"
+#include "gaussians.h"
+#include "library_calls.h"
+#include "molecule.h"
 #include "overlay/overlay.h"
 #include "screen/screen.h"
 

@@ -1,19 +1,12 @@
-// Shared pieces of the subcommands: reading options, threads, error routing, signals, numbers.
+// Options of molecule reading, --order, and the one input molecule of grid and expand.
 
-#include "cli/common.h"
+#include "cli/molecule_reading.h"
 
-#include <signal.h>
-#include <unistd.h>
-
-#include <cmath>
-#include <csignal>
-#include <cstdio>
 #include <iostream>
 
-#include "io/atomic_file.h"
+#include "cli/exit_status.h"
 #include "io/features.h"
 #include "overlay/overlay.h"
-#include "qv/error.h"
 
 namespace hermite::cli {
 
@@ -22,29 +15,7 @@ namespace {
 /// The largest legal expansion order.
 constexpr long long kMaxOrder = 100;
 
-/// Set by the signal handler.
-std::atomic<bool> interrupted{false};
-
-/// Where the library's warnings raised in this thread go (null: printed).
-thread_local std::vector<std::string>* warningSink = nullptr;
-
-/// The first SIGINT, SIGTERM or SIGHUP asks the run to stop: it winds down, discards its
-/// outputs and exits with 130. A second one means the user will not wait for that: the
-/// temporary files of the outputs are removed right here and the process ends at once. Only
-/// async-signal-safe calls (atomic stores and exchanges, unlink, _exit).
-extern "C" void OnInterrupt(int) {
-    if (interrupted.exchange(true)) {
-        io::RemoveTemporaryFilesNow();
-        ::_exit(kExitInterrupted);
-    }
-    // An output FIFO without a reader must not keep the run from stopping.
-    io::StopWaitingForReaders();
-}
-
 }  // namespace
-
-// =============================================================================================
-// Reading molecules
 
 void AddReadOptions(ArgumentParser& parser, const std::string& seedAlsoFor) {
     parser.Flag("--hydrogens",
@@ -170,95 +141,6 @@ bool AnySkipped(const std::vector<io::Problem>& problems) {
         }
     }
     return false;
-}
-
-// =============================================================================================
-// Library errors and signals
-
-LibraryErrors::LibraryErrors(std::string command) {
-    QVSystem::QVThrow.SetHandler([command](QVSystem::QVSeverity severity, const std::string& text) {
-        if (severity == QVSystem::QVSeverity::Fatal) {
-            throw LibraryError(text);
-        }
-        if (warningSink != nullptr) {
-            warningSink->push_back(text);
-        } else {
-            std::cerr << "hermite " << command << ": warning: " << text << "\n";
-        }
-    });
-}
-
-LibraryErrors::~LibraryErrors() {
-    QVSystem::QVThrow.SetHandler(nullptr);
-}
-
-void LibraryErrors::CollectWarnings(std::vector<std::string>* sink) {
-    warningSink = sink;
-}
-
-void CatchInterrupts() {
-    struct sigaction action {};
-    action.sa_handler = OnInterrupt;
-    // Interrupted system calls resume; the handler is not re-entered by the other signals.
-    action.sa_flags = SA_RESTART;
-    sigemptyset(&action.sa_mask);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&action.sa_mask, number);
-    }
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        ::sigaction(number, &action, nullptr);
-    }
-    // A reader that goes away (a closed pipe, `| head`) makes writes fail with EPIPE, which are
-    // reported like any other write error, instead of killing the process with its temporary
-    // files left behind.
-    struct sigaction ignore {};
-    ignore.sa_handler = SIG_IGN;
-    sigemptyset(&ignore.sa_mask);
-    ::sigaction(SIGPIPE, &ignore, nullptr);
-}
-
-bool Interrupted() {
-    return interrupted.load();
-}
-
-// =============================================================================================
-// Formatting
-
-std::string FormatFixed(double value, int decimals) {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, "%.*f", decimals, value);
-    return buffer;
-}
-
-std::string FormatExact(double value) {
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, "%.17g", value);
-    return buffer;
-}
-
-std::string OneLine(const std::string& text) {
-    std::string line = text;
-    for (char& c : line) {
-        if (c == '\t' || c == '\n' || c == '\r') {
-            c = ' ';
-        }
-    }
-    return line;
-}
-
-bool EndsWithIgnoringCase(const std::string& path, const std::string& suffix) {
-    if (path.size() < suffix.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < suffix.size(); ++i) {
-        const char a = path[path.size() - suffix.size() + i];
-        const char b = suffix[i];
-        const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
-        if (lower(a) != lower(b)) {
-            return false;
-        }
-    }
-    return true;
 }
 
 }  // namespace hermite::cli
