@@ -462,6 +462,30 @@ TEST(ScreenParts, MergedPartsEqualOneScreenBitForBit) {
     }
 }
 
+TEST(ScreenParts, PartsSkippingByTheScoreBoundKeepTheHitsOfOneScreen) {
+    // Each part skips against its own hit list, whose threshold is at most the whole screen's:
+    // it keeps every molecule that may be a hit of the whole, and the merge ranks them. Small
+    // molecules after the ligands cannot reach the cutoff and are skipped.
+    TemporaryDirectory directory;
+    const std::string small = directory.File("small.smi");
+    WriteText(small, "C methane\nCCO ethanol\nc1ccccc1 benzene\n");
+    const QuerySet queries = Cdk2Queries({4});
+    ScreenSettings settings = FewHits();
+    settings.cutoff = 0.6;
+    settings.read.smilesConformers = 2;
+    const ScreenRun whole = ScreenWhole(queries, {Cdk2Path, small}, settings);
+    ScreenSettings skipping = settings;
+    skipping.skipByBound = true;
+    skipping.threads = 2;
+    for (std::size_t size : {7u, 50u}) {
+        SCOPED_TRACE("parts of " + std::to_string(size));
+        const ScreenRun parts = ScreenInParts(queries, {Cdk2Path, small}, skipping, size);
+        ExpectSameHits(whole.report.hits, parts.report.hits);
+        EXPECT_LT(parts.report.counts.overlays, whole.report.counts.overlays);
+        EXPECT_GE(parts.report.tally.skippedByBound, 3u);
+    }
+}
+
 TEST(ScreenParts, PerQueryPartsEqualOneScreen) {
     // Two rows per molecule share its position, and each query molecule has its own hits.
     const QuerySet queries = Cdk2Queries({0, 1});
