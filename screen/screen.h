@@ -90,9 +90,9 @@ struct ScreenSettings {
     /// Skip the overlay of a pair (database conformer, query conformer) when an upper bound
     /// on its rank score over every pose (`overlay::ScoreBound`) shows that it can enter
     /// neither the hits (it is below the cutoff, or not above the last of a full hit list) nor
-    /// the best pair of its molecule. The hits are the same as without skipping; the row of a
-    /// molecule whose pairs were all skipped has no scores (`Row::skippedByBound`). No effect
-    /// with `scoreOnly`.
+    /// the best pair of its molecule. The hits are the same as without skipping (but for
+    /// `Row::conformers`, which counts the conformers overlaid); the row of a molecule whose
+    /// pairs were all skipped has no scores (`Row::skippedByBound`). No effect with `scoreOnly`.
     bool skipByBound = false;
     /// Worker threads (at least 1).
     unsigned int threads = 1;
