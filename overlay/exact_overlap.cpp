@@ -46,6 +46,10 @@ double Square(double x) {
     return x * x;
 }
 
+double Dot(const double* a, const double* b) {
+    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+}
+
 void Apply(const double* R, const double* p, double* out) {
     for (int i = 0; i < 3; ++i) {
         out[i] = R[3 * i] * p[0] + R[3 * i + 1] * p[1] + R[3 * i + 2] * p[2];
@@ -295,20 +299,72 @@ struct NearTerms {
 
 }  // namespace
 
+template <class Add>
+void ExactOverlapObjective::ForEachNearTerm(std::size_t j, const double* p, Add add) const {
+    const Pair* pairs = kindPairs_.data() + movingKind_[j] * fixedKindCount_;
+    const unsigned int* kinds = fixedKind_.data();
+    NearTerms near;
+    const auto flush = [&] {
+        for (std::size_t t = 0; t < near.count; ++t) {
+            near.exponent[t] *= pairs[kinds[near.index[t]]].k;
+        }
+        CutOffExponentials(near.exponent, near.count, kCutoff);
+        for (std::size_t t = 0; t < near.count; ++t) {
+            const std::size_t i = near.index[t];
+            const Pair& constants = pairs[kinds[i]];
+            add(i, constants.C * near.exponent[t], constants.k);
+        }
+        near.count = 0;
+    };
+    // The fixed centres of [begin, end) within `reach2` (squared) of p, into `near` with their
+    // squared distances. Distances are taken in blocks, several at once; whether a centre is
+    // near cannot be predicted, so each is written in any case and kept by counting it, without
+    // a branch.
+    const double reach2 = grids_.empty() ? INFINITY : Square(grids_[movingChannel_[j]].reach);
+    const auto gather = [&](std::size_t begin, std::size_t end) {
+        double distance2[NearTerms::kCapacity];
+        for (std::size_t block = begin; block < end; block += NearTerms::kCapacity) {
+            const std::size_t size = std::min(NearTerms::kCapacity, end - block);
+            const double* x = fixedCoords_[0].data() + block;
+            const double* y = fixedCoords_[1].data() + block;
+            const double* z = fixedCoords_[2].data() + block;
+            for (std::size_t t = 0; t < size; ++t) {
+                distance2[t] = Square(x[t] - p[0]) + Square(y[t] - p[1]) + Square(z[t] - p[2]);
+            }
+            for (std::size_t t = 0; t < size; ++t) {
+                near.index[near.count] = block + t;
+                near.exponent[near.count] = distance2[t];
+                near.count += distance2[t] <= reach2 ? 1 : 0;
+                if (near.count == NearTerms::kCapacity) {
+                    flush();
+                }
+            }
+        }
+    };
+    if (grids_.empty()) {
+        gather(0, fixed_.size());
+    } else {
+        ForEachNearRow(grids_[movingChannel_[j]], p, [&](std::size_t first, std::size_t last) {
+            gather(cellStart_[first], cellStart_[last + 1]);
+        });
+    }
+    flush();
+}
+
+bool ExactOverlapObjective::Overlaps(std::size_t j) const {
+    return grids_.empty() || movingChannel_[j] != kNoChannel;
+}
+
 double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const {
     double R[9], dR[3][9];
     RotationAndDerivatives(y, R, dR);
     double overlap = 0.0;
     double g[6] = {0, 0, 0, 0, 0, 0};
-    const std::size_t fixedCount = fixed_.size();
-    NearTerms near;
     for (std::size_t j = 0; j < moving_.size(); ++j) {
-        if (!grids_.empty() && movingChannel_[j] == kNoChannel) {
+        if (!Overlaps(j)) {
             continue;  // nothing fixed in its channel
         }
         const Point& m = moving_[j];
-        const Pair* pairs = kindPairs_.data() + movingKind_[j] * fixedKindCount_;
-        const unsigned int* kinds = fixedKind_.data();
         double p[3];
         Apply(R, m.x, p);
         for (int i = 0; i < 3; ++i) {
@@ -316,56 +372,13 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
         }
         // dO/dp of this moving centre: sum over fixed centres of 2 k C e (q - p).
         double force[3] = {0, 0, 0};
-        const auto flush = [&] {
-            for (std::size_t t = 0; t < near.count; ++t) {
-                near.exponent[t] *= pairs[kinds[near.index[t]]].k;
+        ForEachNearTerm(j, p, [&](std::size_t i, double term, double k) {
+            overlap += term;
+            const double scale = 2.0 * k * term;
+            for (int a = 0; a < 3; ++a) {
+                force[a] += scale * (fixedCoords_[a][i] - p[a]);
             }
-            CutOffExponentials(near.exponent, near.count, kCutoff);
-            for (std::size_t t = 0; t < near.count; ++t) {
-                const std::size_t i = near.index[t];
-                const Pair& constants = pairs[kinds[i]];
-                const double term = constants.C * near.exponent[t];
-                overlap += term;
-                const double scale = 2.0 * constants.k * term;
-                for (int a = 0; a < 3; ++a) {
-                    force[a] += scale * (fixedCoords_[a][i] - p[a]);
-                }
-            }
-            near.count = 0;
-        };
-        // The fixed centres of [begin, end) within `reach2` (squared) of p, into `near` with
-        // their squared distances. Distances are taken in blocks, several at once; whether a
-        // centre is near cannot be predicted, so each is written in any case and kept by
-        // counting it, without a branch.
-        const double reach2 = grids_.empty() ? INFINITY : Square(grids_[movingChannel_[j]].reach);
-        const auto gather = [&](std::size_t begin, std::size_t end) {
-            double distance2[NearTerms::kCapacity];
-            for (std::size_t block = begin; block < end; block += NearTerms::kCapacity) {
-                const std::size_t size = std::min(NearTerms::kCapacity, end - block);
-                const double* x = fixedCoords_[0].data() + block;
-                const double* y = fixedCoords_[1].data() + block;
-                const double* z = fixedCoords_[2].data() + block;
-                for (std::size_t t = 0; t < size; ++t) {
-                    distance2[t] = Square(x[t] - p[0]) + Square(y[t] - p[1]) + Square(z[t] - p[2]);
-                }
-                for (std::size_t t = 0; t < size; ++t) {
-                    near.index[near.count] = block + t;
-                    near.exponent[near.count] = distance2[t];
-                    near.count += distance2[t] <= reach2 ? 1 : 0;
-                    if (near.count == NearTerms::kCapacity) {
-                        flush();
-                    }
-                }
-            }
-        };
-        if (grids_.empty()) {
-            gather(0, fixedCount);
-        } else {
-            ForEachNearRow(grids_[movingChannel_[j]], p, [&](std::size_t first, std::size_t last) {
-                gather(cellStart_[first], cellStart_[last + 1]);
-            });
-        }
-        flush();
+        });
         if (gradient != nullptr) {
             for (int a = 0; a < 3; ++a) {
                 double dp[3];
@@ -380,6 +393,69 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
             gradient[i] = -g[i];
         }
     }
+    return overlap;
+}
+
+double ExactOverlapObjective::Curvature(double* gradient, double* hessian) const {
+    // At y = 0, R = Rx(a) Ry(b) Rz(c) is the identity, its first derivatives are the generators
+    // G_a and its second derivatives G_a G_b for a <= b (in the order of the product).
+    static const double G[3][9] = {
+        {0, 0, 0, 0, 0, -1, 0, 1, 0}, {0, 0, 1, 0, 0, 0, -1, 0, 0}, {0, -1, 0, 1, 0, 0, 0, 0, 0}};
+    double overlap = 0.0;
+    double g[6] = {0, 0, 0, 0, 0, 0};
+    double H[36] = {};
+    for (std::size_t j = 0; j < moving_.size(); ++j) {
+        if (!Overlaps(j)) {
+            continue;
+        }
+        const Point& m = moving_[j];
+        const double p[3] = {m.x[0] + centre_[0], m.x[1] + centre_[1], m.x[2] + centre_[2]};
+        // The gradient f and the Hessian A of the overlap with respect to this centre's
+        // position: f = sum of 2k T d and A = sum of T (4k^2 d d^T - 2k I), with d = q - p and
+        // T = C e^{-k d^2}.
+        double f[3] = {0, 0, 0};
+        double A[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
+        ForEachNearTerm(j, p, [&](std::size_t i, double term, double k) {
+            overlap += term;
+            const double twoK = 2.0 * k;
+            const double d[3] = {fixedCoords_[0][i] - p[0], fixedCoords_[1][i] - p[1],
+                                 fixedCoords_[2][i] - p[2]};
+            for (int a = 0; a < 3; ++a) {
+                f[a] += twoK * term * d[a];
+                for (int b = a; b < 3; ++b) {
+                    A[3 * a + b] += term * (twoK * twoK * (d[a] * d[b]) - (a == b ? twoK : 0.0));
+                }
+            }
+        });
+        A[3] = A[1];  // symmetric: the lower triangle mirrors the upper
+        A[6] = A[2];
+        A[7] = A[5];
+        // The chain rule through p = R m + g + t: dp/d(angle a) = v_a = G_a m, the second
+        // derivatives G_a G_b m, and dp/dt = I.
+        double v[3][3], Av[3][3];
+        for (int a = 0; a < 3; ++a) {
+            Apply(G[a], m.x, v[a]);
+            Apply(A, v[a], Av[a]);
+        }
+        for (int a = 0; a < 3; ++a) {
+            g[a] += Dot(f, v[a]);
+            g[3 + a] += f[a];
+            for (int b = 0; b < 3; ++b) {
+                H[6 * (3 + a) + 3 + b] += A[3 * a + b];
+                H[6 * a + 3 + b] += Av[a][b];
+                H[6 * (3 + b) + a] += Av[a][b];
+                if (b >= a) {
+                    double w[3];
+                    Apply(G[a], v[b], w);  // G_a G_b m
+                    const double value = Dot(v[a], Av[b]) + Dot(f, w);
+                    H[6 * a + b] += value;
+                    H[6 * b + a] += b != a ? value : 0.0;
+                }
+            }
+        }
+    }
+    std::copy(g, g + 6, gradient);
+    std::copy(H, H + 36, hessian);
     return overlap;
 }
 

@@ -1,6 +1,6 @@
 /// \file
 /// The exact overlap of two Gaussian densities as a function of a rigid motion of the second,
-/// with its analytic gradient: the objective of the final refinement of an overlay.
+/// with its analytic gradient and Hessian: the objective of the final refinement of an overlay.
 #pragma once
 
 #include <algorithm>
@@ -48,6 +48,10 @@ public:
     /// The motion y as a transform p -> R (p - g) + g + t.
     QVChem::QVTrans Motion(const double* y) const;
 
+    /// O at y = 0 (the moving centres as set), with its gradient dO/dy (6 values) and its
+    /// Hessian (6 x 6, row-major), for Newton steps: one pass over the near pairs.
+    double Curvature(double* gradient, double* hessian) const;
+
 private:
     struct Point {
         double x[3];
@@ -75,6 +79,15 @@ private:
 
     /// O and, when `gradient` is not null, dO/dy.
     double Evaluate(const double* y, double* gradient) const;
+
+    /// Whether moving centre j has fixed centres of its channel to overlap.
+    bool Overlaps(std::size_t j) const;
+
+    /// Calls `add(i, term, k)` for every fixed centre i within the cut-off of moving centre j
+    /// placed at `p`, with the pair term C e^{-k d^2} and its k. The near centres are gathered
+    /// in blocks so that their exponentials are taken together.
+    template <class Add>
+    void ForEachNearTerm(std::size_t j, const double* p, Add add) const;
 
     /// Builds the cell grid of the fixed centres of each channel.
     void BuildCells(const std::vector<unsigned int>& fixedChannels,

@@ -17,6 +17,8 @@ namespace hermite::overlay {
 using QVChem::QVMol;
 using QVChem::QVTrans;
 using QVSystem::QVGaussian;
+using Vector6 = Eigen::Matrix<double, 6, 1>;
+using Matrix6 = Eigen::Matrix<double, 6, 6, Eigen::RowMajor>;
 
 namespace {
 
@@ -466,25 +468,75 @@ void KeepBestByExactOverlap(ExactOverlapObjective& objective, const std::vector<
     distinct.resize(count);
 }
 
-/// Maximises the exact overlap from a candidate's pose, records the refined pose and returns
-/// the overlap there as the objective computes it (pairs beyond its cut-off left out).
-/// `objective` holds the query and the fit; it is moved to the candidate's pose first.
+/// The ascent step of Newton's method on the overlap O from gradient `g` and Hessian `H` in the
+/// scaled variables (angles times the fit's radius, translations): -H^-1 g, with H's
+/// eigenvalues kept at or below -1 % of the largest in magnitude, so that the step climbs where
+/// O is not concave, and at most a unit long.
+Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
+    const Eigen::SelfAdjointEigenSolver<Matrix6> eigen(-H);
+    const Vector6 curvature = eigen.eigenvalues();
+    const double floor = 1e-2 * std::max(curvature.cwiseAbs().maxCoeff(), 1e-300);
+    const Vector6 step =
+        eigen.eigenvectors() *
+        (eigen.eigenvectors().transpose() * g).cwiseQuotient(curvature.cwiseMax(floor));
+    return step.norm() > 1.0 ? Vector6(step / step.norm()) : step;
+}
+
+/// Maximises the exact overlap from a candidate's pose by Newton's method, records the refined
+/// pose and returns the overlap there as the objective computes it (pairs beyond its cut-off
+/// left out). `objective` holds the query and the fit; it is moved to each pose in turn, so
+/// that the derivatives are always taken at y = 0. From a Hermite optimum the exact optimum is
+/// a few Newton steps away: on CDK2 pairs a refinement takes about 3 evaluations of value,
+/// gradient and Hessian, where BFGS took about 9 of value and gradient. A step that does not
+/// raise the overlap is halved, at most five times; the search stops when none does, when the
+/// largest scaled gradient component is at most `tolerance`, or after `iterations` steps.
 double Refine(ExactOverlapObjective& objective, const std::vector<QVGaussian>& fit,
               double fitRadius, unsigned int iterations, double tolerance, Candidate& candidate,
               unsigned int& evaluations) {
-    objective.SetMoving(MovedGaussians(fit, candidate.pose));
-    CountingObjective counting(objective, evaluations);
-    // The angles turn the fit about its own centre: scaled by the fit's radius.
-    ScaledRigidObjective counted(counting, fitRadius);
-    QVOpt::QVBFGSOpt minimiser;
-    minimiser.SetTolerance(tolerance);
-    minimiser.SetIterLimit(iterations);
-    const double start[6] = {0, 0, 0, 0, 0, 0};
-    double u[6], y[6];
-    const double value = minimiser(counted, nullptr, start, u);
-    counted.Unscale(u, y);
-    candidate.pose = candidate.pose.Then(objective.Motion(y));
-    return -value;
+    // Angles turn the fit about its own centre: scaled by its radius, like translations.
+    const Vector6 scale =
+        (Vector6() << 1 / fitRadius, 1 / fitRadius, 1 / fitRadius, 1, 1, 1).finished();
+    const auto curvatureAt = [&](const QVTrans& pose, Vector6& g, Matrix6& H) {
+        objective.SetMoving(MovedGaussians(fit, pose));
+        ++evaluations;
+        const double value = objective.Curvature(g.data(), H.data());
+        g = scale.cwiseProduct(g);
+        H = scale.asDiagonal() * H * scale.asDiagonal();
+        return value;
+    };
+    QVTrans pose = candidate.pose;
+    Vector6 g;
+    Matrix6 H;
+    double value = curvatureAt(pose, g, H);
+    for (unsigned int iteration = 0; iteration < iterations; ++iteration) {
+        if (g.cwiseAbs().maxCoeff() <= tolerance) {
+            break;
+        }
+        const Vector6 step = NewtonAscent(g, H);
+        bool climbed = false;
+        for (double length = 1.0; length >= 1.0 / 16 && !climbed; length /= 2) {
+            const Vector6 y = length * scale.cwiseProduct(step);
+            if (length < 1.0) {
+                objective.SetMoving(MovedGaussians(fit, pose));  // Motion turns about its centre
+            }
+            const QVTrans trial = pose.Then(objective.Motion(y.data()));
+            Vector6 trialG;
+            Matrix6 trialH;
+            const double trialValue = curvatureAt(trial, trialG, trialH);
+            if (trialValue > value) {
+                climbed = true;
+                pose = trial;
+                value = trialValue;
+                g = trialG;
+                H = trialH;
+            }
+        }
+        if (!climbed) {
+            break;
+        }
+    }
+    candidate.pose = pose;
+    return value;
 }
 
 }  // namespace

@@ -19,7 +19,8 @@
 ///    translations) is maximised with BFGS.
 /// 5. Refinement: the distinct poses (poses within 0.5 angstrom RMS of a better one are the
 ///    same optimum) are ranked by their exact overlaps, and the best `refineCandidates` of them
-///    are refined by BFGS on the exact analytic overlap of the atom Gaussians; the best exact
+///    are refined by Newton's method on the exact analytic overlap of the atom Gaussians (its
+///    analytic gradient and Hessian); the best exact
 ///    overlap wins.
 ///
 /// With colour (`Settings::colour`), steps 4 and 5 maximise shape overlap + w * colour overlap
@@ -92,9 +93,10 @@ struct Settings {
     /// set the candidate poses apart, and refining the best joint pose alone ranks as well as
     /// refining two, at three quarters of the time (measured in docs/colour.md).
     unsigned int colourRefineCandidates = 1;
-    /// BFGS iteration limit of the exact refinement.
+    /// Newton iteration limit of the exact refinement.
     unsigned int refineIterationLimit = 20;
-    /// BFGS gradient tolerance of the exact refinement, relative to the query's self-overlap.
+    /// Gradient tolerance of the exact refinement (its largest component, angles scaled by the
+    /// fit's radius), relative to the query's self-overlap.
     double refineTolerance = 1e-3;
     /// Compute electrostatic scores (needs partial charges).
     bool electrostatics = false;

@@ -710,9 +710,9 @@ std::string SettingsDoc() {
         << "    colour_refine_candidates: the same when colour features join the search, at "
            "most refine_candidates ["
         << d.colourRefineCandidates << "].\n"
-        << "    refine_iteration_limit: BFGS iterations of the exact refinement ["
+        << "    refine_iteration_limit: Newton iterations of the exact refinement ["
         << d.refineIterationLimit << "].\n"
-        << "    refine_tolerance: BFGS gradient tolerance of the exact refinement, relative to "
+        << "    refine_tolerance: gradient tolerance of the exact refinement, relative to "
            "the query's self-overlap ["
         << Repr(d.refineTolerance) << "].\n"
         << "    electrostatics: also compute the electrostatic scores from the partial charges ["
@@ -850,8 +850,8 @@ Args:
         refinement).
     colour_refine_candidates: the same when colour features join the search (at most
         refine_candidates; the features set the poses apart, so one is enough by default).
-    refine_iteration_limit: BFGS iteration limit of the exact refinement.
-    refine_tolerance: BFGS gradient tolerance of the exact refinement, relative to the query's
+    refine_iteration_limit: Newton iteration limit of the exact refinement.
+    refine_tolerance: gradient tolerance of the exact refinement, relative to the query's
         self-overlap.
     electrostatics: also compute electrostatic scores (needs partial charges).
     electrostatic_width: width of the electrostatic Gaussians, angstrom.
@@ -915,10 +915,10 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
         .def_property(
             "refine_iteration_limit", Getter(&Settings::refineIterationLimit),
             CountSetter(&Settings::refineIterationLimit, "refine_iteration_limit", 1000000),
-            "BFGS iteration limit of the exact refinement.")
+            "Newton iteration limit of the exact refinement.")
         .def_property("refine_tolerance", Getter(&Settings::refineTolerance),
                       PositiveSetter(&Settings::refineTolerance, "refine_tolerance"),
-                      "BFGS gradient tolerance of the exact refinement relative to the query's "
+                      "Gradient tolerance of the exact refinement relative to the query's "
                       "self-overlap.")
         .def_property("electrostatics", Getter(&Settings::electrostatics),
                       FlagSetter(&Settings::electrostatics), "Compute the electrostatic scores.")

@@ -304,4 +304,55 @@ TEST(ExactOverlapObjectiveTest, MotionTurnsAboutTheMeanCentre) {
     EXPECT_NEAR(q[2], 3.25, 1e-12);
 }
 
+/// Compares the value, gradient and Hessian of `Curvature` with the value and gradient of the
+/// objective (the negated overlap) and with central differences of that gradient.
+void ExpectCurvatureMatchesDifferences(hermite::overlay::ExactOverlapObjective& objective) {
+    double g[6], H[36], g0[6];
+    const double value = objective.Curvature(g, H);
+    const double zero[6] = {0, 0, 0, 0, 0, 0};
+    const double reference = -objective(zero, g0);
+    EXPECT_NEAR(value, reference, 1e-13 * reference);
+    double largest = 0.0;
+    for (int i = 0; i < 36; ++i) {
+        largest = std::max(largest, std::abs(H[i]));
+    }
+    ASSERT_GT(largest, 0.0);
+    const double h = 1e-5;
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_NEAR(g[i], -g0[i], 1e-12 * reference) << i;
+        double yp[6] = {0, 0, 0, 0, 0, 0}, ym[6] = {0, 0, 0, 0, 0, 0};
+        yp[i] = h;
+        ym[i] = -h;
+        double gp[6], gm[6];
+        objective(yp, gp);
+        objective(ym, gm);
+        for (int j = 0; j < 6; ++j) {
+            // Differences of the negated overlap's gradient; error O(h^2) of the Hessian's scale.
+            EXPECT_NEAR(H[6 * i + j], -(gp[j] - gm[j]) / (2 * h), 1e-6 * largest) << i << ", " << j;
+            EXPECT_EQ(H[6 * i + j], H[6 * j + i]) << i << ", " << j;
+        }
+    }
+}
+
+// The Hessian of the Newton refinement, in one channel and in several (shape and two colour
+// types), at the centres as given and after they were moved.
+TEST(ExactOverlapObjectiveTest, CurvatureMatchesDifferencesOfTheGradient) {
+    const std::vector<QVGaussian> fixed = hermite_test::MakeDensity(20, 3u, 3, 2, 1.5);
+    const std::vector<QVGaussian> moving = hermite_test::MakeDensity(15, 4u, 2.5, 2, 1.5);
+    ExactOverlapObjective single(fixed, moving);
+    ExpectCurvatureMatchesDifferences(single);
+    const double turn[6] = {0.3, -0.2, 0.5, 0.4, -0.3, 0.2};
+    single.SetMoving(hermite::overlay::MovedGaussians(moving, single.Motion(turn)));
+    ExpectCurvatureMatchesDifferences(single);
+    std::vector<unsigned int> fixedChannels(fixed.size()), movingChannels(moving.size());
+    for (std::size_t i = 0; i < fixed.size(); ++i) {
+        fixedChannels[i] = static_cast<unsigned int>(i % 3);
+    }
+    for (std::size_t i = 0; i < moving.size(); ++i) {
+        movingChannels[i] = static_cast<unsigned int>(i % 3);
+    }
+    ExactOverlapObjective channels(fixed, moving, fixedChannels, movingChannels);
+    ExpectCurvatureMatchesDifferences(channels);
+}
+
 }  // namespace
