@@ -1,6 +1,6 @@
 // Timings of the overlay driver's inner objectives: the fused Hermite overlap (value with
-// gradient) that the local searches evaluate, and the exact overlap that the refinement
-// evaluates, on molecule-sized densities in a generic pose.
+// gradient) that the local searches evaluate, and the exact overlap (value with gradient, and
+// with its Hessian for the refinement's Newton steps), on molecule-sized densities.
 
 #include <benchmark/benchmark.h>
 
@@ -42,5 +42,16 @@ void BM_ExactOverlapValueAndGradient(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_ExactOverlapValueAndGradient);
+
+// One Newton step's worth of the exact refinement: value, gradient and Hessian.
+void BM_ExactOverlapCurvature(benchmark::State& state) {
+    const ExactOverlapObjective objective(DrugLikeGaussians(1u), DrugLikeGaussians(2u));
+    double gradient[6], hessian[36];
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(objective.Curvature(gradient, hessian));
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_ExactOverlapCurvature);
 
 }  // namespace
