@@ -469,16 +469,23 @@ void KeepBestByExactOverlap(ExactOverlapObjective& objective, const std::vector<
 }
 
 /// The ascent step of Newton's method on the overlap O from gradient `g` and Hessian `H` in the
-/// scaled variables (angles times the fit's radius, translations): -H^-1 g, with H's
-/// eigenvalues kept at or below -1 % of the largest in magnitude, so that the step climbs where
-/// O is not concave, and at most a unit long.
+/// scaled variables (angles times the fit's radius, translations), at most a unit long:
+/// -H^-1 g where O is concave (Cholesky, the usual case near a Hermite optimum), else the same
+/// with H's eigenvalues kept at or below -1 % of the largest in magnitude, so that the step
+/// still climbs.
 Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
-    const Eigen::SelfAdjointEigenSolver<Matrix6> eigen(-H);
-    const Vector6 curvature = eigen.eigenvalues();
-    const double floor = 1e-2 * std::max(curvature.cwiseAbs().maxCoeff(), 1e-300);
-    const Vector6 step =
-        eigen.eigenvectors() *
-        (eigen.eigenvectors().transpose() * g).cwiseQuotient(curvature.cwiseMax(floor));
+    const Matrix6 curvature = -H;
+    const Eigen::LLT<Matrix6> cholesky(curvature);
+    Vector6 step;
+    if (cholesky.info() == Eigen::Success) {
+        step = cholesky.solve(g);
+    } else {
+        const Eigen::SelfAdjointEigenSolver<Matrix6> eigen(curvature);
+        const Vector6 values = eigen.eigenvalues();
+        const double floor = 1e-2 * std::max(values.cwiseAbs().maxCoeff(), 1e-300);
+        step = eigen.eigenvectors() *
+               (eigen.eigenvectors().transpose() * g).cwiseQuotient(values.cwiseMax(floor));
+    }
     return step.norm() > 1.0 ? Vector6(step / step.norm()) : step;
 }
 
