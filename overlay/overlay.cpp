@@ -495,7 +495,7 @@ Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
 /// that the derivatives are always taken at y = 0. From a Hermite optimum the exact optimum is
 /// a few Newton steps away: on CDK2 pairs a refinement takes about 3 evaluations of value,
 /// gradient and Hessian, where BFGS took about 9 of value and gradient. A step that does not
-/// raise the overlap is halved, at most five times; the search stops when none does, when the
+/// raise the overlap is halved, at most four times; the search stops when none does, when the
 /// largest scaled gradient component is at most `tolerance`, or after `iterations` steps.
 double Refine(ExactOverlapObjective& objective, const std::vector<QVGaussian>& fit,
               double fitRadius, unsigned int iterations, double tolerance, Candidate& candidate,
