@@ -9,6 +9,7 @@
 #include <random>
 #include <vector>
 
+#include "cdk2_ligands.h"
 #include "hermite/hermite.h"
 #include "io/molecule_io.h"
 #include "overlay/fast_overlap.h"
@@ -28,7 +29,6 @@ using hermite::overlay::StartOrientations;
 using QVChem::QVTrans;
 
 constexpr double kPi = 3.141592653589793;
-const char* const kCdk2 = "/usr/share/RDKit/Contrib/Fastcluster/testdata/cdk2.sdf";
 
 /// The rotation angle between two rotations, radians.
 double Angle(const RotationMatrix& a, const RotationMatrix& b) {
@@ -115,7 +115,8 @@ TEST(OrientationScan, SpreadRotationsCoverEveryOrientation) {
 // The scan's overlap for rotation k is the Hermite overlap the local search computes for the
 // fit turned by rotation k, at the start (no motion): the same number to rounding.
 TEST(OrientationScan, OverlapsAreTheHermiteOverlapsOfTheTurnedFit) {
-    const std::vector<hermite::io::Molecule> ligands = hermite::io::ReadAll(kCdk2);
+    const std::vector<hermite::io::Molecule> ligands =
+        hermite::io::ReadAll(hermite_test::kCdk2Path);
     Settings settings;
     const PreparedMolecule query(ligands[0].conformers[0].Mol(), settings);
     const PreparedMolecule fit(ligands[5].conformers[0].Mol(), settings);
@@ -155,7 +156,8 @@ TEST(OrientationScan, OverlapsAreTheHermiteOverlapsOfTheTurnedFit) {
 // their optima with the largest exact overlap refined, stop at least 0.1 below the best pose
 // known, and the search seeded by the scan reaches it.
 TEST(OrientationScan, SearchFindsTheBestPoseWhereTheFramesMislead) {
-    const std::vector<hermite::io::Molecule> ligands = hermite::io::ReadAll(kCdk2);
+    const std::vector<hermite::io::Molecule> ligands =
+        hermite::io::ReadAll(hermite_test::kCdk2Path);
     const auto mol = [&ligands](std::size_t i) { return ligands[i].conformers[0].Mol(); };
     Settings flips;
     flips.scanRotations = 0;

@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "cdk2_ligands.h"
 #include "hermite/hermite.h"
 #include "io/molecule_io.h"
 #include "overlay/overlay.h"
@@ -21,20 +22,6 @@ using hermite::overlay::Settings;
 using hermite::overlay::TransformMolecule;
 using QVChem::QVMol;
 using QVChem::QVTrans;
-
-const char* const kCdk2 = "/usr/share/RDKit/Contrib/Fastcluster/testdata/cdk2.sdf";
-
-/// The first conformer of every CDK2 ligand, heavy atoms.
-const std::vector<QVMol>& Ligands() {
-    static const std::vector<QVMol> ligands = [] {
-        std::vector<QVMol> mols;
-        for (const hermite::io::Molecule& molecule : hermite::io::ReadAll(kCdk2)) {
-            mols.push_back(molecule.conformers.front().Mol());
-        }
-        return mols;
-    }();
-    return ligands;
-}
 
 /// A random rigid motion: a uniformly random rotation (from a normalised quaternion of normal
 /// deviates) and a translation of up to 10 angstrom per axis. Drawn from the raw engine output,
@@ -68,7 +55,7 @@ QVMol Moved(const QVMol& molecule, const QVTrans& motion) {
 }
 
 TEST(OverlayCdk2Test, ReadsAllLigands) {
-    ASSERT_EQ(Ligands().size(), 47u);
+    ASSERT_EQ(hermite_test::Cdk2Ligands().size(), 47u);
 }
 
 /// Each ligand overlaid onto itself after 10 random rigid motions: the exact shape Tanimoto is
@@ -76,8 +63,8 @@ TEST(OverlayCdk2Test, ReadsAllLigands) {
 TEST(OverlayCdk2Test, SelfOverlayRecoversRandomMotions) {
     std::mt19937_64 engine(2024);
     const Settings settings;
-    for (std::size_t i = 0; i < Ligands().size(); ++i) {
-        const QVMol& ligand = Ligands()[i];
+    for (std::size_t i = 0; i < hermite_test::Cdk2Ligands().size(); ++i) {
+        const QVMol& ligand = hermite_test::Cdk2Ligands()[i];
         const Query query(ligand, settings);
         for (int trial = 0; trial < 10; ++trial) {
             const QVMol moved = Moved(ligand, RandomMotion(engine));
@@ -95,8 +82,8 @@ TEST(OverlayCdk2Test, ScoresAreInvariantUnderRigidMotions) {
     std::mt19937_64 engine(77);
     const Settings settings;
     for (const auto& [q, f] : std::vector<std::pair<int, int>>{{0, 1}, {3, 17}, {25, 40}}) {
-        const QVMol& queryLigand = Ligands()[q];
-        const QVMol& fitLigand = Ligands()[f];
+        const QVMol& queryLigand = hermite_test::Cdk2Ligands()[q];
+        const QVMol& fitLigand = hermite_test::Cdk2Ligands()[f];
         const Result reference = Query(queryLigand, settings).Overlay(fitLigand);
         const QVMol referencePose = Moved(fitLigand, reference.transform);
 
@@ -120,10 +107,10 @@ TEST(OverlayCdk2Test, ScoresAreInvariantUnderRigidMotions) {
 /// and a pose found by the overlay scores what the overlay reported.
 TEST(OverlayCdk2Test, ScoreInPlaceMatchesTheOverlay) {
     const Settings settings;
-    const Query query(Ligands()[5], settings);
-    EXPECT_NEAR(query.Score(Ligands()[5]).scores.shapeTanimoto, 1.0, 1e-12);
-    const Result overlay = query.Overlay(Ligands()[9]);
-    const Result inPlace = query.Score(Moved(Ligands()[9], overlay.transform));
+    const Query query(hermite_test::Cdk2Ligands()[5], settings);
+    EXPECT_NEAR(query.Score(hermite_test::Cdk2Ligands()[5]).scores.shapeTanimoto, 1.0, 1e-12);
+    const Result overlay = query.Overlay(hermite_test::Cdk2Ligands()[9]);
+    const Result inPlace = query.Score(Moved(hermite_test::Cdk2Ligands()[9], overlay.transform));
     EXPECT_NEAR(inPlace.scores.shapeTanimoto, overlay.scores.shapeTanimoto, 1e-6);
     EXPECT_NEAR(inPlace.scores.overlap, overlay.scores.overlap, 1e-6 * overlay.scores.overlap);
 }
@@ -141,8 +128,8 @@ QVMol Translated(const QVMol& mol, const double* shift) {
 }
 
 TEST(OverlayFarFromTheOrigin, ScoresDoNotDependOnTranslationsUpToAMillionAngstrom) {
-    const QVMol& query = Ligands()[0];
-    const QVMol& fit = Ligands()[7];
+    const QVMol& query = hermite_test::Cdk2Ligands()[0];
+    const QVMol& fit = hermite_test::Cdk2Ligands()[7];
     Settings settings;
     settings.electrostatics = true;
     const Result near = Query(query, settings).Overlay(fit);
@@ -165,7 +152,7 @@ TEST(OverlayFarFromTheOrigin, ScoresDoNotDependOnTranslationsUpToAMillionAngstro
 }
 
 TEST(OverlayFarFromTheOrigin, AtomsThatAreNotOneCloudAreNamed) {
-    QVMol mol = Ligands()[3];
+    QVMol mol = hermite_test::Cdk2Ligands()[3];
     EXPECT_EQ(hermite::overlay::CloudProblem(mol), "");
     double p[3];
     mol.GetAtom(4).GetCoords(p);
@@ -174,7 +161,7 @@ TEST(OverlayFarFromTheOrigin, AtomsThatAreNotOneCloudAreNamed) {
     EXPECT_NE(problem.find("its atoms are not one cloud: 1 of"), std::string::npos) << problem;
     EXPECT_NE(problem.find("(atom 5)"), std::string::npos) << problem;
     // Two halves 50 angstrom apart are two clouds too, though every atom has close neighbours.
-    QVMol halves = Ligands()[3];
+    QVMol halves = hermite_test::Cdk2Ligands()[3];
     for (unsigned int i = halves.NumAtoms() / 2; i < halves.NumAtoms(); ++i) {
         halves.GetAtom(i).GetCoords(p);
         halves.GetAtom(i).SetCoords(p[0], p[1] + 50.0, p[2]);

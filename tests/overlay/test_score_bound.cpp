@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "../support/test_support.h"
-#include "io/molecule_io.h"
+#include "cdk2_ligands.h"
 #include "overlay/score_bound.h"
 
 namespace {
@@ -26,7 +26,6 @@ using hermite::overlay::Settings;
 using QVChem::QVMol;
 using QVSystem::QVGaussian;
 
-const char* const kCdk2 = "/usr/share/RDKit/Contrib/Fastcluster/testdata/cdk2.sdf";
 using hermite_test::kCarbonExponent;
 using hermite_test::kCarbonPrefactor;
 
@@ -61,18 +60,6 @@ double MeanShiftMaximum(const std::vector<QVGaussian>& gaussians) {
         best = std::max(best, ProbeOverlap(gaussians, p));
     }
     return best;
-}
-
-/// The first conformer of every CDK2 ligand, heavy atoms, with Gasteiger charges.
-const std::vector<QVMol>& Ligands() {
-    static const std::vector<QVMol> ligands = [] {
-        std::vector<QVMol> mols;
-        for (const hermite::io::Molecule& molecule : hermite::io::ReadAll(kCdk2)) {
-            mols.push_back(molecule.conformers.front().Mol());
-        }
-        return mols;
-    }();
-    return ligands;
 }
 
 /// Colour features standing in for perceived ones: one at each nitrogen (type 0), oxygen
@@ -159,7 +146,7 @@ TEST(LargestOverlapWithProbe, NoGaussiansGiveZero) {
 TEST(ScoreBound, AMoleculeAgainstItselfIsBoundedByOne) {
     Settings settings;
     settings.colour = true;
-    const QVMol& ligand = Ligands()[5];
+    const QVMol& ligand = hermite_test::Cdk2Ligands()[5];
     const Query query(ligand, settings, HeteroatomFeatures(ligand));
     const ScoreBound bound(query);
     const Scores self = bound.Of(query.Prepared());
@@ -172,7 +159,7 @@ TEST(ScoreBound, AMoleculeAgainstItselfIsBoundedByOne) {
 // the atom at that point, so the packing bound is the optimum (within its 1 % tolerance) and
 // below the Cauchy-Schwarz bound.
 TEST(ScoreBound, OneAtomIsBoundedByTheLargestProbeOverlap) {
-    const QVMol& ligand = Ligands()[0];
+    const QVMol& ligand = hermite_test::Cdk2Ligands()[0];
     const Query query(ligand, Settings());
     QVMol atom;
     atom.AddAtom(6, 0.0, 0.0, 0.0, 0.0);
@@ -194,7 +181,7 @@ TEST(ScoreBound, NeverBelowTheBestPoseOfCdk2Pairs) {
     exhaustive.scanRotations = 100;
     exhaustive.colour = true;
     exhaustive.electrostatics = true;
-    const std::vector<QVMol>& ligands = Ligands();
+    const std::vector<QVMol>& ligands = hermite_test::Cdk2Ligands();
     std::mt19937_64 engine(11);
     std::uniform_int_distribution<std::size_t> pick(0, ligands.size() - 1);
     for (int pair = 0; pair < 12; ++pair) {
