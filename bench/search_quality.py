@@ -17,7 +17,7 @@ For each configuration (order, scanned rotations, local searches, refined poses)
 Tanimoto on CDK2 and on FABP4, its gap to the best-known mean (target <= 0.003), the share of
 CDK2 pairs with |T(q, f) - T(f, q)| <= 0.01 (target >= 99 %), overlays per second on one thread
 (the CDK2 all-against-all through hermite.screen, one call per query, threads=1; target >= 5,000;
-each query's set-up, chiefly the search for its optimal lambda, is shared by only 46 fits here),
+each query's set-up, chiefly its scans, is shared by only 46 fits here),
 the same for a screen of one query against 1,880 fits (the CDK2 set forty times: a screen shares
 the query's set-up), and the time per overlay at 70 heavy atoms over the time at 16 (conformers
 of a peptide-like chain and of a small amide, each overlaid onto ten of its own conformers;
@@ -44,22 +44,17 @@ FABP4_ACTIVES = "/work/shared/data/dude-fabp4/actives_final.mol2.gz"
 PREFACTOR = 2.7
 EXPONENT = 0.811151803
 
-# name: (order, scan_rotations, search_starts, refine_candidates); the presets of --effort are
-# marked.
+# name: (order, scan_rotations, search_starts, refine_candidates[, relative_tolerance]); the
+# presets of --effort are marked.
 CONFIGS = {
-    "flips, 4 searches, 1 refined (the first default)": (4, 0, 4, 1),
-    "flips, 4 searches, 2 refined": (4, 0, 4, 2),
-    "scan 30, 2 searches, 1 refined (fast)": (4, 30, 2, 1),
-    "scan 30, 2 searches, 2 refined (the former default)": (4, 30, 2, 2),
-    "scan 30, 3 searches, 2 refined (default)": (4, 30, 3, 2),
-    "scan 30, 4 searches, 2 refined": (4, 30, 4, 2),
-    "scan 30, 4 searches, 3 refined": (4, 30, 4, 3),
-    "scan 30, 6 searches, 3 refined": (4, 30, 6, 3),
-    "scan 30, 10 searches, 2 refined": (4, 30, 10, 2),
-    "scan 60, 6 searches, 4 refined (thorough)": (4, 60, 6, 4),
-    "order 5, scan 60, 4 searches, 3 refined": (5, 60, 4, 3),
-    "order 6, scan 60, 4 searches, 3 refined": (6, 60, 4, 3),
-    "order 6, scan 120, 8 searches, 4 refined": (6, 120, 8, 4),
+    "scan 30, 3 searches, 2 refined (the former default)": (4, 30, 3, 2),
+    "scan 100, 2 searches, 1 refined (fast)": (4, 100, 2, 1),
+    "scan 200, 4 searches, 2 refined": (4, 200, 4, 2),
+    "scan 200, 5 searches, 2 refined (default)": (4, 200, 5, 2),
+    "scan 200, 5 searches, 2 refined, tolerance 1e-3": (4, 200, 5, 2, 1e-3),
+    "scan 200, 6 searches, 3 refined": (4, 200, 6, 3),
+    "scan 300, 10 searches, 3 refined (thorough)": (4, 300, 10, 3),
+    "order 6, scan 300, 10 searches, 4 refined": (6, 300, 10, 4),
 }
 EXHAUSTIVE = (8, 200, 50, 4)
 # Ordered pairs of FABP4 actives: enough that one pair more or less found does not move the mean
@@ -162,9 +157,12 @@ def run_config(hermite, config, molecules, pairs):
 
 
 def search_settings(config):
-    order, scan, starts, refine = config
-    return dict(order=order, scan_rotations=scan, search_starts=starts,
-                refine_candidates=max(refine, 1))
+    order, scan, starts, refine = config[:4]
+    settings = dict(order=order, scan_rotations=scan, search_starts=starts,
+                    refine_candidates=max(refine, 1))
+    if len(config) > 4:
+        settings["relative_tolerance"] = config[4]
+    return settings
 
 
 def size_conformers(hermite):

@@ -122,6 +122,7 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     settings = overlay::WithEffort(settings, *preset);
     settings.order = OrderFrom(line, settings.order);
     request.report.order = settings.order;
+    settings.lambda = RealOption(line, "--lambda", settings.lambda, 0.01, 10.0);
     settings.scanRotations =
         static_cast<unsigned int>(IntegerOption(line, "--scan", settings.scanRotations, 0, 100000));
     settings.extraStarts = static_cast<unsigned int>(IntegerOption(line, "--starts", 0, 0, 1000));
@@ -431,6 +432,13 @@ ArgumentParser OverlayParser() {
                 "Worker threads: 0 (the default) for all cores, a negative -n for all cores but "
                 "n, a positive number for that many.");
     AddOrderOption(parser, overlay::Settings().order);
+    parser.Option("--lambda", "L",
+                  "Lambda of the Hermite functions of every expansion, 1/angstrom, 0.01 to 10 "
+                  "(default " +
+                      FormatFixed(overlay::Settings().lambda, 2) +
+                      "; the same for both molecules, so that an overlay does not depend on "
+                      "which is the query). Smaller values suit molecules of 60 heavy atoms and "
+                      "more (docs/overlay.md).");
     AddReadOptions(parser, "the random orientations (--starts)");
     parser
         .Flag("--electrostatics",

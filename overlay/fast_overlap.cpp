@@ -106,171 +106,303 @@ double Expansion::SelfOverlap() const {
     return (1.0 / (lambda[0] * lambda[1] * lambda[2])) * sum;
 }
 
-FastOverlap::FastOverlap(const Expansion& reference, const Expansion& fit)
-    : Nr_(reference.order),
-      Nf_(fit.order),
-      referenceVolume_(reference.lambda[0] * reference.lambda[1] * reference.lambda[2]),
-      fitLambda_{fit.lambda[0], fit.lambda[1], fit.lambda[2]},
-      reference_(reference.coefficients),
-      fit_(fit.coefficients),
-      K_(QVHermiteMath::computeKs(reference.order + 1)),
-      fRowLength_(reference.order + fit.order + 2) {
+/// The tables of an evaluation (see FastOverlap::MakePlan) and the steps that read only them.
+struct FastOverlap::Plan {
+    /// One term of a ladder operator: `factor` times the coefficient at `source`.
+    struct LadderTerm {
+        unsigned int source = 0;
+        double factor = 0.0;
+    };
+
+    Plan(unsigned int referenceOrder, const double* referenceLambda, unsigned int fitOrder,
+         const double* fitLambda);
+    void BuildLadders();
+
+    void BuildS(double theta, double* S) const;
+    void RotatePass(const double* S, const double* in, double* out) const;
+    void BuildF(double shift, unsigned int rows, double* F) const;
+    void StageZ(unsigned int order, const double* Fz, const double* fit, double* Tz) const;
+    void StageY(unsigned int order, const double* Fy, const double* Tz, double* Ty) const;
+    void StageX(unsigned int order, const double* Fx, const double* Ty, double* B) const;
+    double Contract(const double* A, const double* B) const;
+
+    unsigned int Nr;
+    unsigned int Nf;
+    double referenceVolume;
+    double fitLambda[3];
+    std::vector<double> roots;            // sqrt(k) for the S-matrix recurrences
+    std::vector<double> inverseRoots;     // 1 / sqrt(k) (0 for k = 0)
+    std::vector<double> K;                // K_0..K_(Nr+1)
+    std::vector<double> kProduct;         // K_l K_m K_n per reference coefficient
+    std::vector<unsigned int> lOf;        // l of each reference coefficient (lmn order)
+    std::vector<unsigned int> mOf;        // m of each reference coefficient
+    std::vector<unsigned int> nOf;        // n of each reference coefficient
+    std::vector<double> passFactor;       // per pass term: sqrt(K_(D-v) K_v / (K_t K_u))
+    std::vector<unsigned int> passIn;     // per pass term: position of (v, D - v, w)
+    std::vector<unsigned int> passTerms;  // per output position (pass order): number of terms
+    std::vector<unsigned int> passOut;    // per output (pass order): position of (w, t, u)
+    std::vector<unsigned int> passRow;    // per output (pass order): offset of row S[D][t]
+    std::vector<unsigned int> fitColumn;  // position of fit (l', m', n'), n' fastest
+    unsigned int fRowLength;              // columns stored per F row
+    /// Per reference coefficient, two terms each: the generators of rotations about x, y and z
+    /// (`turn[k]`) and the derivatives along x, y and z of the translated fit (`shift[k]`, into
+    /// B one degree deeper, the fit's lambda included).
+    std::vector<LadderTerm> turn[3];
+    std::vector<LadderTerm> shift[3];
+};
+
+FastOverlap::Plan::Plan(unsigned int referenceOrder, const double* referenceLambda,
+                        unsigned int fitOrder, const double* fitLambda)
+    : Nr(referenceOrder),
+      Nf(fitOrder),
+      referenceVolume(referenceLambda[0] * referenceLambda[1] * referenceLambda[2]),
+      fitLambda{fitLambda[0], fitLambda[1], fitLambda[2]},
+      K(QVHermiteMath::computeKs(referenceOrder + 1)),
+      fRowLength(referenceOrder + fitOrder + 2) {
     // Square roots of the small integers the S-matrix recurrences use, (N + 2)^2 at most.
-    for (unsigned int k = 0; k <= (Nr_ + 2) * (Nr_ + 2); ++k) {
-        roots_.push_back(std::sqrt(static_cast<double>(k)));
+    for (unsigned int k = 0; k <= (Nr + 2) * (Nr + 2); ++k) {
+        roots.push_back(std::sqrt(static_cast<double>(k)));
+        inverseRoots.push_back(k > 0 ? 1.0 / roots.back() : 0.0);
     }
-    const std::size_t count = CoefficientCount(Nr_);
-    for (unsigned int s = 0; s <= Nr_; ++s) {
+    for (unsigned int s = 0; s <= Nr; ++s) {
         for (unsigned int l = 0; l <= s; ++l) {
             for (unsigned int m = 0; m <= s - l; ++m) {
-                lOf_.push_back(l);
-                mOf_.push_back(m);
-                nOf_.push_back(s - l - m);
-                kProduct_.push_back(K_[l] * K_[m] * K_[s - l - m]);
+                lOf.push_back(l);
+                mOf.push_back(m);
+                nOf.push_back(s - l - m);
+                kProduct.push_back(K[l] * K[m] * K[s - l - m]);
             }
         }
     }
     // Positions of the fit coefficients (l', m', n'), n' fastest, for the z stage.
-    fitColumn_.assign(static_cast<std::size_t>(Nf_ + 1) * (Nf_ + 1) * (Nf_ + 1), 0);
-    for (unsigned int lf = 0; lf <= Nf_; ++lf) {
-        for (unsigned int mf = 0; mf <= Nf_ - lf; ++mf) {
-            for (unsigned int nf = 0; nf <= Nf_ - lf - mf; ++nf) {
-                fitColumn_[(lf * (Nf_ + 1) + mf) * (Nf_ + 1) + nf] = GetLmnIndex(lf, mf, nf);
+    fitColumn.assign(static_cast<std::size_t>(Nf + 1) * (Nf + 1) * (Nf + 1), 0);
+    for (unsigned int lf = 0; lf <= Nf; ++lf) {
+        for (unsigned int mf = 0; mf <= Nf - lf; ++mf) {
+            for (unsigned int nf = 0; nf <= Nf - lf - mf; ++nf) {
+                fitColumn[(lf * (Nf + 1) + mf) * (Nf + 1) + nf] = GetLmnIndex(lf, mf, nf);
             }
         }
     }
     // The rotation pass, unrolled into flat tables in the order in which it is evaluated.
-    for (unsigned int k = 0; k <= Nr_; ++k) {
+    for (unsigned int k = 0; k <= Nr; ++k) {
         for (unsigned int t = 0; t <= k; ++t) {
             for (unsigned int u = 0; u <= k - t; ++u) {
                 const unsigned int w = k - t - u;
                 const unsigned int D = t + u;
-                const double normTU = K_[t] * K_[u];
-                passOut_.push_back(GetLmnIndex(w, t, u));
-                passRow_.push_back(static_cast<unsigned int>(SOffset(D) + t * (D + 1)));
-                passTerms_.push_back(D + 1);
+                const double normTU = K[t] * K[u];
+                passOut.push_back(GetLmnIndex(w, t, u));
+                passRow.push_back(static_cast<unsigned int>(SOffset(D) + t * (D + 1)));
+                passTerms.push_back(D + 1);
                 for (unsigned int v = 0; v <= D; ++v) {
-                    passFactor_.push_back(std::sqrt((K_[D - v] * K_[v]) / normTU));
-                    passIn_.push_back(GetLmnIndex(v, D - v, w));
+                    passFactor.push_back(std::sqrt((K[D - v] * K[v]) / normTU));
+                    passIn.push_back(GetLmnIndex(v, D - v, w));
                 }
             }
         }
     }
+    BuildLadders();
+}
+
+void FastOverlap::Plan::BuildLadders() {
+    // A rotation about axis k turns the indices of the two other axes (p, q) = (k + 1, k + 2)
+    // into each other within their total D: the generator takes the coefficient of (t, D - t)
+    // in those two places from (t + 1, D - t - 1) and (t - 1, D - t + 1) — the recurrence of
+    // the S matrices' derivative, dS/dtheta = L S, carried through the normalisation of the
+    // rotation passes.
+    for (unsigned int k = 0; k < 3; ++k) {
+        const unsigned int p = (k + 1) % 3, q = (k + 2) % 3;
+        for (std::size_t i = 0; i < kProduct.size(); ++i) {
+            const unsigned int index[3] = {lOf[i], mOf[i], nOf[i]};
+            const unsigned int t = index[p], D = index[p] + index[q];
+            LadderTerm up, down;
+            if (t + 1 <= D) {
+                unsigned int from[3] = {index[0], index[1], index[2]};
+                ++from[p];
+                --from[q];
+                up = {GetLmnIndex(from[0], from[1], from[2]),
+                      std::sqrt((t + 1.0) * (D - t)) *
+                          std::sqrt(K[t + 1] * K[D - t - 1] / (K[t] * K[D - t]))};
+            }
+            if (t >= 1) {
+                unsigned int from[3] = {index[0], index[1], index[2]};
+                --from[p];
+                ++from[q];
+                down = {GetLmnIndex(from[0], from[1], from[2]),
+                        -std::sqrt(t * (D - t + 1.0)) *
+                            std::sqrt(K[t - 1] * K[D - t + 1] / (K[t] * K[D - t]))};
+            }
+            turn[k].push_back(up);
+            turn[k].push_back(down);
+        }
+    }
+    // Moving the fit by dt along an axis changes the translated coefficient of degree l along
+    // it by lambda (B_(l-1) / 2 - (l + 1) B_(l+1)) dt, lambda the fit's on that axis: the
+    // derivative of a Hermite function is a sum of its neighbours in degree.
     for (unsigned int axis = 0; axis < 3; ++axis) {
-        S_[axis].assign(SOffset(Nr_ + 1), 0.0);
-        dS_[axis].assign(SOffset(Nr_ + 1), 0.0);
-        F_[axis].assign(static_cast<std::size_t>(Nr_ + 1) * fRowLength_, 0.0);
-        dF_[axis].assign(static_cast<std::size_t>(Nr_ + 1) * fRowLength_, 0.0);
-    }
-    for (std::vector<double>& v : rotated_) {
-        v.assign(count, 0.0);
-    }
-    for (unsigned int i = 0; i < 4; ++i) {
-        A_[i].assign(count, 0.0);
-        B_[i].assign(count, 0.0);
-    }
-    const std::size_t pairs = static_cast<std::size_t>(Nf_ + 1) * (Nf_ + 1);
-    for (std::vector<double>& v : Tz_) {
-        v.assign((Nr_ + 1) * pairs, 0.0);
-    }
-    for (std::vector<double>& v : Ty_) {
-        v.assign(static_cast<std::size_t>(Nr_ + 1) * (Nr_ + 1) * (Nf_ + 1), 0.0);
+        const double lambda = fitLambda[axis];
+        for (std::size_t i = 0; i < kProduct.size(); ++i) {
+            const unsigned int index[3] = {lOf[i], mOf[i], nOf[i]};
+            const unsigned int l = index[axis];
+            unsigned int above[3] = {index[0], index[1], index[2]};
+            ++above[axis];
+            shift[axis].push_back(
+                {GetLmnIndex(above[0], above[1], above[2]), -lambda * static_cast<double>(l + 1)});
+            LadderTerm down;
+            if (l >= 1) {
+                unsigned int below[3] = {index[0], index[1], index[2]};
+                --below[axis];
+                down = {GetLmnIndex(below[0], below[1], below[2]), 0.5 * lambda};
+            }
+            shift[axis].push_back(down);
+        }
     }
 }
+
+std::shared_ptr<const FastOverlap::Plan> FastOverlap::MakePlan(unsigned int referenceOrder,
+                                                               const double* referenceLambda,
+                                                               unsigned int fitOrder,
+                                                               const double* fitLambda) {
+    return std::make_shared<const Plan>(referenceOrder, referenceLambda, fitOrder, fitLambda);
+}
+
+FastOverlap::FastOverlap(const Expansion& reference, const Expansion& fit)
+    : FastOverlap(MakePlan(reference.order, reference.lambda, fit.order, fit.lambda),
+                  reference.coefficients, fit.coefficients) {}
+
+FastOverlap::FastOverlap(std::shared_ptr<const Plan> plan, std::vector<double> reference,
+                         std::vector<double> fit)
+    : plan_(std::move(plan)), reference_(std::move(reference)), fit_(std::move(fit)) {
+    const unsigned int Nr = plan_->Nr, Nf = plan_->Nf;
+    // Translations are taken one degree deeper than the reference for the gradient.
+    const unsigned int deep = Nr + 1;
+    for (unsigned int axis = 0; axis < 3; ++axis) {
+        S_[axis].assign(SOffset(Nr + 1), 0.0);
+        F_[axis].assign(static_cast<std::size_t>(deep + 1) * plan_->fRowLength, 0.0);
+    }
+    const std::size_t count = CoefficientCount(Nr);
+    Z_.assign(count, 0.0);
+    YZ_.assign(count, 0.0);
+    A_.assign(count, 0.0);
+    B_.assign(CoefficientCount(deep), 0.0);
+    Tz_.assign(static_cast<std::size_t>(deep + 1) * (Nf + 1) * (Nf + 1), 0.0);
+    Ty_.assign(static_cast<std::size_t>(deep + 1) * (deep + 1) * (Nf + 1), 0.0);
+}
+
+FastOverlap::~FastOverlap() = default;
 
 void FastOverlap::SetFitCoefficients(const std::vector<double>& coefficients) {
     fit_ = coefficients;
 }
 
-// ---------------------------------------------------------------------------------------------
-// S matrices: the recurrence of QVHermiteMath::BuildSMatrix on flat storage.
+std::vector<double> FastOverlap::Turned(const std::vector<double>& coefficients, const double* R) {
+    return Turned(std::vector<std::vector<double>>{coefficients}, R).front();
+}
 
-void FastOverlap::BuildS(double theta, FlatS& S) const {
+std::vector<std::vector<double>> FastOverlap::Turned(
+    const std::vector<std::vector<double>>& expansions, const double* R) {
+    const Plan& plan = *plan_;
+    std::vector<std::vector<double>> turned;
+    const bool diagonal =
+        R[1] == 0 && R[2] == 0 && R[3] == 0 && R[5] == 0 && R[6] == 0 && R[7] == 0;
+    if (diagonal) {
+        for (const std::vector<double>& coefficients : expansions) {
+            std::vector<double>& out = turned.emplace_back(coefficients.size(), 0.0);
+            for (std::size_t i = 0; i < coefficients.size(); ++i) {
+                const double sign = (R[0] < 0 && (plan.lOf[i] & 1u) ? -1.0 : 1.0) *
+                                    (R[4] < 0 && (plan.mOf[i] & 1u) ? -1.0 : 1.0) *
+                                    (R[8] < 0 && (plan.nOf[i] & 1u) ? -1.0 : 1.0);
+                out[i] = sign * coefficients[i];
+            }
+        }
+        return turned;
+    }
+    // R = Rx(a) Ry(b) Rz(c) = [cb cc, -cb sc, sb; ...; ..., -sa cb, ca cb]; at cos b = 0 only
+    // a - c (or a + c) is fixed, and c = 0 is taken.
+    const double cosB = std::hypot(R[0], R[1]);
+    const double a = cosB > 1e-12 ? std::atan2(-R[5], R[8]) : std::atan2(R[7], R[4]);
+    const double b = std::atan2(R[2], cosB);
+    const double c = cosB > 1e-12 ? std::atan2(-R[1], R[0]) : 0.0;
+    plan.BuildS(a, S_[0].data());
+    plan.BuildS(b, S_[1].data());
+    plan.BuildS(c, S_[2].data());
+    for (const std::vector<double>& coefficients : expansions) {
+        std::vector<double>& out = turned.emplace_back(coefficients.size(), 0.0);
+        plan.RotatePass(S_[2].data(), coefficients.data(), Z_.data());
+        plan.RotatePass(S_[1].data(), Z_.data(), YZ_.data());
+        plan.RotatePass(S_[0].data(), YZ_.data(), out.data());
+    }
+    return turned;
+}
+
+// ---------------------------------------------------------------------------------------------
+// S matrices: the recurrence of QVHermiteMath::BuildSMatrix on flat storage, its divisions by
+// square roots taken as multiplications by their reciprocals (a few ulps apart).
+
+void FastOverlap::Plan::BuildS(double theta, double* S) const {
     double s, c;
     ::sincos(theta, &s, &c);
     S[0] = 1.0;
     double cn = c;
-    for (unsigned int j = 0; j < Nr_; ++j) {
+    for (unsigned int j = 0; j < Nr; ++j) {
         const double* P = &S[SOffset(j)];
         const unsigned int pn = j + 1;  // row length of P
         const unsigned int n = j + 1;
         double* M = &S[SOffset(n)];
         const unsigned int mn = n + 1;  // row length of M
         for (unsigned int i = 0; i <= j; ++i) {
-            M[0 * mn + i] = P[0 * pn + i] * (c * roots_[n]) / roots_[n - i];
-            M[i * mn + 0] = P[i * pn + 0] * (c * roots_[n]) / roots_[n - i];
+            M[0 * mn + i] = P[0 * pn + i] * (c * roots[n]) * inverseRoots[n - i];
+            M[i * mn + 0] = P[i * pn + 0] * (c * roots[n]) * inverseRoots[n - i];
         }
         for (unsigned int r = 1; r <= j; ++r) {
             for (unsigned int q = 1; q <= j; ++q) {
                 M[q * mn + r] =
-                    (P[q * pn + r - 1] * roots_[r] * s + P[q * pn + r] * roots_[n - r] * c) /
-                    roots_[n - q];
+                    (P[q * pn + r - 1] * roots[r] * s + P[q * pn + r] * roots[n - r] * c) *
+                    inverseRoots[n - q];
             }
         }
         M[n * mn + 0] = -(P[j * pn + 0] * s);
         M[0 * mn + n] = s * P[0 * pn + j];
         for (unsigned int k = 0; k < j; ++k) {
             M[n * mn + k + 1] =
-                (P[j * pn + k] * roots_[k + 1] * c - P[j * pn + k + 1] * roots_[j - k] * s) /
-                roots_[n];
+                (P[j * pn + k] * roots[k + 1] * c - P[j * pn + k + 1] * roots[j - k] * s) *
+                inverseRoots[n];
             M[(k + 1) * mn + n] =
-                (roots_[k + 1] * c * P[k * pn + j] + roots_[j - k] * s * P[(k + 1) * pn + j]) /
-                roots_[n];
+                (roots[k + 1] * c * P[k * pn + j] + roots[j - k] * s * P[(k + 1) * pn + j]) *
+                inverseRoots[n];
         }
         M[n * mn + n] = cn;
         cn = cn * c;
     }
 }
 
-void FastOverlap::BuildSDerivative(const FlatS& S, FlatS& dS) const {
-    dS[0] = 0.0;
-    for (unsigned int d = 1; d <= Nr_; ++d) {
-        const double* Sd = &S[SOffset(d)];
-        double* out = &dS[SOffset(d)];
-        const unsigned int n = d + 1;
-        for (unsigned int col = 0; col <= d; ++col) {
-            out[col] = roots_[d] * Sd[1 * n + col];
-            out[d * n + col] = -roots_[d] * Sd[(d - 1) * n + col];
-        }
-        for (unsigned int i = 1; i < d; ++i) {
-            const double up = roots_[(i + 1) * (d - i)];
-            const double down = roots_[i * (d - i + 1)];
-            for (unsigned int col = 0; col <= d; ++col) {
-                out[i * n + col] = up * Sd[(i + 1) * n + col] - down * Sd[(i - 1) * n + col];
-            }
-        }
-    }
-}
-
-void FastOverlap::RotatePass(const FlatS& S, const double* in, double* out) const {
-    const double* factor = passFactor_.data();
-    const unsigned int* source = passIn_.data();
-    for (std::size_t o = 0; o < passOut_.size(); ++o) {
-        const double* row = &S[passRow_[o]];
-        const unsigned int terms = passTerms_[o];
+void FastOverlap::Plan::RotatePass(const double* S, const double* in, double* out) const {
+    const double* factor = passFactor.data();
+    const unsigned int* source = passIn.data();
+    for (std::size_t o = 0; o < passOut.size(); ++o) {
+        const double* row = &S[passRow[o]];
+        const unsigned int terms = passTerms[o];
         double sum = 0.0;
         for (unsigned int v = 0; v < terms; ++v) {
             sum += factor[v] * in[source[v]] * row[v];
         }
         factor += terms;
         source += terms;
-        out[passOut_[o]] = sum;
+        out[passOut[o]] = sum;
     }
 }
 
 // ---------------------------------------------------------------------------------------------
 // F tables: the recurrence of QVHermiteMath::BuildFMatrix with R = Nr + 1, Q = Nf + 2, rows of
-// fixed stride.
+// fixed stride; rows 0..`rows`.
 
-void FastOverlap::BuildF(double x, std::vector<double>& table) const {
-    const long L = static_cast<long>(Nr_) + static_cast<long>(Nf_) + 1;
-    const std::size_t stride = fRowLength_;
-    double* F = table.data();
+void FastOverlap::Plan::BuildF(double x, unsigned int rows, double* F) const {
+    const long L = static_cast<long>(Nr) + static_cast<long>(Nf) + 1;
+    const std::size_t stride = fRowLength;
     F[0] = std::exp(-x * 0.25 * x) * 1.7724538509055159;
     for (long c = 1; c <= L; ++c) {
         F[c] = x * F[c - 1];
     }
-    for (long r = 1; r <= static_cast<long>(Nr_); ++r) {
+    for (long r = 1; r <= static_cast<long>(rows); ++r) {
         double* row = F + r * stride;
         const double* above = row - stride;
         row[0] = -x * above[0];
@@ -283,80 +415,71 @@ void FastOverlap::BuildF(double x, std::vector<double>& table) const {
     }
 }
 
-void FastOverlap::BuildFDerivative(unsigned int axis, const std::vector<double>& table,
-                                   std::vector<double>& derivative) const {
-    // -lambda dF/dx for columns 0..Nf: the derivative with respect to the fit translation.
-    const std::size_t stride = fRowLength_;
-    const double chain = -fitLambda_[axis];
-    for (unsigned int r = 0; r <= Nr_; ++r) {
-        const double* F = &table[r * stride];
-        double* dF = &derivative[r * stride];
-        dF[0] = chain * (-0.5 * F[1]);
-        for (unsigned int c = 1; c <= Nf_; ++c) {
-            dF[c] = chain * (static_cast<double>(c) * F[c - 1] - 0.5 * F[c + 1]);
-        }
-    }
-}
-
 // ---------------------------------------------------------------------------------------------
-// The separable translation of the fit coefficients onto the reference basis.
+// The separable translation of the fit coefficients onto the reference basis, to degree `order`
+// (the reference order, or one more for the gradient).
 
-void FastOverlap::StageZ(const std::vector<double>& Fz, double* Tz) const {
-    const unsigned int pairs = (Nf_ + 1) * (Nf_ + 1);
-    for (unsigned int n = 0; n <= Nr_; ++n) {
-        const double* row = &Fz[n * fRowLength_];
-        for (unsigned int lf = 0; lf <= Nf_; ++lf) {
-            for (unsigned int mf = 0; mf <= Nf_ - lf; ++mf) {
+void FastOverlap::Plan::StageZ(unsigned int order, const double* Fz, const double* fit,
+                               double* Tz) const {
+    const unsigned int pairs = (Nf + 1) * (Nf + 1);
+    for (unsigned int n = 0; n <= order; ++n) {
+        const double* row = &Fz[n * fRowLength];
+        for (unsigned int lf = 0; lf <= Nf; ++lf) {
+            for (unsigned int mf = 0; mf <= Nf - lf; ++mf) {
                 double sum = 0.0;
-                const unsigned int* position = &fitColumn_[(lf * (Nf_ + 1) + mf) * (Nf_ + 1)];
-                for (unsigned int nf = 0; nf <= Nf_ - lf - mf; ++nf) {
-                    sum += row[nf] * fit_[position[nf]];
+                const unsigned int* position = &fitColumn[(lf * (Nf + 1) + mf) * (Nf + 1)];
+                for (unsigned int nf = 0; nf <= Nf - lf - mf; ++nf) {
+                    sum += row[nf] * fit[position[nf]];
                 }
-                Tz[n * pairs + lf * (Nf_ + 1) + mf] = sum / K_[n];
+                Tz[n * pairs + lf * (Nf + 1) + mf] = sum / K[n];
             }
         }
     }
 }
 
-void FastOverlap::StageY(const std::vector<double>& Fy, const double* Tz, double* Ty) const {
-    const unsigned int pairs = (Nf_ + 1) * (Nf_ + 1);
-    for (unsigned int m = 0; m <= Nr_; ++m) {
-        const double* row = &Fy[m * fRowLength_];
-        for (unsigned int n = 0; n <= Nr_ - m; ++n) {
-            for (unsigned int lf = 0; lf <= Nf_; ++lf) {
-                const double* tz = &Tz[n * pairs + lf * (Nf_ + 1)];
+void FastOverlap::Plan::StageY(unsigned int order, const double* Fy, const double* Tz,
+                               double* Ty) const {
+    const unsigned int pairs = (Nf + 1) * (Nf + 1);
+    const unsigned int stride = Nr + 2;  // rows of Ty, enough for either depth
+    for (unsigned int m = 0; m <= order; ++m) {
+        const double* row = &Fy[m * fRowLength];
+        for (unsigned int n = 0; n <= order - m; ++n) {
+            for (unsigned int lf = 0; lf <= Nf; ++lf) {
+                const double* tz = &Tz[n * pairs + lf * (Nf + 1)];
                 double sum = 0.0;
-                for (unsigned int mf = 0; mf <= Nf_ - lf; ++mf) {
+                for (unsigned int mf = 0; mf <= Nf - lf; ++mf) {
                     sum += row[mf] * tz[mf];
                 }
-                Ty[(m * (Nr_ + 1) + n) * (Nf_ + 1) + lf] = sum / K_[m];
+                Ty[(m * stride + n) * (Nf + 1) + lf] = sum / K[m];
             }
         }
     }
 }
 
-void FastOverlap::StageX(const std::vector<double>& Fx, const double* Ty, double* B) const {
+void FastOverlap::Plan::StageX(unsigned int order, const double* Fx, const double* Ty,
+                               double* B) const {
+    const unsigned int stride = Nr + 2;
     std::size_t index = 0;
-    for (unsigned int s = 0; s <= Nr_; ++s) {
+    for (unsigned int s = 0; s <= order; ++s) {
         for (unsigned int l = 0; l <= s; ++l) {
-            const double* row = &Fx[l * fRowLength_];
+            const double* row = &Fx[l * fRowLength];
             for (unsigned int m = 0; m <= s - l; ++m, ++index) {
                 const unsigned int n = s - l - m;
-                const double* ty = &Ty[(m * (Nr_ + 1) + n) * (Nf_ + 1)];
+                const double* ty = &Ty[(m * stride + n) * (Nf + 1)];
                 double sum = 0.0;
-                for (unsigned int lf = 0; lf <= Nf_; ++lf) {
+                for (unsigned int lf = 0; lf <= Nf; ++lf) {
                     sum += row[lf] * ty[lf];
                 }
-                B[index] = sum / K_[l];
+                B[index] = sum / K[l];
             }
         }
     }
 }
 
-double FastOverlap::Contract(const double* A, const double* B) const {
+double FastOverlap::Plan::Contract(const double* A, const double* B) const {
     double S = 0.0;
-    for (std::size_t i = 0; i < kProduct_.size(); ++i) {
-        S += A[i] * B[i] * K_[lOf_[i]] * K_[mOf_[i]] * K_[nOf_[i]];
+    for (std::size_t i = 0; i < kProduct.size(); ++i) {
+        S += A[i] * B[i] * K[lOf[i]] * K[mOf[i]] * K[nOf[i]];
     }
     return S;
 }
@@ -364,72 +487,66 @@ double FastOverlap::Contract(const double* A, const double* B) const {
 // ---------------------------------------------------------------------------------------------
 // Evaluation.
 
-double FastOverlap::operator()(const double* x) {
+void FastOverlap::RotateAndTranslate(const double* x, unsigned int order) {
+    const Plan& plan = *plan_;
     for (unsigned int axis = 0; axis < 3; ++axis) {
-        BuildS(x[axis], S_[axis]);
-        BuildF(-(fitLambda_[axis] * x[3 + axis]), F_[axis]);
+        plan.BuildS(x[axis], S_[axis].data());
+        plan.BuildF(-(plan.fitLambda[axis] * x[3 + axis]), order, F_[axis].data());
     }
     // Rotation: passes about z, y, x.
-    RotatePass(S_[2], reference_.data(), rotated_[0].data());
-    RotatePass(S_[1], rotated_[0].data(), rotated_[1].data());
-    RotatePass(S_[0], rotated_[1].data(), A_[0].data());
+    plan.RotatePass(S_[2].data(), reference_.data(), Z_.data());
+    plan.RotatePass(S_[1].data(), Z_.data(), YZ_.data());
+    plan.RotatePass(S_[0].data(), YZ_.data(), A_.data());
     // Translation: stages z, y, x.
-    StageZ(F_[2], Tz_[0].data());
-    StageY(F_[1], Tz_[0].data(), Ty_[0].data());
-    StageX(F_[0], Ty_[0].data(), B_[0].data());
-    return -(Contract(A_[0].data(), B_[0].data()) / referenceVolume_);
+    plan.StageZ(order, F_[2].data(), fit_.data(), Tz_.data());
+    plan.StageY(order, F_[1].data(), Tz_.data(), Ty_.data());
+    plan.StageX(order, F_[0].data(), Ty_.data(), B_.data());
+}
+
+double FastOverlap::operator()(const double* x) {
+    RotateAndTranslate(x, plan_->Nr);
+    return -(plan_->Contract(A_.data(), B_.data()) / plan_->referenceVolume);
 }
 
 double FastOverlap::operator()(const double* x, double* gradient) {
-    for (unsigned int axis = 0; axis < 3; ++axis) {
-        BuildS(x[axis], S_[axis]);
-        BuildSDerivative(S_[axis], dS_[axis]);
-        BuildF(-(fitLambda_[axis] * x[3 + axis]), F_[axis]);
-        BuildFDerivative(axis, F_[axis], dF_[axis]);
-    }
-    // A = Px Py Pz ref; each angle derivative replaces one pass by its derivative, sharing the
-    // passes before it.
-    double* Z = rotated_[0].data();
-    double* YZ = rotated_[1].data();
-    RotatePass(S_[2], reference_.data(), Z);
-    RotatePass(S_[1], Z, YZ);
-    RotatePass(S_[0], YZ, A_[0].data());
-    RotatePass(dS_[0], YZ, A_[1].data());
-    RotatePass(dS_[1], Z, rotated_[2].data());
-    RotatePass(S_[0], rotated_[2].data(), A_[2].data());
-    RotatePass(dS_[2], reference_.data(), rotated_[3].data());
-    RotatePass(S_[1], rotated_[3].data(), rotated_[4].data());
-    RotatePass(S_[0], rotated_[4].data(), A_[3].data());
-    // B = X Y Z fit; each translation derivative replaces one stage, sharing the stages before.
-    StageZ(F_[2], Tz_[0].data());
-    StageY(F_[1], Tz_[0].data(), Ty_[0].data());
-    StageX(F_[0], Ty_[0].data(), B_[0].data());
-    StageX(dF_[0], Ty_[0].data(), B_[1].data());
-    StageY(dF_[1], Tz_[0].data(), Ty_[1].data());
-    StageX(F_[0], Ty_[1].data(), B_[2].data());
-    StageZ(dF_[2], Tz_[1].data());
-    StageY(F_[1], Tz_[1].data(), Ty_[2].data());
-    StageX(F_[0], Ty_[2].data(), B_[3].data());
-
-    const double *A = A_[0].data(), *Aa = A_[1].data(), *Ab = A_[2].data(), *Ac = A_[3].data();
-    const double *B = B_[0].data(), *Bx = B_[1].data(), *By = B_[2].data(), *Bz = B_[3].data();
+    const Plan& plan = *plan_;
+    RotateAndTranslate(x, plan.Nr + 1);
+    // The first coefficients of the deeper B are those of B at the reference order, to the bit.
+    const double* A = A_.data();
+    const double* B = B_.data();
+    const auto ladder = [](const std::vector<Plan::LadderTerm>& terms, std::size_t i,
+                           const double* v) {
+        const Plan::LadderTerm& up = terms[2 * i];
+        const Plan::LadderTerm& down = terms[2 * i + 1];
+        return up.factor * v[up.source] + down.factor * v[down.source];
+    };
     double S = 0.0;
-    double g[6] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
-    for (std::size_t i = 0; i < kProduct_.size(); ++i) {
-        const double w = kProduct_[i];
+    double turn[3] = {0.0, 0.0, 0.0};   // <generator k of A, B> about x, y, z
+    double shift[3] = {0.0, 0.0, 0.0};  // <A, dB/dt> along x, y, z
+    for (std::size_t i = 0; i < plan.kProduct.size(); ++i) {
+        const double w = plan.kProduct[i];
         S += A[i] * B[i] * w;
-        g[0] += B[i] * Aa[i] * w;
-        g[1] += Ab[i] * B[i] * w;
-        g[2] += Ac[i] * B[i] * w;
-        g[3] += Bx[i] * A[i] * w;
-        g[4] += By[i] * A[i] * w;
-        g[5] += w * Bz[i] * A[i];
+        for (int k = 0; k < 3; ++k) {
+            turn[k] += B[i] * ladder(plan.turn[k], i, A) * w;
+            shift[k] += A[i] * ladder(plan.shift[k], i, B) * w;
+        }
     }
-    const double inverseVolume = 1.0 / referenceVolume_;
+    // R = Rx(a) Ry(b) Rz(c): dR/da, dR/db and dR/dc are R followed by infinitesimal turns about
+    // x, Rx(a) y = (0, cos a, sin a) and Rx(a) Ry(b) z = (sin b, -sin a cos b, cos a cos b).
+    double sa, ca, sb, cb;
+    ::sincos(x[0], &sa, &ca);
+    ::sincos(x[1], &sb, &cb);
+    const double g[6] = {turn[0],
+                         ca * turn[1] + sa * turn[2],
+                         sb * turn[0] - sa * cb * turn[1] + ca * cb * turn[2],
+                         shift[0],
+                         shift[1],
+                         shift[2]};
+    const double inverseVolume = 1.0 / plan.referenceVolume;
     for (unsigned int k = 0; k < 6; ++k) {
         gradient[k] = -(g[k] * inverseVolume);
     }
-    return -(S / referenceVolume_);
+    return -(S / plan.referenceVolume);
 }
 
 }  // namespace hermite::overlay

@@ -1,17 +1,21 @@
 /// \file
 /// A fused, allocation-free evaluation of the six-variable Hermite overlap objective.
 ///
-/// `FastOverlap` computes exactly what `QVHermiteMath::QVHermiteOverlap` computes — minus the
-/// overlap of a reference expansion rotated by the Euler angles x[0..2] (about x, y, z; R =
-/// Rx Ry Rz) with a fit expansion translated by x[3..5], divided by the reference's lambda
-/// product — in the same order of operations, but with every table allocated once, the
-/// square-root factors and coefficient positions of the rotation precomputed, and the
-/// intermediate results of the rotation passes and translation stages shared between the value
-/// and the six derivatives. The results equal those of the objective object to rounding.
+/// `FastOverlap` computes what `QVHermiteMath::QVHermiteOverlap` computes — minus the overlap of
+/// a reference expansion rotated by the Euler angles x[0..2] (about x, y, z; R = Rx Ry Rz) with
+/// a fit expansion translated by x[3..5], divided by the reference's lambda product — with every
+/// table allocated once and the square-root factors and coefficient positions of the rotation
+/// precomputed. Values are formed by the library's operations in the library's order and equal
+/// its values to the last bit or a few ulps. Gradients take a shorter road to the same
+/// derivatives (equal to rounding): a derivative of the rotated or translated expansion is a
+/// sparse ladder operator applied to it, so one rotation and one translation serve the value and
+/// all six derivatives, where differentiating each factor of R and of the translation would cost
+/// six more rotation passes and six more translation stages.
 ///
 /// Thread safety: an object owns its scratch space; one object per thread.
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include "hermite/hermite.h"
@@ -41,11 +45,36 @@ class FastOverlap : public QVOpt::QVFunc1 {
 public:
     using QVFunc1::operator();
 
+    /// What an evaluation needs besides the coefficients: the orders and lambdas of the
+    /// reference and the fit, and the tables of the rotation passes and ladder operators. Built
+    /// once and shared, read-only, by the evaluations of any number of expansion pairs of those
+    /// orders and lambdas (thread-safe).
+    struct Plan;
+    static std::shared_ptr<const Plan> MakePlan(unsigned int referenceOrder,
+                                                const double* referenceLambda,
+                                                unsigned int fitOrder, const double* fitLambda);
+
     /// Prepares the evaluation for a reference and a fit expansion.
     FastOverlap(const Expansion& reference, const Expansion& fit);
+    /// Prepares the evaluation for the `reference` and `fit` coefficients (of the plan's orders
+    /// and lambdas).
+    FastOverlap(std::shared_ptr<const Plan> plan, std::vector<double> reference,
+                std::vector<double> fit);
+    ~FastOverlap() override;
 
     /// Replaces the fit coefficients (same order and lambdas), e.g. by a flipped copy.
     void SetFitCoefficients(const std::vector<double>& coefficients);
+
+    /// The coefficients of an expansion of the reference's order and one lambda, turned by the
+    /// rotation `R` (row-major; every point p of the density goes to R p). A rotation only mixes
+    /// the coefficients of one total degree, so this is exact, and it costs three rotation
+    /// passes instead of a new expansion of the turned Gaussians. Half-turns about the axes only
+    /// change signs (c_lmn times sx^l sy^m sz^n) and are applied as such.
+    std::vector<double> Turned(const std::vector<double>& coefficients, const double* R);
+    /// Several expansions (coefficients, each of the reference's order) turned by one rotation,
+    /// the rotation's tables made once.
+    std::vector<std::vector<double>> Turned(const std::vector<std::vector<double>>& expansions,
+                                            const double* R);
 
     unsigned int NumVar() const override { return 6; }
     /// The objective value at x.
@@ -54,45 +83,17 @@ public:
     double operator()(const double* x, double* gradient) override;
 
 private:
-    /// S matrices of one angle, flat: matrix d starts at offset d(d+1)(2d+1)/6.
-    using FlatS = std::vector<double>;
+    /// The rotation (A = Px Py Pz reference) and translation (B, `order` deep) of x.
+    void RotateAndTranslate(const double* x, unsigned int order);
 
-    void BuildS(double theta, FlatS& S) const;
-    void BuildSDerivative(const FlatS& S, FlatS& dS) const;
-    void RotatePass(const FlatS& S, const double* in, double* out) const;
-    void BuildF(double shift, std::vector<double>& F) const;
-    void BuildFDerivative(unsigned int axis, const std::vector<double>& F,
-                          std::vector<double>& dF) const;
-    void StageZ(const std::vector<double>& Fz, double* Tz) const;
-    void StageY(const std::vector<double>& Fy, const double* Tz, double* Ty) const;
-    void StageX(const std::vector<double>& Fx, const double* Ty, double* B) const;
-    double Contract(const double* A, const double* B) const;
-
-    unsigned int Nr_;
-    unsigned int Nf_;
-    double referenceVolume_;
-    double fitLambda_[3];
+    std::shared_ptr<const Plan> plan_;
     std::vector<double> reference_;
     std::vector<double> fit_;
-    std::vector<double> roots_;            // sqrt(k) for the S-matrix recurrences
-    std::vector<double> K_;                // K_0..K_(Nr+1)
-    std::vector<double> kProduct_;         // K_l K_m K_n per reference coefficient
-    std::vector<unsigned int> lOf_;        // l of each reference coefficient (lmn order)
-    std::vector<unsigned int> mOf_;        // m of each reference coefficient
-    std::vector<unsigned int> nOf_;        // n of each reference coefficient
-    std::vector<double> passFactor_;       // per pass term: sqrt(K_(D-v) K_v / (K_t K_u))
-    std::vector<unsigned int> passIn_;     // per pass term: position of (v, D - v, w)
-    std::vector<unsigned int> passTerms_;  // per output position (pass order): number of terms
-    std::vector<unsigned int> passOut_;    // per output (pass order): position of (w, t, u)
-    std::vector<unsigned int> passRow_;    // per output (pass order): offset of row S[D][t]
-    std::vector<unsigned int> fitColumn_;  // position of fit (l', m', n'), n' fastest
-    unsigned int fRowLength_;              // columns stored per F row
-    // Scratch.
-    FlatS S_[3], dS_[3];
-    std::vector<double> F_[3], dF_[3];
-    std::vector<double> rotated_[6];  // Z, YZ, A, and derivative intermediates
-    std::vector<double> A_[4], B_[4];
-    std::vector<double> Tz_[2], Ty_[3];
+    // Scratch: S matrices and F tables per axis, the rotation passes' results (Z, YZ, A), the
+    // translation stages' (Tz, Ty, B).
+    std::vector<double> S_[3], F_[3];
+    std::vector<double> Z_, YZ_, A_, B_;
+    std::vector<double> Tz_, Ty_;
 };
 
 }  // namespace hermite::overlay

@@ -2,14 +2,23 @@
 
 namespace hermite::overlay {
 
-void JointOverlap::AddChannel(const Expansion& reference, const Expansion& fit, double weight) {
-    channels_.push_back(std::make_unique<FastOverlap>(reference, fit));
+void JointOverlap::AddChannel(std::shared_ptr<const FastOverlap::Plan> plan,
+                              std::vector<double> reference, std::vector<double> fit,
+                              double weight) {
+    channels_.push_back(
+        std::make_unique<FastOverlap>(std::move(plan), std::move(reference), std::move(fit)));
     weights_.push_back(weight);
 }
 
 void JointOverlap::SetFitCoefficients(std::size_t channel,
                                       const std::vector<double>& coefficients) {
     channels_[channel]->SetFitCoefficients(coefficients);
+}
+
+void JointOverlap::TurnFit(std::size_t channel, const std::vector<double>& coefficients,
+                           const double* R) {
+    FastOverlap& objective = *channels_[channel];
+    objective.SetFitCoefficients(objective.Turned(coefficients, R));
 }
 
 double JointOverlap::operator()(const double* x) {

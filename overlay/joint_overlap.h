@@ -19,10 +19,15 @@ class JointOverlap : public QVOpt::QVFunc1 {
 public:
     using QVFunc1::operator();
 
-    /// Adds a channel; the channels keep the order they are added in.
-    void AddChannel(const Expansion& reference, const Expansion& fit, double weight);
+    /// Adds a channel: the `reference` and `fit` coefficients evaluated with `plan`. The
+    /// channels keep the order they are added in.
+    void AddChannel(std::shared_ptr<const FastOverlap::Plan> plan, std::vector<double> reference,
+                    std::vector<double> fit, double weight);
     /// Replaces the fit coefficients of channel `channel` (same order and lambdas).
     void SetFitCoefficients(std::size_t channel, const std::vector<double>& coefficients);
+    /// Sets the fit coefficients of channel `channel` to `coefficients` turned by the rotation
+    /// `R` (see FastOverlap::Turned).
+    void TurnFit(std::size_t channel, const std::vector<double>& coefficients, const double* R);
     std::size_t NumChannels() const { return channels_.size(); }
 
     unsigned int NumVar() const override { return 6; }

@@ -51,19 +51,6 @@ RotationMatrix SpiralRotation(unsigned int i, unsigned int n) {
                           R * std::cos(beta));
 }
 
-/// Gaussians turned by a rotation about the origin (computed in double, stored as float).
-std::vector<QVSystem::QVGaussian> Turned(const std::vector<QVSystem::QVGaussian>& gaussians,
-                                         const RotationMatrix& R) {
-    std::vector<QVSystem::QVGaussian> turned = gaussians;
-    for (QVSystem::QVGaussian& g : turned) {
-        const double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
-        g.SetX(static_cast<float>(R[0] * p[0] + R[1] * p[1] + R[2] * p[2]));
-        g.SetY(static_cast<float>(R[3] * p[0] + R[4] * p[1] + R[5] * p[2]));
-        g.SetZ(static_cast<float>(R[6] * p[0] + R[7] * p[1] + R[8] * p[2]));
-    }
-    return turned;
-}
-
 }  // namespace
 
 std::vector<RotationMatrix> StartOrientations(unsigned int spread, unsigned int random,
@@ -84,12 +71,22 @@ std::vector<RotationMatrix> StartOrientations(unsigned int spread, unsigned int 
     return rotations;
 }
 
-OrientationScan::OrientationScan(const std::vector<QVSystem::QVGaussian>& gaussians,
-                                 const Expansion& expansion, std::vector<RotationMatrix> rotations)
-    : rotations_(std::move(rotations)), size_(expansion.coefficients.size()) {
-    const unsigned int N = expansion.order;
+OrientationScan::OrientationScan(const Expansion& expansion, std::vector<RotationMatrix> rotations,
+                                 Turning turning)
+    : OrientationScan(std::move(Of({expansion}, std::move(rotations), turning).front())) {}
+
+OrientationScan::OrientationScan(std::vector<RotationMatrix> rotations, std::size_t size)
+    : rotations_(std::move(rotations)), size_(size) {
+    weighted_.reserve(rotations_.size() * size_);
+}
+
+std::vector<OrientationScan> OrientationScan::Of(const std::vector<Expansion>& expansions,
+                                                 std::vector<RotationMatrix> rotations,
+                                                 Turning turning) {
+    const Expansion& first = expansions.front();
+    const unsigned int N = first.order;
     const std::vector<double> K = QVHermiteMath::computeKs(N);
-    const double volume = 1.0 / (expansion.lambda[0] * expansion.lambda[1] * expansion.lambda[2]);
+    const double volume = 1.0 / (first.lambda[0] * first.lambda[1] * first.lambda[2]);
     std::vector<double> weight;
     for (unsigned int s = 0; s <= N; ++s) {
         for (unsigned int l = 0; l <= s; ++l) {
@@ -98,21 +95,45 @@ OrientationScan::OrientationScan(const std::vector<QVSystem::QVGaussian>& gaussi
             }
         }
     }
-    weighted_.reserve(rotations_.size() * size_);
-    for (const RotationMatrix& R : rotations_) {
-        // Turning the fit by R is turning the query by R^T.
+    std::vector<OrientationScan> scans;
+    std::vector<std::vector<double>> coefficients;
+    for (const Expansion& expansion : expansions) {
+        scans.push_back(OrientationScan(rotations, weight.size()));
+        coefficients.push_back(expansion.coefficients);
+    }
+    FastOverlap turner(FastOverlap::MakePlan(N, first.lambda, N, first.lambda), {}, {});
+    for (const RotationMatrix& R : rotations) {
+        // Turning the other expansion by R is turning this one by R^T.
         const RotationMatrix Rt = {R[0], R[3], R[6], R[1], R[4], R[7], R[2], R[5], R[8]};
-        const Expansion turned = Expansion::Of(Turned(gaussians, Rt), N, expansion.lambda);
-        for (std::size_t i = 0; i < size_; ++i) {
-            weighted_.push_back(turned.coefficients[i] * weight[i]);
+        const RotationMatrix& turn = turning == Turning::Other ? Rt : R;
+        const std::vector<std::vector<double>> turned = turner.Turned(coefficients, turn.data());
+        for (std::size_t e = 0; e < scans.size(); ++e) {
+            for (std::size_t i = 0; i < weight.size(); ++i) {
+                scans[e].weighted_.push_back(turned[e][i] * weight[i]);
+            }
         }
     }
+    return scans;
 }
 
-std::vector<double> OrientationScan::Overlaps(const Expansion& fit) const {
+std::vector<double> OrientationScan::Overlaps(const Expansion& other) const {
     std::vector<double> overlaps(rotations_.size());
-    const double* f = fit.coefficients.data();
-    for (std::size_t k = 0; k < rotations_.size(); ++k) {
+    const double* f = other.coefficients.data();
+    // Four rotations at a time: each sum is still taken in coefficient order, but the four are
+    // independent, so that the additions overlap instead of each waiting for the one before.
+    constexpr std::size_t kBlock = 4;
+    std::size_t k = 0;
+    for (; k + kBlock <= rotations_.size(); k += kBlock) {
+        const double* q = weighted_.data() + k * size_;
+        double sum[kBlock] = {0.0, 0.0, 0.0, 0.0};
+        for (std::size_t i = 0; i < size_; ++i) {
+            for (std::size_t b = 0; b < kBlock; ++b) {
+                sum[b] += q[b * size_ + i] * f[i];
+            }
+        }
+        std::copy(sum, sum + kBlock, overlaps.begin() + static_cast<std::ptrdiff_t>(k));
+    }
+    for (; k < rotations_.size(); ++k) {
         const double* q = weighted_.data() + k * size_;
         double sum = 0.0;
         for (std::size_t i = 0; i < size_; ++i) {
@@ -123,8 +144,8 @@ std::vector<double> OrientationScan::Overlaps(const Expansion& fit) const {
     return overlaps;
 }
 
-std::vector<std::size_t> OrientationScan::Best(const Expansion& fit, std::size_t count) const {
-    return Largest(Overlaps(fit), count);
+std::vector<std::size_t> OrientationScan::Best(const Expansion& other, std::size_t count) const {
+    return Largest(Overlaps(other), count);
 }
 
 std::vector<std::size_t> OrientationScan::Largest(const std::vector<double>& overlaps,

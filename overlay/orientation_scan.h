@@ -33,31 +33,50 @@ std::vector<RotationMatrix> StartOrientations(unsigned int spread, unsigned int 
 
 class OrientationScan {
 public:
-    /// Prepares the scan of `rotations` for the query `expansion` of `gaussians` (in the
-    /// query's frame): the query is turned by the transpose of each rotation, which is the same
-    /// as turning the fit by the rotation.
-    OrientationScan(const std::vector<QVSystem::QVGaussian>& gaussians, const Expansion& expansion,
-                    std::vector<RotationMatrix> rotations);
+    /// Which of the two expansions of a scanned overlap the rotations turn.
+    enum class Turning {
+        /// The other one, given to `Overlaps`.
+        Other,
+        /// The scan's own expansion.
+        Own,
+    };
 
-    /// The rotations of the fit, in the order given.
+    /// Prepares the scan of `rotations` for `expansion` (one lambda, in its molecule's frame):
+    /// the overlaps of the expansion with others, either of them turned by each rotation. The
+    /// expansion is turned in coefficient space, once per rotation (by the transpose of the
+    /// rotation when the other is to be turned, which gives the same overlap).
+    OrientationScan(const Expansion& expansion, std::vector<RotationMatrix> rotations,
+                    Turning turning = Turning::Other);
+
+    /// The scans of `rotations` for several expansions of one order and lambda, as the
+    /// constructor makes them one at a time, with the tables of each rotation made once.
+    static std::vector<OrientationScan> Of(const std::vector<Expansion>& expansions,
+                                           std::vector<RotationMatrix> rotations,
+                                           Turning turning = Turning::Other);
+
+    /// The rotations, in the order given.
     const std::vector<RotationMatrix>& Rotations() const { return rotations_; }
 
-    /// The Hermite overlap of the query with `fit` (the same order and lambdas, in its frame)
-    /// turned by each rotation, at the same centre (angstrom^3).
-    std::vector<double> Overlaps(const Expansion& fit) const;
+    /// The Hermite overlap of the scan's expansion with `other` (the same order and lambdas, in
+    /// its frame, at the same centre) for each rotation turning the one the scan was made for
+    /// (angstrom^3).
+    std::vector<double> Overlaps(const Expansion& other) const;
 
     /// The indices of the `count` rotations with the largest overlaps, best first (equal
     /// overlaps in the order of the rotations).
-    std::vector<std::size_t> Best(const Expansion& fit, std::size_t count) const;
+    std::vector<std::size_t> Best(const Expansion& other, std::size_t count) const;
 
     /// The indices of the `count` largest of `overlaps` (one per rotation, e.g. sums of the
     /// overlaps of several scans of the same rotations), best first, equal ones in order.
     static std::vector<std::size_t> Largest(const std::vector<double>& overlaps, std::size_t count);
 
 private:
+    /// An empty scan of `rotations` for expansions of `size` coefficients.
+    OrientationScan(std::vector<RotationMatrix> rotations, std::size_t size);
+
     std::vector<RotationMatrix> rotations_;
     std::size_t size_ = 0;
-    /// Per rotation, the turned query's coefficients times K_l K_m K_n / (lx ly lz).
+    /// Per rotation, the turned expansion's coefficients times K_l K_m K_n / (lx ly lz).
     std::vector<double> weighted_;
 };
 

@@ -73,43 +73,21 @@ QVTrans Rotation(const double* R) {
     return QVTrans(R, zero);
 }
 
-/// The coefficients of the expansion of `gaussians` turned by a rotation R. Half-turns about the
-/// axes only change signs: diag(sx, sy, sz) multiplies c_lmn by sx^l sy^m sz^n. Any other
-/// rotation is applied to the Gaussians, which are expanded again.
-std::vector<double> RotatedCoefficients(const std::vector<QVGaussian>& gaussians,
-                                        const Expansion& expansion, const RotationMatrix& R) {
-    const bool diagonal =
-        R[1] == 0 && R[2] == 0 && R[3] == 0 && R[5] == 0 && R[6] == 0 && R[7] == 0;
-    const unsigned int N = expansion.order;
-    if (!diagonal) {
-        return Expansion::Of(MovedGaussians(gaussians, Rotation(R.data())), N, expansion.lambda)
-            .coefficients;
-    }
-    std::vector<double> coefficients = expansion.coefficients;
-    std::size_t index = 0;
-    for (unsigned int s = 0; s <= N; ++s) {
-        for (unsigned int l = 0; l <= s; ++l) {
-            for (unsigned int m = 0; m <= s - l; ++m, ++index) {
-                const unsigned int n = s - l - m;
-                const double sign = (R[0] < 0 && (l & 1u) ? -1.0 : 1.0) *
-                                    (R[4] < 0 && (m & 1u) ? -1.0 : 1.0) *
-                                    (R[8] < 0 && (n & 1u) ? -1.0 : 1.0);
-                coefficients[index] *= sign;
-            }
-        }
-    }
-    return coefficients;
-}
-
 double Tanimoto(double ab, double aa, double bb) {
     return ab / (aa + bb - ab);
 }
 
-/// A pose of the fit (fit frame to query frame) with its Hermite and exact overlaps.
+/// A pose of the fit (fit frame to query frame) with its Hermite and exact overlaps, and, once
+/// the exact overlap has been taken there, its gradient and Hessian (unscaled; see Refine).
 struct Candidate {
     QVTrans pose;
     double hermiteOverlap;
     double exactOverlap;
+    bool curvatureKnown = false;
+    Vector6 gradient = Vector6::Zero();
+    Matrix6 hessian = Matrix6::Zero();
+    /// The exact overlap a Newton step is expected to reach (see NewtonPrediction), when known.
+    double predicted = INFINITY;
 };
 
 /// The pose p -> R^T (U p + t) of a Hermite optimum x = (angles, t) reached from the start
@@ -229,10 +207,10 @@ std::vector<QVGaussian> Shifted(const std::vector<QVGaussian>& gaussians,
 
 /// The starts of the local searches: every orientation of the scan at the shift of
 /// `ScanShifts(settings.scanShift)` with its largest scanned overlap (the first of equal ones),
-/// `scannedAt(shift)` giving the overlaps of every orientation with the fit so shifted; every
+/// `scannedAt(j)` giving the overlaps of every orientation with the mover at shift j; every
 /// orientation when there are no more than `count`, in its order, else the `count` with the
 /// largest overlaps. Centring both molecules on their centroids is right for molecules of
-/// about one size and shape; a small fit often belongs off-centre along a larger query, and
+/// about one size and shape; a small molecule often belongs off-centre along a larger one, and
 /// the shifts let the scan see where.
 template <class ScannedAt>
 std::vector<SearchStart> BestStarts(const std::vector<RotationMatrix>& rotations,
@@ -242,7 +220,7 @@ std::vector<SearchStart> BestStarts(const std::vector<RotationMatrix>& rotations
     std::vector<double> best(rotations.size(), -INFINITY);
     std::vector<std::size_t> bestShift(rotations.size(), 0);
     for (std::size_t j = 0; j < shifts.size(); ++j) {
-        const std::vector<double> overlaps = scannedAt(shifts[j]);
+        const std::vector<double> overlaps = scannedAt(j);
         for (std::size_t k = 0; k < rotations.size(); ++k) {
             if (overlaps[k] > best[k]) {
                 best[k] = overlaps[k];
@@ -263,10 +241,11 @@ std::vector<SearchStart> BestStarts(const std::vector<RotationMatrix>& rotations
 }
 
 /// Minimises `objective` (a Hermite objective of the six rigid variables) from every start
-/// (orientation U, shift v), after `turnFit(U)` has turned the fit's expansions by U: the
-/// search starts with the turned fit moved by U v. Candidates best first.
-template <class TurnFit>
-std::vector<Candidate> SearchFromStarts(QVOpt::QVFunc1& objective, TurnFit turnFit,
+/// (orientation U, shift v), after `turnMover(U)` has turned the mover's expansions by U: the
+/// search starts with the turned mover moved by U v. Candidates best first, their poses taking
+/// the mover's frame to the reference's.
+template <class TurnMover>
+std::vector<Candidate> SearchFromStarts(QVOpt::QVFunc1& objective, TurnMover turnMover,
                                         const std::vector<SearchStart>& starts, double radius,
                                         const Settings& settings, double tolerance,
                                         unsigned int& evaluations) {
@@ -278,7 +257,7 @@ std::vector<Candidate> SearchFromStarts(QVOpt::QVFunc1& objective, TurnFit turnF
     std::vector<Candidate> candidates;
     for (const SearchStart& searchStart : starts) {
         const RotationMatrix& U = searchStart.rotation;
-        turnFit(U);
+        turnMover(U);
         double start[6] = {0, 0, 0, 0, 0, 0};
         for (int i = 0; i < 3; ++i) {
             for (int j = 0; j < 3; ++j) {
@@ -297,85 +276,36 @@ std::vector<Candidate> SearchFromStarts(QVOpt::QVFunc1& objective, TurnFit turnF
     return candidates;
 }
 
-/// Maximises the Hermite shape overlap from every start; candidates best first.
-std::vector<Candidate> HermiteSearch(const Expansion& query, const Expansion& fit,
-                                     const std::vector<QVGaussian>& fitGaussians, double radius,
-                                     const OrientationScan& scan, const Settings& settings,
-                                     double tolerance, unsigned int& evaluations) {
-    FastOverlap objective(query, fit);
-    const auto turnFit = [&](const RotationMatrix& U) {
-        objective.SetFitCoefficients(RotatedCoefficients(fitGaussians, fit, U));
-    };
-    const auto scannedAt = [&](const std::array<double, 3>& shift) {
-        return scan.Overlaps(
-            shift == std::array<double, 3>{0.0, 0.0, 0.0}
-                ? fit
-                : Expansion::Of(Shifted(fitGaussians, shift), fit.order, fit.lambda));
-    };
-    return SearchFromStarts(
-        objective, turnFit,
-        BestStarts(scan.Rotations(), scannedAt, settings.searchStarts, settings), radius, settings,
-        tolerance, evaluations);
-}
-
-/// One density of the fit in a joint search: its Gaussians and their expansion.
-struct FitChannel {
-    std::vector<QVGaussian> gaussians;
-    Expansion expansion;
+/// One density of a Hermite search on its two sides: the reference's coefficients, turned by
+/// the search's angles about the origin, and the mover's expansion, turned by each start's
+/// rotation and moved by the search's translation; with its weight in the objective.
+struct SearchDensity {
+    std::shared_ptr<const FastOverlap::Plan> plan;
+    std::vector<double> reference;
+    Expansion mover;
+    double weight;
 };
 
-/// Maximises shape overlap + the weighted overlaps of the query's other search channels (colour
-/// types, electrostatics) of the Hermite expansions; candidates best first, their overlaps the
-/// joint ones. The fit's densities of those channels join the shape, and the starts are the
-/// scanned orientations with the largest joint overlaps.
-std::vector<Candidate> JointHermiteSearch(const Expansion& query, const Expansion& fit,
-                                          const PreparedMolecule& fitDensities,
-                                          const std::vector<SearchChannel>& queryChannels,
-                                          double radius, const OrientationScan& scan,
-                                          const Settings& settings, double tolerance,
-                                          unsigned int& evaluations) {
+/// Maximises the weighted sum of the Hermite overlaps of `densities` from the `count` starts
+/// of `BestStarts` (`scannedAt` as there); candidates best first.
+template <class ScannedAt>
+std::vector<Candidate> HermiteSearch(const std::vector<SearchDensity>& densities,
+                                     const std::vector<RotationMatrix>& rotations,
+                                     ScannedAt scannedAt, unsigned int count, double radius,
+                                     const Settings& settings, double tolerance,
+                                     unsigned int& evaluations) {
     JointOverlap objective;
-    std::vector<FitChannel> channels = {{fitDensities.shape, fit}};
-    objective.AddChannel(query, fit, 1.0);
-    std::vector<const SearchChannel*> scans = {nullptr};  // the shape's scan, then the others'
-    for (const SearchChannel& channel : queryChannels) {
-        std::vector<QVGaussian> gaussians = ChannelGaussians(fitDensities, channel);
-        if (gaussians.empty()) {
-            continue;
-        }
-        Expansion expansion = Expansion::Of(gaussians, channel.expansion.order, query.lambda);
-        objective.AddChannel(channel.expansion, expansion, channel.weight);
-        channels.push_back({std::move(gaussians), std::move(expansion)});
-        scans.push_back(&channel);
+    for (const SearchDensity& density : densities) {
+        objective.AddChannel(density.plan, density.reference, density.mover.coefficients,
+                             density.weight);
     }
-    // The scanned joint overlaps: the shape's and the weighted ones of the other channels.
-    const auto scannedAt = [&](const std::array<double, 3>& shift) {
-        const bool centred = shift == std::array<double, 3>{0.0, 0.0, 0.0};
-        std::vector<double> sum(scan.Rotations().size(), 0.0);
-        for (std::size_t c = 0; c < channels.size(); ++c) {
-            const Expansion& expansion = channels[c].expansion;
-            const std::vector<double> overlaps =
-                (c == 0 ? scan : scans[c]->scan)
-                    .Overlaps(centred ? expansion
-                                      : Expansion::Of(Shifted(channels[c].gaussians, shift),
-                                                      expansion.order, expansion.lambda));
-            const double weight = c == 0 ? 1.0 : scans[c]->weight;
-            for (std::size_t k = 0; k < sum.size(); ++k) {
-                sum[k] += weight * overlaps[k];
-            }
-        }
-        return sum;
-    };
-    const std::vector<SearchStart> starts =
-        BestStarts(scan.Rotations(), scannedAt,
-                   std::min(settings.searchStarts, settings.colourSearchStarts), settings);
-    const auto turnFit = [&](const RotationMatrix& U) {
-        for (std::size_t c = 0; c < channels.size(); ++c) {
-            objective.SetFitCoefficients(
-                c, RotatedCoefficients(channels[c].gaussians, channels[c].expansion, U));
+    const auto turnMover = [&](const RotationMatrix& U) {
+        for (std::size_t c = 0; c < densities.size(); ++c) {
+            objective.TurnFit(c, densities[c].mover.coefficients, U.data());
         }
     };
-    return SearchFromStarts(objective, turnFit, starts, radius, settings, tolerance, evaluations);
+    return SearchFromStarts(objective, turnMover, BestStarts(rotations, scannedAt, count, settings),
+                            radius, settings, tolerance, evaluations);
 }
 
 /// The densities the exact refinement overlaps: the shape (channel 0) and the Gaussians of
@@ -402,12 +332,13 @@ ExactChannels ExactChannelsOf(const PreparedMolecule& molecule,
 }
 
 /// The Hermite overlap of the query's shape expansion with the fit's shape placed by `pose`.
-double HermiteShapeOverlap(const Expansion& query, const std::vector<QVGaussian>& fitShape,
+double HermiteShapeOverlap(const std::shared_ptr<const FastOverlap::Plan>& plan,
+                           const Expansion& query, const std::vector<QVGaussian>& fitShape,
                            const QVTrans& pose, double& fitSelfOverlap) {
     const Expansion placed =
         Expansion::Of(MovedGaussians(fitShape, pose), query.order, query.lambda);
     fitSelfOverlap = placed.SelfOverlap();
-    FastOverlap objective(query, placed);
+    FastOverlap objective(plan, query.coefficients, placed.coefficients);
     const double zero[6] = {0, 0, 0, 0, 0, 0};
     return -objective(zero);
 }
@@ -445,29 +376,6 @@ std::vector<std::size_t> DistinctCandidates(const std::vector<Candidate>& candid
     return chosen;
 }
 
-/// Keeps the `count` of the distinct candidates `distinct` (indices, best Hermite overlap first)
-/// with the largest exact overlaps at their Hermite poses, in that order. The truncated
-/// expansion is a smoothed shape, so the order of its optima is not quite that of the exact
-/// overlaps; one exact value per candidate is cheap against a refinement, and the refinement is
-/// then spent on the poses most likely to win.
-void KeepBestByExactOverlap(ExactOverlapObjective& objective, const std::vector<QVGaussian>& fit,
-                            std::vector<Candidate>& candidates, std::vector<std::size_t>& distinct,
-                            std::size_t count) {
-    if (distinct.size() <= count) {
-        return;
-    }
-    const double zero[6] = {0, 0, 0, 0, 0, 0};
-    for (const std::size_t i : distinct) {
-        objective.SetMoving(MovedGaussians(fit, candidates[i].pose));
-        candidates[i].exactOverlap = -objective(zero);
-    }
-    // Stable: equal overlaps keep the Hermite order.
-    std::stable_sort(distinct.begin(), distinct.end(), [&](std::size_t a, std::size_t b) {
-        return candidates[a].exactOverlap > candidates[b].exactOverlap;
-    });
-    distinct.resize(count);
-}
-
 /// The ascent step of Newton's method on the overlap O from gradient `g` and Hessian `H` in the
 /// scaled variables (angles times the fit's radius, translations), at most a unit long:
 /// -H^-1 g where O is concave (Cholesky, the usual case near a Hermite optimum), else the same
@@ -489,6 +397,52 @@ Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
     return step.norm() > 1.0 ? Vector6(step / step.norm()) : step;
 }
 
+/// The scales of the refinement's variables: angles turn the fit about its own centre and are
+/// scaled by its radius, like translations.
+Vector6 RefinementScale(double fitRadius) {
+    return (Vector6() << 1 / fitRadius, 1 / fitRadius, 1 / fitRadius, 1, 1, 1).finished();
+}
+
+/// The exact overlap that one Newton step from a candidate is expected to reach: the quadratic
+/// model of its gradient and Hessian at the step `NewtonAscent` takes.
+double NewtonPrediction(const Candidate& candidate, double fitRadius) {
+    const Vector6 scale = RefinementScale(fitRadius);
+    const Vector6 g = scale.cwiseProduct(candidate.gradient);
+    const Matrix6 H = scale.asDiagonal() * candidate.hessian * scale.asDiagonal();
+    const Vector6 step = NewtonAscent(g, H);
+    return candidate.exactOverlap + g.dot(step) + 0.5 * step.dot(H * step);
+}
+
+/// Keeps the `count` of the distinct candidates `distinct` (indices, best Hermite overlap first)
+/// whose exact overlaps are expected to be largest after a Newton step from their Hermite poses
+/// (`NewtonPrediction`), in that order. The truncated expansion is a smoothed shape, so the
+/// order of its optima is not quite that of the exact overlaps, and a pose that a short step
+/// lifts far can beat one that is higher where it starts; one exact evaluation per candidate is
+/// cheap against a refinement, and the refinement is then spent on the poses most likely to
+/// win. The refinement of a kept pose starts from the gradient and Hessian taken here.
+void KeepMostPromising(ExactOverlapObjective& objective, const std::vector<QVGaussian>& fit,
+                       double fitRadius, std::vector<Candidate>& candidates,
+                       std::vector<std::size_t>& distinct, std::size_t count,
+                       unsigned int& evaluations) {
+    if (distinct.size() <= count) {
+        return;
+    }
+    for (const std::size_t i : distinct) {
+        Candidate& candidate = candidates[i];
+        objective.SetMoving(MovedGaussians(fit, candidate.pose));
+        candidate.exactOverlap =
+            objective.Curvature(candidate.gradient.data(), candidate.hessian.data());
+        candidate.curvatureKnown = true;
+        ++evaluations;
+        candidate.predicted = NewtonPrediction(candidate, fitRadius);
+    }
+    // Stable: equal predictions keep the Hermite order.
+    std::stable_sort(distinct.begin(), distinct.end(), [&](std::size_t a, std::size_t b) {
+        return candidates[a].predicted > candidates[b].predicted;
+    });
+    distinct.resize(count);
+}
+
 /// Maximises the exact overlap from a candidate's pose by Newton's method, records the refined
 /// pose and returns the overlap there as the objective computes it (pairs beyond its cut-off
 /// left out). `objective` holds the query and the fit; it is moved to each pose in turn, so
@@ -501,20 +455,28 @@ double Refine(ExactOverlapObjective& objective, const std::vector<QVGaussian>& f
               double fitRadius, unsigned int iterations, double tolerance, Candidate& candidate,
               unsigned int& evaluations) {
     // Angles turn the fit about its own centre: scaled by its radius, like translations.
-    const Vector6 scale =
-        (Vector6() << 1 / fitRadius, 1 / fitRadius, 1 / fitRadius, 1, 1, 1).finished();
+    const Vector6 scale = RefinementScale(fitRadius);
+    const auto scaled = [&](Vector6& g, Matrix6& H) {
+        g = scale.cwiseProduct(g);
+        H = scale.asDiagonal() * H * scale.asDiagonal();
+    };
     const auto curvatureAt = [&](const QVTrans& pose, Vector6& g, Matrix6& H) {
         objective.SetMoving(MovedGaussians(fit, pose));
         ++evaluations;
         const double value = objective.Curvature(g.data(), H.data());
-        g = scale.cwiseProduct(g);
-        H = scale.asDiagonal() * H * scale.asDiagonal();
+        scaled(g, H);
         return value;
     };
     QVTrans pose = candidate.pose;
-    Vector6 g;
-    Matrix6 H;
-    double value = curvatureAt(pose, g, H);
+    Vector6 g = candidate.gradient;
+    Matrix6 H = candidate.hessian;
+    double value = candidate.exactOverlap;
+    if (candidate.curvatureKnown) {
+        objective.SetMoving(MovedGaussians(fit, pose));  // Motion turns about its centre
+        scaled(g, H);
+    } else {
+        value = curvatureAt(pose, g, H);
+    }
     for (unsigned int iteration = 0; iteration < iterations; ++iteration) {
         if (g.cwiseAbs().maxCoeff() <= tolerance) {
             break;
@@ -544,6 +506,38 @@ double Refine(ExactOverlapObjective& objective, const std::vector<QVGaussian>& f
     }
     candidate.pose = pose;
     return value;
+}
+
+/// Refines the `count` most promising distinct candidates (see KeepMostPromising) on the exact
+/// overlap of the reference's and the mover's densities, the search channels' included, and
+/// returns the index of the winner: the largest refined overlap (the refinement's own, pairs
+/// beyond its cut-off left out), the first of equal ones. With `count` 0, the best Hermite
+/// candidate, unrefined.
+std::size_t RefineBest(const PreparedMolecule& reference, const PreparedMolecule& mover,
+                       const std::vector<SearchChannel>& channels, const Settings& settings,
+                       unsigned int count, std::vector<Candidate>& candidates,
+                       unsigned int& evaluations) {
+    std::vector<std::size_t> refined =
+        DistinctCandidates(candidates, count > 0 ? candidates.size() : 1, mover.shape);
+    if (count > 0) {
+        const ExactChannels fixed = ExactChannelsOf(reference, channels, true);
+        const ExactChannels moving = ExactChannelsOf(mover, channels, false);
+        ExactOverlapObjective exact(fixed.gaussians, moving.gaussians, fixed.channels,
+                                    moving.channels);
+        const double moverRadius = Radius(mover.shape);
+        KeepMostPromising(exact, moving.gaussians, moverRadius, candidates, refined, count,
+                          evaluations);
+        for (const std::size_t i : refined) {
+            candidates[i].exactOverlap = Refine(
+                exact, moving.gaussians, moverRadius, settings.refineIterationLimit,
+                settings.refineTolerance * reference.shapeSelfOverlap, candidates[i], evaluations);
+        }
+    }
+    std::size_t winner = refined.front();
+    for (const std::size_t i : refined) {
+        winner = candidates[i].exactOverlap > candidates[winner].exactOverlap ? i : winner;
+    }
+    return winner;
 }
 
 }  // namespace
@@ -684,47 +678,66 @@ PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settin
 
 namespace {
 
-/// The expansion of the query's shape at the settings' order with its optimal single lambda.
-QVHermiteMath::QVHermite QueryExpansion(const std::vector<QVGaussian>& shape,
-                                        const Settings& settings) {
-    QVHermiteMath::QVHermiteOptions options;
-    options.SetNPolyMax(settings.order);
-    options.SetUseSingleLambda(true);
-    options.SetUseOptimalLambdas(true);
-    QVHermiteMath::QVHermite expansion;
-    expansion.Setup(shape, options);
-    return expansion;
+/// The search channel of one density of the query: its expansion, the tables of its Hermite
+/// overlaps, its scan of `rotations` (fits turned), and its scans with the query turned, the
+/// density shifted to each of the scan's shifts.
+SearchChannel MakeSearchChannel(SearchChannel::Density density, unsigned int type, double weight,
+                                const std::vector<QVGaussian>& gaussians, unsigned int order,
+                                const Settings& settings,
+                                const std::vector<RotationMatrix>& rotations) {
+    const double lambda[3] = {settings.lambda, settings.lambda, settings.lambda};
+    Expansion expansion = Expansion::Of(gaussians, order, lambda);
+    OrientationScan scan(expansion, rotations);
+    std::vector<Expansion> shifted = {expansion};
+    const std::vector<std::array<double, 3>> shifts = ScanShifts(settings.scanShift);
+    for (std::size_t j = 1; j < shifts.size(); ++j) {
+        shifted.push_back(Expansion::Of(Shifted(gaussians, shifts[j]), order, lambda));
+    }
+    std::vector<OrientationScan> turnedScans =
+        OrientationScan::Of(shifted, rotations, OrientationScan::Turning::Own);
+    return {density,
+            type,
+            weight,
+            std::move(expansion),
+            std::move(scan),
+            std::move(turnedScans),
+            FastOverlap::MakePlan(order, lambda, order, lambda)};
 }
 
 }  // namespace
 
 std::vector<QVGaussian> ChannelGaussians(const PreparedMolecule& molecule,
                                          const SearchChannel& channel) {
-    return channel.density == SearchChannel::Density::Colour ? OfType(molecule.colour, channel.type)
-                                                             : molecule.electrostatic;
+    switch (channel.density) {
+        case SearchChannel::Density::Shape:
+            return molecule.shape;
+        case SearchChannel::Density::Colour:
+            return OfType(molecule.colour, channel.type);
+        case SearchChannel::Density::Electrostatic:
+            break;
+    }
+    return molecule.electrostatic;
 }
 
 Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatures& features)
     : settings_(settings),
       prepared_(molecule, settings, features),
-      expansion_(QueryExpansion(prepared_.shape, settings)),
-      scan_(prepared_.shape, Expansion::From(expansion_),
-            StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed)) {
-    const Expansion shape = Expansion::From(expansion_);
-    const auto addChannel = [&](SearchChannel::Density density, unsigned int type, double weight,
-                                unsigned int order, const std::vector<QVGaussian>& gaussians) {
-        Expansion expansion = Expansion::Of(gaussians, order, shape.lambda);
-        OrientationScan scan(gaussians, expansion, scan_.Rotations());
-        channels_.push_back({density, type, weight, std::move(expansion), std::move(scan)});
-    };
+
+      shape_(MakeSearchChannel(
+          SearchChannel::Density::Shape, 0, 1.0, prepared_.shape, settings.order, settings,
+          StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed))) {
+    const std::vector<RotationMatrix>& rotations = shape_.scan.Rotations();
     for (const unsigned int type : TypesOf(prepared_.colour)) {
-        addChannel(SearchChannel::Density::Colour, type, settings.colourWeight,
-                   std::min(settings.colourOrder, shape.order), OfType(prepared_.colour, type));
+        channels_.push_back(MakeSearchChannel(SearchChannel::Density::Colour, type,
+                                              settings.colourWeight, OfType(prepared_.colour, type),
+                                              std::min(settings.colourOrder, settings.order),
+                                              settings, rotations));
     }
     if (settings.electrostatics && settings.electrostaticWeight > 0.0 &&
         !prepared_.electrostatic.empty()) {
-        addChannel(SearchChannel::Density::Electrostatic, 0, settings.electrostaticWeight,
-                   shape.order, prepared_.electrostatic);
+        channels_.push_back(MakeSearchChannel(SearchChannel::Density::Electrostatic, 0,
+                                              settings.electrostaticWeight, prepared_.electrostatic,
+                                              settings.order, settings, rotations));
     }
 }
 
@@ -733,65 +746,82 @@ Result Query::Overlay(const QVMol& molecule, const ColourFeatures& features) con
 }
 
 Result Query::Overlay(const PreparedMolecule& fit) const {
-    const Expansion query = Expansion::From(expansion_);
-    const Expansion fitExpansion = Expansion::Of(fit.shape, query.order, query.lambda);
-    const double tolerance = settings_.relativeTolerance * prepared_.shapeSelfOverlap;
-    // The joint search when the fit has a density of another search channel.
-    const bool joint = std::any_of(channels_.begin(), channels_.end(), [&](const auto& channel) {
-        return channel.density == SearchChannel::Density::Colour
-                   ? std::any_of(fit.colour.begin(), fit.colour.end(),
-                                 [&](const QVGaussian& g) { return g.GetTag() == channel.type; })
-                   : !fit.electrostatic.empty();
+    // The search turns the smaller of the two shapes (by self-overlap; the query when they are
+    // equal) about its centre and moves the larger: a small molecule is placed along a large
+    // one rather than the other way round, which finds the best poses more often, and the
+    // overlay of a pair does not depend on which molecule is the query. With the roles
+    // exchanged the query's own scans, made once, give the scanned overlaps.
+    const bool exchanged = fit.shapeSelfOverlap < prepared_.shapeSelfOverlap;
+    const PreparedMolecule& reference = exchanged ? fit : prepared_;
+    const PreparedMolecule& mover = exchanged ? prepared_ : fit;
+
+    // The query's densities that the fit has too, the shape first, with the fit's expansions.
+    std::vector<const SearchChannel*> channels = {&shape_};
+    std::vector<std::vector<QVGaussian>> fitGaussians = {fit.shape};
+    for (const SearchChannel& channel : channels_) {
+        std::vector<QVGaussian> gaussians = ChannelGaussians(fit, channel);
+        if (!gaussians.empty()) {
+            channels.push_back(&channel);
+            fitGaussians.push_back(std::move(gaussians));
+        }
+    }
+    std::vector<SearchDensity> densities;
+    std::vector<Expansion> fitExpansions;
+    for (std::size_t c = 0; c < channels.size(); ++c) {
+        const Expansion& query = channels[c]->expansion;
+        fitExpansions.push_back(Expansion::Of(fitGaussians[c], query.order, query.lambda));
+        const Expansion& own = fitExpansions.back();
+        densities.push_back({channels[c]->plan, (exchanged ? own : query).coefficients,
+                             exchanged ? query : own, channels[c]->weight});
+    }
+    const std::vector<std::array<double, 3>> shifts = ScanShifts(settings_.scanShift);
+    const auto scannedAt = [&](std::size_t j) {
+        std::vector<double> sum(shape_.scan.Rotations().size(), 0.0);
+        for (std::size_t c = 0; c < channels.size(); ++c) {
+            const Expansion& own = fitExpansions[c];
+            const std::vector<double> overlaps =
+                exchanged ? channels[c]->turnedScans[j].Overlaps(own)
+                : j == 0  ? channels[c]->scan.Overlaps(own)
+                          : channels[c]->scan.Overlaps(Expansion::Of(
+                                Shifted(fitGaussians[c], shifts[j]), own.order, own.lambda));
+            for (std::size_t k = 0; k < sum.size(); ++k) {
+                sum[k] += channels[c]->weight * overlaps[k];
+            }
+        }
+        return sum;
+    };
+    const bool joint = channels.size() > 1;
+    const bool colour = std::any_of(channels.begin(), channels.end(), [](const auto* channel) {
+        return channel->density == SearchChannel::Density::Colour;
     });
 
     Result result;
-    std::vector<Candidate> candidates =
-        joint ? JointHermiteSearch(query, fitExpansion, fit, channels_, Radius(prepared_.shape),
-                                   scan_, settings_, tolerance, result.hermiteEvaluations)
-              : HermiteSearch(query, fitExpansion, fit.shape, Radius(prepared_.shape), scan_,
-                              settings_, tolerance, result.hermiteEvaluations);
-    // The Hermite shape overlap at the best Hermite pose (the joint search's overlaps include
-    // the other channels).
-    double fitHermiteSelfOverlap = fitExpansion.SelfOverlap();
-    const double hermiteOverlap =
-        joint
-            ? HermiteShapeOverlap(query, fit.shape, candidates.front().pose, fitHermiteSelfOverlap)
-            : candidates.front().hermiteOverlap;
-    const bool colour = joint && std::any_of(channels_.begin(), channels_.end(), [](const auto& c) {
-                            return c.density == SearchChannel::Density::Colour;
-                        });
+    std::vector<Candidate> candidates = HermiteSearch(
+        densities, shape_.scan.Rotations(), scannedAt,
+        joint ? std::min(settings_.searchStarts, settings_.colourSearchStarts)
+              : settings_.searchStarts,
+        Radius(reference.shape), settings_,
+        settings_.relativeTolerance * reference.shapeSelfOverlap, result.hermiteEvaluations);
     const unsigned int refineCount =
         colour ? std::min(settings_.refineCandidates, settings_.colourRefineCandidates)
                : settings_.refineCandidates;
-    std::vector<std::size_t> refined =
-        DistinctCandidates(candidates, refineCount > 0 ? candidates.size() : 1, fit.shape);
-    // Refined candidates are compared by the refinement's own overlaps; the winner's exact
-    // overlap, every pair included, is computed once.
-    if (refineCount > 0) {
-        const ExactChannels fixed = ExactChannelsOf(prepared_, channels_, true);
-        const ExactChannels moving = ExactChannelsOf(fit, channels_, false);
-        ExactOverlapObjective exact(fixed.gaussians, moving.gaussians, fixed.channels,
-                                    moving.channels);
-        KeepBestByExactOverlap(exact, moving.gaussians, candidates, refined, refineCount);
-        const double fitRadius = Radius(fit.shape);
-        for (const std::size_t i : refined) {
-            candidates[i].exactOverlap =
-                Refine(exact, moving.gaussians, fitRadius, settings_.refineIterationLimit,
-                       settings_.refineTolerance * prepared_.shapeSelfOverlap, candidates[i],
-                       result.exactEvaluations);
-        }
-    }
-    // The first of equal overlaps wins.
-    std::size_t winner = refined.front();
-    for (const std::size_t i : refined) {
-        winner = candidates[i].exactOverlap > candidates[winner].exactOverlap ? i : winner;
-    }
-    Candidate& best = candidates[winner];
-    best.exactOverlap =
-        QVHermiteMath::GaussianOverlap(prepared_.shape, MovedGaussians(fit.shape, best.pose));
-    result.transform = fit.toFrame.Then(best.pose).Then(prepared_.toFrame.Inverse());
-    result.scores =
-        ScorePose(fit, best.pose, best.exactOverlap, hermiteOverlap, fitHermiteSelfOverlap);
+    const std::size_t winner = RefineBest(reference, mover, channels_, settings_, refineCount,
+                                          candidates, result.exactEvaluations);
+    // The poses take the mover's frame to the reference's; the scores take the fit's to the
+    // query's.
+    const auto fitToQuery = [&](const QVTrans& pose) { return exchanged ? pose.Inverse() : pose; };
+    const QVTrans pose = fitToQuery(candidates[winner].pose);
+    // The Hermite shape overlap at the best Hermite pose (the joint search's overlaps include
+    // the other channels).
+    double fitHermiteSelfOverlap = fitExpansions.front().SelfOverlap();
+    const double hermiteOverlap =
+        joint ? HermiteShapeOverlap(shape_.plan, shape_.expansion, fit.shape,
+                                    fitToQuery(candidates.front().pose), fitHermiteSelfOverlap)
+              : candidates.front().hermiteOverlap;
+    const double overlap =
+        QVHermiteMath::GaussianOverlap(prepared_.shape, MovedGaussians(fit.shape, pose));
+    result.transform = fit.toFrame.Then(pose).Then(prepared_.toFrame.Inverse());
+    result.scores = ScorePose(fit, pose, overlap, hermiteOverlap, fitHermiteSelfOverlap);
     return result;
 }
 
@@ -802,10 +832,10 @@ Result Query::Score(const QVMol& molecule, const ColourFeatures& features) const
 Result Query::Score(const PreparedMolecule& fit) const {
     // The fit as it lies, seen from the query's frame.
     const QVTrans pose = fit.toFrame.Inverse().Then(prepared_.toFrame);
-    const Expansion query = Expansion::From(expansion_);
+    const Expansion& query = shape_.expansion;
     const Expansion fitExpansion =
         Expansion::Of(MovedGaussians(fit.shape, pose), query.order, query.lambda);
-    FastOverlap objective(query, fitExpansion);
+    FastOverlap objective(shape_.plan, query.coefficients, fitExpansion.coefficients);
     const double zero[6] = {0, 0, 0, 0, 0, 0};
     const double hermiteOverlap = -objective(zero);
     const double overlap =
@@ -858,7 +888,7 @@ Scores Query::ScorePose(const PreparedMolecule& fit, const QVTrans& pose, double
                           prepared_.colourSelfOverlap, fit.colourSelfOverlap};
     }
     return ScoresOf({overlap, prepared_.shapeSelfOverlap, fit.shapeSelfOverlap},
-                    {hermiteOverlap, expansion_.GetSelfOverlap(), fitHermiteSelfOverlap},
+                    {hermiteOverlap, shape_.expansion.SelfOverlap(), fitHermiteSelfOverlap},
                     electrostatic, colour);
 }
 
@@ -892,9 +922,9 @@ SearchPreset PresetOf(Effort effort) {
     const Settings defaults;
     switch (effort) {
         case Effort::Fast:
-            return {4, 30, 2, 2, 1, 1};
+            return {4, 100, 2, 2, 1, 1};
         case Effort::Thorough:
-            return {4, 60, 6, 6, 4, 4};
+            return {4, 300, 10, 6, 3, 3};
         case Effort::Default:
             break;
     }

@@ -7,25 +7,28 @@
 ///    at the origin and the axes of its exact second-moment tensor (largest moment first,
 ///    right-handed) along x, y, z. Both are properties of the Gaussian density itself, so the
 ///    result does not depend on the input poses.
-/// 2. The query is expanded in Hermite functions with its optimal single lambda; the fit is
-///    expanded with the query's lambda, so that rotations are exact and the overlap consistent.
-/// 3. Orientation scan: the Hermite overlap of the two expansions, centroid on centroid and with
-///    the fit shifted by `scanShift` both ways along each of its axes, for the fit turned by
-///    each of the four proper 180-degree flips of its frame (identity and the half-turns about
-///    x, y and z), `scanRotations` evenly spread rotations and `extraStarts` random ones (see
-///    `OrientationScan`; the query's turned coefficients are made once).
-/// 4. Local search: from the `searchStarts` orientations with the largest scanned overlaps,
+/// 2. Both molecules are expanded in Hermite functions with one lambda (`Settings::lambda`),
+///    so that rotations are exact and the overlap consistent.
+/// 3. Roles: the search turns the smaller molecule (by shape self-overlap; the query when they
+///    are equal) and moves the larger, whichever is the query, so that the overlay of a pair
+///    does not depend on which molecule is the query.
+/// 4. Orientation scan: the Hermite overlap of the two expansions, centroid on centroid and with
+///    the moved molecule shifted by `scanShift` both ways along each of its axes, for it turned
+///    by each of the four proper 180-degree flips of its frame (identity and the half-turns
+///    about x, y and z), `scanRotations` evenly spread rotations and `extraStarts` random ones
+///    (see `OrientationScan`; the query's turned coefficients are made once, for either role).
+/// 5. Local search: from the `searchStarts` orientations with the largest scanned overlaps,
 ///    each at its best shift, the six-variable Hermite overlap (three angles, three
 ///    translations) is maximised with BFGS.
-/// 5. Refinement: the distinct poses (poses within 0.5 angstrom RMS of a better one are the
-///    same optimum) are ranked by their exact overlaps, and the best `refineCandidates` of them
-///    are refined by Newton's method on the exact analytic overlap of the atom Gaussians (its
-///    analytic gradient and Hessian); the best exact
-///    overlap wins.
+/// 6. Refinement: the distinct poses (poses within 0.5 angstrom RMS of a better one are the
+///    same optimum) are ranked by the exact overlap one Newton step from each is expected to
+///    reach, and the best `refineCandidates` of them are refined by Newton's method on the
+///    exact analytic overlap of the atom Gaussians (its analytic gradient and Hessian); the
+///    best exact overlap wins.
 ///
-/// With colour (`Settings::colour`), steps 4 and 5 maximise shape overlap + w * colour overlap
+/// With colour (`Settings::colour`), steps 5 and 6 maximise shape overlap + w * colour overlap
 /// (w = `colourWeight`): each feature type present in both molecules is one more density,
-/// expanded with the query's lambda and turned and moved with the shape in the Hermite search,
+/// expanded with the shape's lambda and turned and moved with the shape in the Hermite search,
 /// and refined with it on the exact overlaps (see overlay/colour.h), with
 /// `colourSearchStarts` searches and `colourRefineCandidates` refined poses.
 ///
@@ -48,6 +51,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -64,8 +68,15 @@ namespace hermite::overlay {
 struct Settings {
     /// Order of the Hermite expansions (0 to 100).
     unsigned int order = 4;
+    /// The lambda (1/angstrom) of the Hermite functions of every expansion, one for all axes
+    /// and all molecules: rotations of the expansions are then exact, and a pair of molecules
+    /// is searched with the same functions whichever is the query, so that the overlay of f
+    /// onto q is the one of q onto f (see Query::Overlay). Drug-sized molecules are described
+    /// about equally well from 0.4 to 0.6; larger ones (60 heavy atoms and more) are better
+    /// searched with smaller lambdas, down to 0.3. (Measured in docs/overlay.md.)
+    double lambda = 0.5;
     /// Evenly spread rotations scanned in addition to the four flips of the principal frame.
-    unsigned int scanRotations = 30;
+    unsigned int scanRotations = 200;
     /// Random rotations scanned in addition (seeded by `seed`).
     unsigned int extraStarts = 0;
     /// Every orientation is also scanned with the fit shifted this far (angstrom) both ways along
@@ -76,13 +87,15 @@ struct Settings {
     std::uint64_t seed = 42;
     /// Local (BFGS) searches, started from the scanned orientations with the largest Hermite
     /// overlaps; every scanned orientation is started when there are no more than this.
-    unsigned int searchStarts = 3;
+    unsigned int searchStarts = 5;
     /// The same when colour features (or a weighted electrostatic density) join the search, at
     /// most `searchStarts`: the joint search costs a channel per feature type, and two
     /// searches with one refined pose were measured to rank as well (docs/colour.md).
     unsigned int colourSearchStarts = 2;
-    /// BFGS gradient tolerance of the Hermite search, relative to the query's self-overlap.
-    double relativeTolerance = 1e-3;
+    /// BFGS gradient tolerance of the Hermite search, relative to the self-overlap of the
+    /// molecule the search turns. Loose: the search need only reach the right basin, the exact
+    /// refinement finishes the pose (1e-2 gave the gaps of 1e-3 in two thirds of the time).
+    double relativeTolerance = 1e-2;
     /// BFGS iteration limit per start.
     unsigned int iterationLimit = 100;
     /// Distinct poses of the local searches refined on the exact overlap, those with the largest
@@ -96,7 +109,7 @@ struct Settings {
     /// Newton iteration limit of the exact refinement.
     unsigned int refineIterationLimit = 20;
     /// Gradient tolerance of the exact refinement (its largest component, angles scaled by the
-    /// fit's radius), relative to the query's self-overlap.
+    /// moving molecule's radius), relative to the self-overlap of the smaller molecule.
     double refineTolerance = 1e-3;
     /// Compute electrostatic scores (needs partial charges).
     bool electrostatics = false;
@@ -207,17 +220,24 @@ QVChem::QVTrans PrincipalFrameOf(const QVChem::QVMol& molecule);
 /// the expansion describe empty space between them, and the scores would be wrong.
 std::string CloudProblem(const QVChem::QVMol& molecule, double gap = 10.0);
 
-/// A density of a prepared query that joins the shape in the search, with its weight in the
-/// objective: the colour features of one type, or the electrostatic density. Holds their
-/// expansion (the query's lambda) and its scan of the same orientations as the shape's.
+/// A density of a prepared query that the search overlays with the fit's density of the same
+/// kind, with its weight in the objective: the shape, the colour features of one type, or the
+/// electrostatic density. Holds their expansion (the settings' lambda) and its scans of the
+/// shape's orientations, with either molecule turned (see Query::Overlay).
 struct SearchChannel {
-    enum class Density { Colour, Electrostatic };
+    enum class Density { Shape, Colour, Electrostatic };
     Density density;
     /// The feature type (colour only).
     unsigned int type;
     double weight;
     Expansion expansion;
+    /// The overlaps with a fit turned by each rotation.
     OrientationScan scan;
+    /// The overlaps of the density, shifted to each shift of the scan (ScanShifts order) along
+    /// the query's axes and turned by each rotation, with a fit at rest.
+    std::vector<OrientationScan> turnedScans;
+    /// The tables of the channel's Hermite overlaps (both expansions of its order).
+    std::shared_ptr<const FastOverlap::Plan> plan;
 };
 
 /// The Gaussians of `molecule` that `channel` overlaps: its features of the channel's type, or
@@ -246,9 +266,6 @@ public:
     /// The settings the query was prepared with; fits must be prepared with the same.
     const Settings& GetSettings() const { return settings_; }
 
-    /// The optimal single lambda of the query's expansion (1/angstrom), used for every fit.
-    double GetLambda() const { return expansion_.GetOptions().GetLambda(0); }
-
     /// The query's densities in its principal frame.
     const PreparedMolecule& Prepared() const { return prepared_; }
 
@@ -261,8 +278,8 @@ private:
 
     Settings settings_;
     PreparedMolecule prepared_;
-    QVHermiteMath::QVHermite expansion_;
-    OrientationScan scan_;
+
+    SearchChannel shape_;
     /// The densities searched beside the shape: with colour, one per type of the query's
     /// features; the electrostatic density when it has a weight.
     std::vector<SearchChannel> channels_;

@@ -289,6 +289,7 @@ class OverlaySettings:
         self,
         *,
         order: int = ...,
+        lambda_: float = ...,
         effort: str = ...,
         scan_rotations: int = ...,
         starts: int = ...,
@@ -310,6 +311,7 @@ class OverlaySettings:
         colour_order: int = ...,
     ) -> None: ...
     order: int
+    lambda_: float
     scan_rotations: int
     starts: int
     scan_shift: float
@@ -406,6 +408,7 @@ def overlay(
     *,
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
+    lambda_: float = ...,
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,
@@ -432,6 +435,7 @@ def score(
     *,
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
+    lambda_: float = ...,
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,
@@ -462,6 +466,7 @@ def screen(
     rank_by: str = "shape",
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
+    lambda_: float = ...,
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,

@@ -182,6 +182,7 @@ const MoleculeObject& MoleculeArgument(py::handle object, const std::string& nam
 /// The keyword arguments the overlay functions accept besides `settings`: the properties of
 /// hermite.OverlaySettings.
 const char* const kSettingNames[] = {"order",
+                                     "lambda_",
                                      "scan_rotations",
                                      "starts",
                                      "scan_shift",
@@ -292,10 +293,11 @@ Settings ResolveSettings(py::handle settings, const py::kwargs& kwargs) {
 
 std::string SettingsRepr(const Settings& s) {
     std::ostringstream out;
-    out << "OverlaySettings(order=" << s.order << ", scan_rotations=" << s.scanRotations
-        << ", starts=" << s.extraStarts << ", scan_shift=" << Repr(s.scanShift)
-        << ", search_starts=" << s.searchStarts << ", colour_search_starts=" << s.colourSearchStarts
-        << ", seed=" << s.seed << ", relative_tolerance=" << Repr(s.relativeTolerance)
+    out << "OverlaySettings(order=" << s.order << ", lambda_=" << Repr(s.lambda)
+        << ", scan_rotations=" << s.scanRotations << ", starts=" << s.extraStarts
+        << ", scan_shift=" << Repr(s.scanShift) << ", search_starts=" << s.searchStarts
+        << ", colour_search_starts=" << s.colourSearchStarts << ", seed=" << s.seed
+        << ", relative_tolerance=" << Repr(s.relativeTolerance)
         << ", iteration_limit=" << s.iterationLimit << ", refine_candidates=" << s.refineCandidates
         << ", colour_refine_candidates=" << s.colourRefineCandidates
         << ", refine_iteration_limit=" << s.refineIterationLimit
@@ -363,6 +365,7 @@ OverlayResultObject MakeResult(const Result& result, const QVMol& fit, const std
 py::dict SettingsState(const Settings& s) {
     py::dict d;
     d["order"] = s.order;
+    d["lambda_"] = s.lambda;
     d["scan_rotations"] = s.scanRotations;
     d["starts"] = s.extraStarts;
     d["scan_shift"] = s.scanShift;
@@ -686,6 +689,10 @@ std::string SettingsDoc() {
         << "    effort: 'fast', 'default' or 'thorough': presets of order, scan_rotations, "
            "search_starts and refine_candidates, which other keywords override.\n"
         << "    order: Hermite expansion order, 0 to 100 [" << d.order << "].\n"
+        << "    lambda_: lambda of the Hermite functions of every expansion (1/angstrom, one for "
+           "both molecules, so that an overlay does not depend on which is the query; smaller "
+           "for molecules of 60 heavy atoms and more) ["
+        << Repr(d.lambda) << "].\n"
         << "    scan_rotations: evenly spread rotations scanned besides the four flips of the "
            "principal frame ["
         << d.scanRotations << "].\n"
@@ -702,7 +709,7 @@ std::string SettingsDoc() {
         << d.colourSearchStarts << "].\n"
         << "    seed: seed of the random starts [" << d.seed << "].\n"
         << "    relative_tolerance: BFGS gradient tolerance of the Hermite search relative to the "
-           "query's self-overlap ["
+           "self-overlap of the smaller molecule ["
         << Repr(d.relativeTolerance) << "].\n"
         << "    iteration_limit: BFGS iterations per start [" << d.iterationLimit << "].\n"
         << "    refine_candidates: best Hermite poses refined on the exact overlap, 0 for none ["
@@ -713,7 +720,7 @@ std::string SettingsDoc() {
         << "    refine_iteration_limit: Newton iterations of the exact refinement ["
         << d.refineIterationLimit << "].\n"
         << "    refine_tolerance: gradient tolerance of the exact refinement, relative to "
-           "the query's self-overlap ["
+           "the self-overlap of the smaller molecule ["
         << Repr(d.refineTolerance) << "].\n"
         << "    electrostatics: also compute the electrostatic scores from the partial charges ["
         << (d.electrostatics ? "True" : "False") << "].\n"
@@ -833,6 +840,8 @@ Args:
     effort: 'fast', 'default' or 'thorough': presets of order, scan_rotations, search_starts
         and refine_candidates (the other arguments override them).
     order: Hermite expansion order, 0 to 100.
+    lambda_: lambda of the Hermite functions of every expansion (1/angstrom), the same for
+        both molecules; smaller values suit molecules of 60 heavy atoms and more.
     scan_rotations: evenly spread rotations whose Hermite overlap is scanned besides the four
         flips of the principal frame.
     starts: random rotations scanned besides them.
@@ -843,16 +852,16 @@ Args:
     colour_search_starts: the same when colour features (or a weighted electrostatic density)
         join the search (at most search_starts).
     seed: seed of the random rotations.
-    relative_tolerance: BFGS gradient tolerance of the Hermite search, relative to the query's
-        self-overlap.
+    relative_tolerance: BFGS gradient tolerance of the Hermite search, relative to the
+        self-overlap of the smaller molecule.
     iteration_limit: BFGS iteration limit per start.
     refine_candidates: best distinct Hermite poses refined on the exact overlap (0: no
         refinement).
     colour_refine_candidates: the same when colour features join the search (at most
         refine_candidates; the features set the poses apart, so one is enough by default).
     refine_iteration_limit: Newton iteration limit of the exact refinement.
-    refine_tolerance: gradient tolerance of the exact refinement, relative to the query's
-        self-overlap.
+    refine_tolerance: gradient tolerance of the exact refinement, relative to the
+        self-overlap of the smaller molecule.
     electrostatics: also compute electrostatic scores (needs partial charges).
     electrostatic_width: width of the electrostatic Gaussians, angstrom.
     electrostatic_weight: weight of the electrostatic overlap against the shape overlap in the
@@ -871,6 +880,9 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
         .def_property(
             "order", Getter(&Settings::order),
             [](Settings& s, py::object v) { s.order = Order(v); }, "Hermite expansion order.")
+        .def_property("lambda_", Getter(&Settings::lambda),
+                      PositiveSetter(&Settings::lambda, "lambda_"),
+                      "Lambda of the Hermite functions of every expansion (1/angstrom).")
         .def_property("scan_rotations", Getter(&Settings::scanRotations),
                       CountSetter(&Settings::scanRotations, "scan_rotations", 100000),
                       "Evenly spread rotations scanned besides the four flips.")
@@ -900,7 +912,8 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
         .def_property(
             "relative_tolerance", Getter(&Settings::relativeTolerance),
             PositiveSetter(&Settings::relativeTolerance, "relative_tolerance"),
-            "BFGS gradient tolerance of the Hermite search relative to the query's self-overlap.")
+            "BFGS gradient tolerance of the Hermite search relative to the self-overlap of the "
+            "smaller molecule.")
         .def_property("iteration_limit", Getter(&Settings::iterationLimit),
                       CountSetter(&Settings::iterationLimit, "iteration_limit", 1000000),
                       "BFGS iteration limit per start.")
@@ -916,10 +929,11 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
             "refine_iteration_limit", Getter(&Settings::refineIterationLimit),
             CountSetter(&Settings::refineIterationLimit, "refine_iteration_limit", 1000000),
             "Newton iteration limit of the exact refinement.")
-        .def_property("refine_tolerance", Getter(&Settings::refineTolerance),
-                      PositiveSetter(&Settings::refineTolerance, "refine_tolerance"),
-                      "Gradient tolerance of the exact refinement relative to the query's "
-                      "self-overlap.")
+        .def_property(
+            "refine_tolerance", Getter(&Settings::refineTolerance),
+            PositiveSetter(&Settings::refineTolerance, "refine_tolerance"),
+            "Gradient tolerance of the exact refinement relative to the smaller molecule's "
+            "self-overlap.")
         .def_property("electrostatics", Getter(&Settings::electrostatics),
                       FlagSetter(&Settings::electrostatics), "Compute the electrostatic scores.")
         .def_property("electrostatic_width", Getter(&Settings::electrostaticWidth),

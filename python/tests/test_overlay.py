@@ -99,7 +99,7 @@ def test_score_keeps_the_pose(cdk2: List[hermite.Molecule]) -> None:
 def test_settings_by_keyword_or_object(cdk2: List[hermite.Molecule]) -> None:
     settings = hermite.OverlaySettings(order=4, starts=3, seed=7)
     assert settings.order == 4 and settings.starts == 3 and settings.seed == 7
-    assert repr(settings).startswith("OverlaySettings(order=4, scan_rotations=")
+    assert repr(settings).startswith("OverlaySettings(order=4, lambda_=0.5, scan_rotations=")
     assert ", starts=3, scan_shift=" in repr(settings) and ", seed=7," in repr(settings)
     by_object = hermite.overlay(cdk2[2], cdk2[3], settings=settings)
     by_keywords = hermite.overlay(cdk2[2], cdk2[3], order=4, starts=3, seed=7)
@@ -195,10 +195,11 @@ def test_effort_presets_set_the_search_and_other_keywords_override_them() -> Non
 
 def test_refine_tolerance_reaches_the_exact_refinement(cdk2: List[hermite.Molecule]) -> None:
     # A gradient tolerance as large as the query's self-overlap stops each refinement at its
-    # first evaluation: one value-and-gradient evaluation per refined pose.
+    # first evaluation: one evaluation per distinct Hermite optimum (at most one per search).
     default = hermite.overlay(cdk2[2], cdk2[3], refine_candidates=2)
     stopped = hermite.overlay(cdk2[2], cdk2[3], refine_candidates=2, refine_tolerance=1.0)
-    assert 1 <= stopped.exact_evaluations <= 2 < default.exact_evaluations
+    starts = hermite.OverlaySettings().search_starts
+    assert 1 <= stopped.exact_evaluations <= starts < default.exact_evaluations
     assert stopped.hermite_evaluations == default.hermite_evaluations
     assert stopped.scores.shape_tanimoto <= default.scores.shape_tanimoto + 1e-4
 
@@ -226,16 +227,28 @@ def test_the_overlay_does_not_depend_on_the_input_pose(cdk2: List[hermite.Molecu
 
 def test_query_and_fit_give_the_same_score_both_ways_on_cdk2(
         cdk2: List[hermite.Molecule]) -> None:
-    # T(q, f) and T(f, q) come from different searches (the scan turns the query's frame, the
-    # fit is expanded with the query's lambda); a thorough search finds the same pose either way
-    # for all but one of the 120 pairs of the first 16 ligands, and that one within 0.05.
+    # Whichever molecule is the query, the search turns the smaller one and moves the larger, so
+    # T(q, f) and T(f, q) come from the same search: the same pose, to the rounding of the
+    # input coordinates, for all 120 pairs of the first 16 ligands.
     n = 16
-    T = np.array([[r.scores.shape_tanimoto
-                   for r in hermite.screen(cdk2[q], cdk2[:n], threads=1, effort="thorough")]
+    T = np.array([[r.scores.shape_tanimoto for r in hermite.screen(cdk2[q], cdk2[:n], threads=1)]
                   for q in range(n)])
     differences = np.abs(T - T.T)[np.triu_indices(n, 1)]
-    assert np.mean(differences <= 0.01) >= 0.99
-    assert differences.max() < 0.05
+    assert differences.max() < 1e-6
+
+
+def test_lambda_sets_the_expansions_of_both_molecules(cdk2: List[hermite.Molecule]) -> None:
+    for bad in (0.0, -0.5, float("nan"), float("inf")):
+        with pytest.raises(ValueError, match="lambda_ must be finite and greater than 0"):
+            hermite.OverlaySettings(lambda_=bad)
+    # Another lambda describes the shapes by other functions: the Hermite Tanimoto changes, the
+    # exact pose stays about the best, and the overlay of the pair is the same both ways.
+    default = hermite.overlay(cdk2[2], cdk2[3])
+    narrow = hermite.overlay(cdk2[2], cdk2[3], lambda_=0.3)
+    backward = hermite.overlay(cdk2[3], cdk2[2], lambda_=0.3)
+    assert abs(narrow.scores.hermite_tanimoto - default.scores.hermite_tanimoto) > 1e-3
+    assert narrow.scores.shape_tanimoto == pytest.approx(default.scores.shape_tanimoto, abs=0.02)
+    assert backward.scores.shape_tanimoto == pytest.approx(narrow.scores.shape_tanimoto, abs=1e-6)
 
 
 def test_a_thorough_search_is_never_worse_on_cdk2(cdk2: List[hermite.Molecule]) -> None:
@@ -243,4 +256,4 @@ def test_a_thorough_search_is_never_worse_on_cdk2(cdk2: List[hermite.Molecule]) 
     for q, f in [(21, 22), (24, 38), (0, 26)]:
         fast = hermite.overlay(cdk2[q], cdk2[f], effort="fast").scores.shape_tanimoto
         thorough = hermite.overlay(cdk2[q], cdk2[f], effort="thorough").scores.shape_tanimoto
-        assert thorough >= fast - 1e-9
+        assert thorough >= fast - 1e-5  # the same pose, to the refinement's tolerance

@@ -88,7 +88,7 @@ def test_effort_and_explicit_search_options_change_the_poses(tmp_path):
     scores = {}
     for name, options in {"fast": ["--effort", "fast"], "thorough": ["--effort", "thorough"],
                           "explicit": ["--effort", "thorough", "--refine", "1", "--searches", "2",
-                                       "--scan", "30"]}.items():
+                                       "--scan", "100"]}.items():
         result = run("overlay", "--query", query_file(), "--db", CDK2, "--scores",
                      tmp_path / f"{name}.tsv", "--quiet", *options)
         assert result.returncode == 0, result.stderr
@@ -106,6 +106,10 @@ def test_effort_and_explicit_search_options_change_the_poses(tmp_path):
      "--threads must be an integer"),
     (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--order", "-1"],
      "--order must be an integer from 0 to 100, got -1"),
+    (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--lambda", "0"],
+     "--lambda must be a number from 0.01 to 10, got 0"),
+    (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--lambda", "nan"],
+     "--lambda must be a number"),
     (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--best", "0"],
      "--best must be an integer from 1"),
     (["overlay", "--query", "x.sdf", "--db", "y.sdf", "--cutoff", "high"],

@@ -25,6 +25,7 @@ using hermite::overlay::ColourGaussians;
 using hermite::overlay::ColourOverlap;
 using hermite::overlay::ExactOverlapObjective;
 using hermite::overlay::Expansion;
+using hermite::overlay::FastOverlap;
 using hermite::overlay::JointOverlap;
 using QVChem::QVMol;
 using QVChem::QVTrans;
@@ -138,8 +139,9 @@ TEST(JointOverlapTest, EqualsTheWeightedSumOfTheLibraryObjectives) {
         library[c].SetupRef(references[c], o1);
         library[c].Setup(fits[c], o2);
         const double l[3] = {lambda, lambda, lambda};
-        joint.AddChannel(Expansion::Of(references[c], order, l), Expansion::Of(fits[c], order, l),
-                         weights[c]);
+        joint.AddChannel(FastOverlap::MakePlan(order, l, order, l),
+                         Expansion::Of(references[c], order, l).coefficients,
+                         Expansion::Of(fits[c], order, l).coefficients, weights[c]);
     }
     for (const std::vector<double>& x :
          std::vector<std::vector<double>>{{0, 0, 0, 0, 0, 0},

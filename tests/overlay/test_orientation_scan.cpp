@@ -128,7 +128,7 @@ TEST(OrientationScan, OverlapsAreTheHermiteOverlapsOfTheTurnedFit) {
     expansion.Setup(query.shape, options);
     const Expansion queryExpansion = Expansion::From(expansion);
 
-    const OrientationScan scan(query.shape, queryExpansion, StartOrientations(20, 0, 0));
+    const OrientationScan scan(queryExpansion, StartOrientations(20, 0, 0));
     const Expansion fitExpansion =
         Expansion::Of(fit.shape, queryExpansion.order, queryExpansion.lambda);
     const std::vector<double> overlaps = scan.Overlaps(fitExpansion);
@@ -151,9 +151,9 @@ TEST(OrientationScan, OverlapsAreTheHermiteOverlapsOfTheTurnedFit) {
     }
 }
 
-// CDK2 pairs whose best poses lie far from every flip of the principal frames (found by
-// comparing searches over all pairs): the local searches from the four flips alone, the one of
-// their optima with the largest exact overlap refined, stop at least 0.1 below the best pose
+// A CDK2 pair whose best pose lies far from every flip of the principal frames (found by
+// comparing searches over all pairs), both ways round: the local searches from the four flips
+// alone, the most promising of their optima refined, stop at least 0.1 below the best pose
 // known, and the search seeded by the scan reaches it.
 TEST(OrientationScan, SearchFindsTheBestPoseWhereTheFramesMislead) {
     const std::vector<hermite::io::Molecule> ligands =
@@ -172,7 +172,7 @@ TEST(OrientationScan, SearchFindsTheBestPoseWhereTheFramesMislead) {
     exhaustive.scanRotations = 300;
     exhaustive.searchStarts = 40;
     exhaustive.refineCandidates = 8;
-    const std::pair<std::size_t, std::size_t> pairs[] = {{21, 22}, {24, 38}};
+    const std::pair<std::size_t, std::size_t> pairs[] = {{36, 44}, {44, 36}};
     for (const auto& [q, f] : pairs) {
         const double best = Query(mol(q), exhaustive).Overlay(mol(f)).scores.shapeTanimoto;
         const double fromFlips = Query(mol(q), flips).Overlay(mol(f)).scores.shapeTanimoto;

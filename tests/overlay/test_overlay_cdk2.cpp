@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <memory>
 #include <random>
 #include <vector>
 
 #include "cdk2_ligands.h"
 #include "hermite/hermite.h"
+#include "io/features.h"
 #include "io/molecule_io.h"
 #include "overlay/overlay.h"
 
@@ -100,6 +102,65 @@ TEST(OverlayCdk2Test, ScoresAreInvariantUnderRigidMotions) {
         const QVMol movedPose =
             Moved(Moved(Moved(fitLigand, fitMotion), moved.transform), queryMotion.Inverse());
         EXPECT_LT(Rmsd(movedPose, referencePose), 0.1);
+    }
+}
+
+/// The colour features of the first conformer of every CDK2 ligand, in the ligand's input
+/// coordinates, with the default definitions.
+std::vector<hermite::overlay::ColourFeatures> Cdk2Features() {
+    hermite::io::ReadOptions options;
+    options.features =
+        std::make_shared<hermite::io::FeatureDefinitions>(hermite::io::FeatureDefinitions());
+    std::vector<hermite::overlay::ColourFeatures> all;
+    for (const hermite::io::Molecule& molecule :
+         hermite::io::ReadAll(hermite_test::kCdk2Path, options)) {
+        hermite::overlay::ColourFeatures features;
+        for (const hermite::io::Feature& f : molecule.conformers.front().Features()) {
+            features.push_back({f.type, {f.x, f.y, f.z}});
+        }
+        all.push_back(features);
+    }
+    return all;
+}
+
+hermite::overlay::ColourFeatures MovedFeatures(hermite::overlay::ColourFeatures features,
+                                               const QVTrans& motion) {
+    for (hermite::overlay::ColourFeature& feature : features) {
+        motion.Apply(feature.position);
+    }
+    return features;
+}
+
+/// Whichever molecule of a pair is the query, the search turns the smaller and moves the
+/// larger, so that the two overlays of a pair are one: the same scores (to the rounding of the
+/// input coordinates and the refinement's tolerance) and transforms inverse to each other, with the
+/// shape alone and with colour, whatever the input poses.
+TEST(OverlayCdk2Test, OverlaysAreTheSameWhicheverMoleculeIsTheQuery) {
+    const std::vector<QVMol>& ligands = hermite_test::Cdk2Ligands();
+    const std::vector<hermite::overlay::ColourFeatures> features = Cdk2Features();
+    Settings colour;
+    colour.colour = true;
+    std::mt19937_64 engine(11);
+    for (const Settings& settings : {Settings(), colour}) {
+        for (std::size_t q = 0; q < 8; ++q) {
+            for (std::size_t f = q + 1; f < 8; ++f) {
+                const QVTrans motion = RandomMotion(engine);
+                const QVMol movedFit = Moved(ligands[f], motion);
+                const Result forward = Query(ligands[q], settings, features[q])
+                                           .Overlay(movedFit, MovedFeatures(features[f], motion));
+                const Result backward =
+                    Query(movedFit, settings, MovedFeatures(features[f], motion))
+                        .Overlay(ligands[q], features[q]);
+                EXPECT_NEAR(forward.scores.shapeTanimoto, backward.scores.shapeTanimoto, 1e-4)
+                    << q << ", " << f;
+                EXPECT_NEAR(forward.scores.colourTanimoto, backward.scores.colourTanimoto, 1e-4)
+                    << q << ", " << f;
+                // The backward transform takes the fit placed by the forward one back.
+                const QVMol placed = Moved(movedFit, forward.transform);
+                EXPECT_LT(Rmsd(Moved(placed, backward.transform), movedFit), 1e-3)
+                    << q << ", " << f;
+            }
+        }
     }
 }
 
