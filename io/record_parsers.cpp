@@ -189,6 +189,12 @@ void CheckUnityAtomAttributes(const std::vector<std::string>& lines, std::size_t
         }
         attributes = std::max(0L, WholeInteger(fields[1]).value_or(0));
     }
+    // RDKit reads a block's attribute lines past the section's end, into the next section.
+    if (attributes > 0) {
+        throw RecordError(
+            "a block of the MOL2 UNITY_ATOM_ATTR section announces more attribute lines than "
+            "the section holds");
+    }
 }
 
 /// Refuses MOL2 records that RDKit's MOL2 parser cannot survive; whatever else is wrong is left

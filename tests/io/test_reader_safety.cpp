@@ -504,12 +504,14 @@ TEST(ReaderSafety, Mol2AtomAttributeLinesRDKitCannotSplitAreSkipped) {
                         withAttributes("blank attribute", "1 2\ncharge 1\n\n2 1\ncharge 0\n") +
                         withAttributes("carriage return", " 1\r\ncharge 1\n") +
                         withAttributes("good", "1 1\ncharge 1\n\n\n") +
-                        withAttributes("one-field attribute", "1 1\ncharge\n"));
+                        withAttributes("one-field attribute", "1 1\ncharge\n") +
+                        withAttributes("too few attributes",
+                                       "1 1\ncharge 1\n2 1\n@<TRIPOS>SUBSTRUCTURE\n 1\n"));
     const ReadResult result = ReadThrough(path);
     ASSERT_EQ(result.molecules.size(), 2u);
     EXPECT_EQ(result.molecules[0].title, "good");
     EXPECT_EQ(result.molecules[1].title, "one-field attribute");
-    ASSERT_EQ(result.problems.size(), 4u);
+    ASSERT_EQ(result.problems.size(), 5u);
     EXPECT_EQ(result.problems[0].reason,
               "a line of the MOL2 UNITY_ATOM_ATTR section gives no atom and number of "
               "attributes: ' 1'");
@@ -519,6 +521,9 @@ TEST(ReaderSafety, Mol2AtomAttributeLinesRDKitCannotSplitAreSkipped) {
     EXPECT_EQ(result.problems[2].reason,
               "an atom attribute line of the MOL2 UNITY_ATOM_ATTR section is empty");
     EXPECT_EQ(result.problems[3].record, 4u);
+    EXPECT_EQ(result.problems[4].reason,
+              "a block of the MOL2 UNITY_ATOM_ATTR section announces more attribute lines than "
+              "the section holds");
 }
 
 }  // namespace
