@@ -14,15 +14,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <vector>
 
 #include "io/conformer_builder.h"
+#include "io/mol2_check.h"
 #include "io/sd_data.h"
 
 namespace hermite::io {
@@ -127,121 +125,6 @@ std::vector<double> Mol2Charges(const RDKit::ROMol& molecule) {
         charges.push_back(charge);
     }
     return charges;
-}
-
-/// `text` as an integer when all of it is one ("+1" and "01" too), like RDKit's parsers read
-/// numbers.
-std::optional<long> WholeInteger(const std::string& text) {
-    char* end = nullptr;
-    errno = 0;
-    const long number = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno == ERANGE) {
-        return std::nullopt;
-    }
-    return number;
-}
-
-/// The fields of a MOL2 line as RDKit's MOL2 parser splits it: at spaces and tabs.
-std::vector<std::string> Mol2Fields(const std::string& line) {
-    std::vector<std::string> fields;
-    std::size_t start = line.find_first_not_of(" \t");
-    while (start != std::string::npos) {
-        const std::size_t end = line.find_first_of(" \t", start);
-        fields.push_back(line.substr(start, end - start));
-        start = end == std::string::npos ? end : line.find_first_not_of(" \t", end);
-    }
-    return fields;
-}
-
-/// Refuses a UNITY_ATOM_ATTR section (from line `first` of `lines` to the next section) that
-/// RDKit's MOL2 parser would read past the end of a line in, which aborts the process: each
-/// block is a line "atom number-of-attributes" followed by that many attribute lines. RDKit
-/// takes the section's first line as a block's head whatever it holds, and stops at an empty
-/// line only after a block; it reads two fields of a head and one of an attribute line.
-void CheckUnityAtomAttributes(const std::vector<std::string>& lines, std::size_t first) {
-    std::size_t end = first;
-    while (end < lines.size() && lines[end].rfind("@<TRIPOS>", 0) != 0) {
-        ++end;
-    }
-    long attributes = 0;
-    for (std::size_t i = first; i < end; ++i) {
-        const std::vector<std::string> fields = Mol2Fields(lines[i]);
-        if (attributes > 0) {
-            if (fields.empty()) {
-                throw RecordError(
-                    "an atom attribute line of the MOL2 UNITY_ATOM_ATTR section is "
-                    "empty");
-            }
-            --attributes;
-            continue;
-        }
-        const bool restIsBlank = std::all_of(
-            lines.begin() + static_cast<long>(i), lines.begin() + static_cast<long>(end),
-            [](const std::string& line) { return Mol2Fields(line).empty(); });
-        if (i > first && restIsBlank) {
-            return;
-        }
-        if (fields.size() < 2) {
-            throw RecordError(
-                "a line of the MOL2 UNITY_ATOM_ATTR section gives no atom and "
-                "number of attributes: '" +
-                lines[i] + "'");
-        }
-        attributes = std::max(0L, WholeInteger(fields[1]).value_or(0));
-    }
-    // RDKit reads a block's attribute lines past the section's end, into the next section.
-    if (attributes > 0) {
-        throw RecordError(
-            "a block of the MOL2 UNITY_ATOM_ATTR section announces more attribute lines than "
-            "the section holds");
-    }
-}
-
-/// Refuses MOL2 records that RDKit's MOL2 parser cannot survive; whatever else is wrong is left
-/// to it, and it rejects it. It reads the counts line's numbers as unsigned and reserves that
-/// many atoms and bonds (a count of -20 asks for gigabytes), and it checks the upper end of a
-/// bond's atom numbers but not the lower one (a bond to atom 0 dereferences atom -1).
-void CheckMol2Record(const std::string& text) {
-    std::istringstream lines(text);
-    std::vector<std::string> all;
-    for (std::string line; std::getline(lines, line);) {
-        all.push_back(line);
-    }
-    const long lineCount = static_cast<long>(all.size());
-    std::string section;
-    for (std::size_t i = 0; i < all.size(); ++i) {
-        if (all[i].rfind("@<TRIPOS>", 0) == 0) {
-            section = all[i].substr(9, all[i].find_first_of(" \t\r", 9) - 9);
-            if (section == "UNITY_ATOM_ATTR") {
-                CheckUnityAtomAttributes(all, i + 1);
-            }
-            if (section == "MOLECULE" && i + 2 < all.size()) {
-                std::istringstream counts(all[i + 2]);
-                std::string field;
-                for (const char* what : {"atom", "bond"}) {
-                    const std::optional<long> count =
-                        counts >> field ? WholeInteger(field) : std::nullopt;
-                    if (count && (*count < 0 || *count > lineCount)) {
-                        throw RecordError("the MOL2 " + std::string(what) + " count " + field +
-                                          " does not match the record");
-                    }
-                }
-            }
-            continue;
-        }
-        std::istringstream fields(all[i]);
-        std::string bondId, atoms[2];
-        if (section != "BOND" || !(fields >> bondId >> atoms[0] >> atoms[1])) {
-            continue;
-        }
-        for (const std::string& atom : atoms) {
-            const std::optional<long> number = WholeInteger(atom);
-            if (number && *number < 1) {
-                throw RecordError("bond " + bondId + " refers to atom " + atom +
-                                  " (MOL2 atoms are numbered from 1)");
-            }
-        }
-    }
 }
 
 ParsedRecord ParseMol2Record(const RawRecord& record, const std::string& file,
