@@ -24,8 +24,10 @@ namespace {
 
 constexpr char SectionPrefix[] = "@<TRIPOS>";
 
-/// The sections the parser reads; it takes the last of repeated ones.
-const std::set<std::string> ReadSections = {"MOLECULE", "ATOM", "BOND", "UNITY_ATOM_ATTR"};
+/// Whether the parser reads section `name` (it takes the last of repeated ones).
+bool IsReadSection(const std::string& name) {
+    return name == "MOLECULE" || name == "ATOM" || name == "BOND" || name == "UNITY_ATOM_ATTR";
+}
 
 /// The lines of `text` as RDKit's parser reads them: split at '\n', a trailing '\r' dropped.
 std::vector<std::string> LinesOf(const std::string& text) {
@@ -84,7 +86,7 @@ public:
                 continue;
             }
             const std::string name = FieldsOf(lines_[i]).front().substr(sizeof SectionPrefix - 1);
-            if (!headers_.emplace(name, i).second && ReadSections.count(name) > 0) {
+            if (!headers_.emplace(name, i).second && IsReadSection(name)) {
                 throw RecordError("the MOL2 record has more than one " + name + " section");
             }
         }
