@@ -472,57 +472,51 @@ TEST(ReaderSafety, Mol2BondToAtomZeroOrBelowIsSkipped) {
               "bond 1 refers to atom -1 (MOL2 atoms are numbered from 1)");
 }
 
+/// Reads the MOL2 `text`, whose one usable record is titled "good", and expects the other
+/// records skipped for `reasons`, in file order.
+void ExpectOnlyGoodRecordRead(const std::string& text, const std::vector<std::string>& reasons) {
+    TemporaryDirectory directory;
+    const std::string path = directory.File("records.mol2");
+    WriteText(path, text);
+    const ReadResult result = ReadThrough(path);
+    ASSERT_EQ(result.molecules.size(), 1u);
+    EXPECT_EQ(result.molecules[0].title, "good");
+    ASSERT_EQ(result.problems.size(), reasons.size());
+    for (std::size_t i = 0; i < reasons.size(); ++i) {
+        EXPECT_EQ(result.problems[i].reason, reasons[i]);
+    }
+}
+
 // RDKit's MOL2 parser checks only that one of a bond's atom numbers is in range before it
 // looks both up: a bond to atom 900000 of a two-atom record crashed it (found by fuzzing).
 // Records whose bonds are not between two of their atoms are skipped with a message.
 TEST(ReaderSafety, Mol2BondsBetweenAtomsTheRecordLacksAreSkipped) {
-    TemporaryDirectory directory;
-    const std::string path = directory.File("bond-ends.mol2");
-    WriteText(path, Mol2Ethane("beyond", "1", "900000") + Mol2Ethane("third", "3", "1") +
-                        Mol2Ethane("not a number", "1", "two") + Mol2Ethane("itself", "2", "2") +
-                        Mol2Ethane("good", "2", "1") +
-                        Mol2Ethane("twice", "1", "2 1\n2 2 1", "2 2") +
-                        Mol2Ethane("short line", "1", "2\n2 1", "2 2"));
-    const ReadResult result = ReadThrough(path);
-    ASSERT_EQ(result.molecules.size(), 1u);
-    EXPECT_EQ(result.molecules[0].title, "good");
-    const std::vector<std::string> expected = {
-        "bond 1 refers to atom 900000 of a record with 2 atoms",
-        "bond 1 refers to atom 3 of a record with 2 atoms",
-        "bond 1 refers to atom 'two', which is not an atom number",
-        "bond 1 joins atom 2 to itself",
-        "bond 2 joins atoms 2 and 1 a second time",
-        "the MOL2 bond line '1 1 2' lacks a field (a bond number, two atom numbers and a type)"};
-    ASSERT_EQ(result.problems.size(), expected.size());
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(result.problems[i].reason, expected[i]);
-    }
+    ExpectOnlyGoodRecordRead(
+        Mol2Ethane("beyond", "1", "900000") + Mol2Ethane("third", "3", "1") +
+            Mol2Ethane("not a number", "1", "two") + Mol2Ethane("itself", "2", "2") +
+            Mol2Ethane("good", "2", "1") + Mol2Ethane("twice", "1", "2 1\n2 2 1", "2 2") +
+            Mol2Ethane("short line", "1", "2\n2 1", "2 2"),
+        {"bond 1 refers to atom 900000 of a record with 2 atoms",
+         "bond 1 refers to atom 3 of a record with 2 atoms",
+         "bond 1 refers to atom 'two', which is not an atom number",
+         "bond 1 joins atom 2 to itself", "bond 2 joins atoms 2 and 1 a second time",
+         "the MOL2 bond line '1 1 2' lacks a field (a bond number, two atom numbers and a type)"});
 }
 
 // The parser reads as many lines after the ATOM and BOND headers as the counts line announces,
 // into the next section, and takes the last of repeated sections: records whose sections do
 // not match their counts, or that repeat one, are skipped with a message.
 TEST(ReaderSafety, Mol2SectionsThatDoNotMatchTheCountsAreSkipped) {
-    TemporaryDirectory directory;
-    const std::string path = directory.File("sections.mol2");
     const std::string noBonds = Mol2Ethane("no bond section", "1", "2");
-    WriteText(path,
-              Mol2Ethane("few atoms", "1", "2", "3 1") + Mol2Ethane("few bonds", "1", "2", "2 2") +
-                  noBonds.substr(0, noBonds.find("@<TRIPOS>BOND")) +
-                  Mol2Ethane("two bond sections", "1", "2") + "@<TRIPOS>BOND\n1 1 2 1\n" +
-                  Mol2Ethane("good", "1", "2") + "@<TRIPOS>SUBSTRUCTURE\n@<TRIPOS>SUBSTRUCTURE\n");
-    const ReadResult result = ReadThrough(path);
-    ASSERT_EQ(result.molecules.size(), 1u);
-    EXPECT_EQ(result.molecules[0].title, "good");
-    const std::vector<std::string> expected = {
-        "the MOL2 ATOM section holds fewer than the 3 atom lines the counts line announces",
-        "the MOL2 BOND section holds fewer than the 2 bond lines the counts line announces",
-        "the MOL2 counts line announces 1 bonds but the record has no BOND section",
-        "the MOL2 record has more than one BOND section"};
-    ASSERT_EQ(result.problems.size(), expected.size());
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(result.problems[i].reason, expected[i]);
-    }
+    ExpectOnlyGoodRecordRead(
+        Mol2Ethane("few atoms", "1", "2", "3 1") + Mol2Ethane("few bonds", "1", "2", "2 2") +
+            noBonds.substr(0, noBonds.find("@<TRIPOS>BOND")) +
+            Mol2Ethane("two bond sections", "1", "2") + "@<TRIPOS>BOND\n1 1 2 1\n" +
+            Mol2Ethane("good", "1", "2") + "@<TRIPOS>SUBSTRUCTURE\n@<TRIPOS>SUBSTRUCTURE\n",
+        {"the MOL2 ATOM section holds fewer than the 3 atom lines the counts line announces",
+         "the MOL2 BOND section holds fewer than the 2 bond lines the counts line announces",
+         "the MOL2 counts line announces 1 bonds but the record has no BOND section",
+         "the MOL2 record has more than one BOND section"});
 }
 
 // RDKit's MOL2 parser reads the counts as unsigned numbers and reserves that much: a negative
