@@ -1,6 +1,7 @@
 // Timings of the overlay driver's inner objectives: the fused Hermite overlap (value with
-// gradient) that the local searches evaluate, and the exact overlap (value with gradient, and
-// with its Hessian for the refinement's Newton steps), on molecule-sized densities.
+// gradient) that the local searches evaluate, the exact overlap (value with gradient, and
+// with its Hessian for the refinement's Newton steps), and the exact pair sums that score a
+// pose, on molecule-sized densities.
 
 #include <benchmark/benchmark.h>
 
@@ -9,6 +10,7 @@
 #include "bench_data.h"
 #include "overlay/exact_overlap.h"
 #include "overlay/fast_overlap.h"
+#include "overlay/pair_overlap.h"
 
 namespace {
 
@@ -53,5 +55,23 @@ void BM_ExactOverlapCurvature(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_ExactOverlapCurvature);
+
+// The exact overlap of two densities as a pose is scored, summed over every pair of Gaussians:
+// by the overlay's vectorised pair sum and by the library's term-by-term sum.
+void BM_PairOverlap(benchmark::State& state) {
+    const std::vector<QVSystem::QVGaussian> a = DrugLikeGaussians(1u), b = DrugLikeGaussians(2u);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(hermite::overlay::PairOverlap(a, b));
+    }
+}
+BENCHMARK(BM_PairOverlap);
+
+void BM_TermByTermOverlap(benchmark::State& state) {
+    const std::vector<QVSystem::QVGaussian> a = DrugLikeGaussians(1u), b = DrugLikeGaussians(2u);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(QVHermiteMath::GaussianOverlap(a, b));
+    }
+}
+BENCHMARK(BM_TermByTermOverlap);
 
 }  // namespace

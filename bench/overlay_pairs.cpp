@@ -116,14 +116,20 @@ int main(int argc, char** argv) {
     double best = 1e300;
     double sum = 0.0;
     std::size_t pairs = 0;
+    std::size_t hermiteEvaluations = 0;
+    std::size_t exactEvaluations = 0;
     for (unsigned int r = 0; r < repeat; ++r) {
         sum = 0.0;
         pairs = 0;
+        hermiteEvaluations = exactEvaluations = 0;
         const auto start = std::chrono::steady_clock::now();
         for (const QVChem::QVMol& queryMolecule : mols) {
             const Query query(queryMolecule, settings);
             for (const QVChem::QVMol& fit : mols) {
-                sum += query.Overlay(fit).scores.shapeTanimoto;
+                const hermite::overlay::Result result = query.Overlay(fit);
+                sum += result.scores.shapeTanimoto;
+                hermiteEvaluations += result.hermiteEvaluations;
+                exactEvaluations += result.exactEvaluations;
                 ++pairs;
             }
         }
@@ -132,8 +138,11 @@ int main(int argc, char** argv) {
     }
     std::printf(
         "{\"order\": %u, \"extra_starts\": %u, \"refine\": %u, \"pairs\": %zu, "
-        "\"seconds\": %.4f, \"overlays_per_second\": %.1f, \"mean_shape_tanimoto\": %.6f}\n",
+        "\"seconds\": %.4f, \"overlays_per_second\": %.1f, \"mean_shape_tanimoto\": %.6f, "
+        "\"hermite_evaluations_per_overlay\": %.2f, \"exact_evaluations_per_overlay\": %.2f}\n",
         settings.order, settings.extraStarts, settings.refineCandidates, pairs, best,
-        static_cast<double>(pairs) / best, sum / static_cast<double>(pairs));
+        static_cast<double>(pairs) / best, sum / static_cast<double>(pairs),
+        static_cast<double>(hermiteEvaluations) / static_cast<double>(pairs),
+        static_cast<double>(exactEvaluations) / static_cast<double>(pairs));
     return 0;
 }

@@ -1,5 +1,7 @@
 #include "overlay/colour.h"
 
+#include "overlay/pair_overlap.h"
+
 #include <algorithm>
 
 namespace hermite::overlay {
@@ -28,15 +30,7 @@ std::vector<QVSystem::QVGaussian> ColourGaussians(const ColourFeatures& features
 
 double ColourOverlap(const std::vector<QVSystem::QVGaussian>& a,
                      const std::vector<QVSystem::QVGaussian>& b) {
-    double overlap = 0.0;
-    for (const QVSystem::QVGaussian& ga : a) {
-        for (const QVSystem::QVGaussian& gb : b) {
-            if (ga.GetTag() == gb.GetTag()) {
-                overlap += QVHermiteMath::GaussianOverlap(ga, gb);
-            }
-        }
-    }
-    return overlap;
+    return PairOverlap(a, b, Pairing::SameTag);
 }
 
 std::vector<QVSystem::QVGaussian> OfType(const std::vector<QVSystem::QVGaussian>& features,

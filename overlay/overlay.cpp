@@ -11,6 +11,7 @@
 #include "overlay/exact_overlap.h"
 #include "overlay/fast_overlap.h"
 #include "overlay/joint_overlap.h"
+#include "overlay/pair_overlap.h"
 
 namespace hermite::overlay {
 
@@ -660,11 +661,11 @@ PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settin
     // precision) are made, so that the densities do not depend on where the molecule lay.
     const QVMol inFrame = MovedMolecule(molecule, toFrame);
     shape = QVHermiteMath::QVMolToGaussians(inFrame);
-    shapeSelfOverlap = QVHermiteMath::GaussianOverlap(shape, shape);
+    shapeSelfOverlap = SelfOverlap(shape);
     if (settings.electrostatics) {
         electrostatic =
             QVHermiteMath::QVMolToElectroStaticGaussians(inFrame, settings.electrostaticWidth);
-        electrostaticSelfOverlap = QVHermiteMath::GaussianOverlap(electrostatic, electrostatic);
+        electrostaticSelfOverlap = SelfOverlap(electrostatic);
     }
     if (settings.colour) {
         ColourFeatures inFrameFeatures = features;
@@ -672,7 +673,7 @@ PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settin
             toFrame.Apply(feature.position);
         }
         colour = ColourGaussians(inFrameFeatures);
-        colourSelfOverlap = ColourOverlap(colour, colour);
+        colourSelfOverlap = SelfOverlap(colour, Pairing::SameTag);
     }
 }
 
@@ -818,8 +819,7 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
         joint ? HermiteShapeOverlap(shape_.plan, shape_.expansion, fit.shape,
                                     fitToQuery(candidates.front().pose), fitHermiteSelfOverlap)
               : candidates.front().hermiteOverlap;
-    const double overlap =
-        QVHermiteMath::GaussianOverlap(prepared_.shape, MovedGaussians(fit.shape, pose));
+    const double overlap = PairOverlap(prepared_.shape, MovedGaussians(fit.shape, pose));
     result.transform = fit.toFrame.Then(pose).Then(prepared_.toFrame.Inverse());
     result.scores = ScorePose(fit, pose, overlap, hermiteOverlap, fitHermiteSelfOverlap);
     return result;
@@ -838,8 +838,7 @@ Result Query::Score(const PreparedMolecule& fit) const {
     FastOverlap objective(shape_.plan, query.coefficients, fitExpansion.coefficients);
     const double zero[6] = {0, 0, 0, 0, 0, 0};
     const double hermiteOverlap = -objective(zero);
-    const double overlap =
-        QVHermiteMath::GaussianOverlap(prepared_.shape, MovedGaussians(fit.shape, pose));
+    const double overlap = PairOverlap(prepared_.shape, MovedGaussians(fit.shape, pose));
     Result result;
     result.scores = ScorePose(fit, pose, overlap, hermiteOverlap, fitExpansion.SelfOverlap());
     return result;
@@ -878,8 +877,7 @@ Scores Query::ScorePose(const PreparedMolecule& fit, const QVTrans& pose, double
     std::optional<Overlaps> electrostatic;
     if (settings_.electrostatics) {
         electrostatic =
-            Overlaps{QVHermiteMath::GaussianOverlap(prepared_.electrostatic,
-                                                    MovedGaussians(fit.electrostatic, pose)),
+            Overlaps{PairOverlap(prepared_.electrostatic, MovedGaussians(fit.electrostatic, pose)),
                      prepared_.electrostaticSelfOverlap, fit.electrostaticSelfOverlap};
     }
     std::optional<Overlaps> colour;

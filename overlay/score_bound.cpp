@@ -4,6 +4,8 @@
 #include <cmath>
 #include <queue>
 
+#include "overlay/pair_overlap.h"
+
 namespace hermite::overlay {
 
 using QVSystem::QVGaussian;
@@ -162,7 +164,7 @@ ScoreBound::ScoreBound(const Query& query) : query_(query) {
 
 ScoreBound::Density ScoreBound::Prepare(const std::vector<QVGaussian>& gaussians) {
     Density density;
-    density.selfOverlap = QVHermiteMath::GaussianOverlap(gaussians, gaussians);
+    density.selfOverlap = SelfOverlap(gaussians);
     if (!gaussians.empty()) {
         density.prefactor = gaussians.front().GetPrefactor();
         density.exponent = gaussians.front().GetExponent();
@@ -201,7 +203,7 @@ Scores ScoreBound::Of(const PreparedMolecule& fit) const {
         for (std::size_t t = 0; t < colourTypes_.size(); ++t) {
             const std::vector<QVGaussian> features = OfType(fit.colour, colourTypes_[t]);
             colour->between +=
-                BoundOverlap(colour_[t], features, ColourOverlap(features, features));
+                BoundOverlap(colour_[t], features, SelfOverlap(features, Pairing::SameTag));
         }
     }
     return ScoresOf(shape, shape, electrostatic, colour);

@@ -229,7 +229,11 @@ def test_combined_query_hits_name_their_query(multi_query):
     titles = multi_query["titles"]
     by_title = {row["title"]: row for row in rows}
     assert len(hits) == 47
-    assert [title for title, _ in hits] == [row["title"] for row in ranked(rows)]
+    # Ranked by score: the table's rounded scores cannot order hits that round alike (the three
+    # queries' own ligands, 1.0000 each), so those may come in either order.
+    assert sorted(title for title, _ in hits) == sorted(by_title)
+    assert [by_title[title]["shape_tanimoto"] for title, _ in hits] == \
+        [row["shape_tanimoto"] for row in ranked(rows)]
     for rank, (title, tags) in enumerate(hits, start=1):
         row = by_title[title]
         assert tags["hermite_rank"] == str(rank)
