@@ -4,7 +4,7 @@
 //
 // Usage:
 //   overlay_pairs FILE.sdf [--order N] [--scan N] [--starts K] [--searches K] [--refine K]
-//                 [--refine-iterations I] [--tolerance T] [--repeat R]
+//                 [--refine-iterations I] [--tolerance T] [--lambda L] [--repeat R]
 //       overlays every molecule (first conformer) onto every molecule, query-major;
 //   overlay_pairs FILE.sdf --score POSES.sdf
 //       POSES holds, query-major, the fit of every pair in the pose another tool found; prints
@@ -50,7 +50,7 @@ int Usage() {
     std::fprintf(stderr,
                  "usage: overlay_pairs FILE.sdf [--order N] [--scan N] [--starts K] "
                  "[--searches K] [--refine K] [--refine-iterations I] [--tolerance T] "
-                 "[--repeat R] | FILE.sdf --score POSES.sdf\n");
+                 "[--lambda L] [--repeat R] | FILE.sdf --score POSES.sdf\n");
     return 2;
 }
 
@@ -95,6 +95,8 @@ int main(int argc, char** argv) {
             return ScorePoses(mols, value);
         } else if (option == "--order") {
             settings.order = static_cast<unsigned int>(std::atoi(value));
+        } else if (option == "--lambda") {
+            settings.lambda = std::atof(value);
         } else if (option == "--starts") {
             settings.extraStarts = static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--scan") {

@@ -108,6 +108,7 @@ ExactOverlapObjective::ExactOverlapObjective(const std::vector<QVSystem::QVGauss
     }
     BuildCells(fixedChannels, movingChannels);
     StoreFixedCoordinates();
+    StorePairConstants();
 }
 
 void ExactOverlapObjective::BuildCells(const std::vector<unsigned int>& fixedChannels,
@@ -211,6 +212,19 @@ void ExactOverlapObjective::StoreFixedCoordinates() {
     }
 }
 
+void ExactOverlapObjective::StorePairConstants() {
+    pairK_.clear();
+    pairC_.clear();
+    for (std::size_t movingKind = 0; movingKind * fixedKindCount_ < kindPairs_.size();
+         ++movingKind) {
+        for (const unsigned int fixedKind : fixedKind_) {
+            const Pair& pair = kindPairs_[movingKind * fixedKindCount_ + fixedKind];
+            pairK_.push_back(pair.k);
+            pairC_.push_back(pair.C);
+        }
+    }
+}
+
 void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& moving) {
     centre_[0] = centre_[1] = centre_[2] = 0.0;
     for (const QVSystem::QVGaussian& g : moving) {
@@ -241,56 +255,50 @@ QVChem::QVTrans ExactOverlapObjective::Motion(const double* y) const {
     return QVChem::QVTrans(R, translation);
 }
 
-namespace {
-
-/// The near pairs of one moving centre (fixed index and exponent factor), gathered so that
-/// their exponentials are taken together.
-struct NearTerms {
-    static constexpr std::size_t kCapacity = 64;
-    std::size_t index[kCapacity];
-    double exponent[kCapacity];
-    std::size_t count = 0;
-};
-
-}  // namespace
-
-template <class Add>
-void ExactOverlapObjective::ForEachNearTerm(std::size_t j, const double* p, Add add) const {
-    const Pair* pairs = kindPairs_.data() + movingKind_[j] * fixedKindCount_;
-    const unsigned int* kinds = fixedKind_.data();
-    NearTerms near;
+template <class Visit>
+void ExactOverlapObjective::ForEachNearBlock(std::size_t j, const double* p, Visit visit) const {
+    const std::size_t row = movingKind_[j] * fixed_.size();
+    const double* K = pairK_.data() + row;
+    const double* C = pairC_.data() + row;
+    const double* X = fixedCoords_[0].data();
+    const double* Y = fixedCoords_[1].data();
+    const double* Z = fixedCoords_[2].data();
+    NearBlock near;
+    std::size_t index[NearBlock::kCapacity];
     const auto flush = [&] {
         for (std::size_t t = 0; t < near.count; ++t) {
-            near.exponent[t] *= pairs[kinds[near.index[t]]].k;
+            const std::size_t i = index[t];
+            near.d[0][t] = X[i] - p[0];
+            near.d[1][t] = Y[i] - p[1];
+            near.d[2][t] = Z[i] - p[2];
+            near.k[t] = K[i];
+            near.term[t] = C[i];
         }
-        CutOffExponentials(near.exponent, near.count, kCutoff);
         for (std::size_t t = 0; t < near.count; ++t) {
-            const std::size_t i = near.index[t];
-            const Pair& constants = pairs[kinds[i]];
-            add(i, constants.C * near.exponent[t], constants.k);
+            const double exponent =
+                near.k[t] * (Square(near.d[0][t]) + Square(near.d[1][t]) + Square(near.d[2][t]));
+            near.term[t] *= ExpOfNegative(-exponent);
         }
+        visit(near);
         near.count = 0;
     };
-    // The fixed centres of [begin, end) within `reach2` (squared) of p, into `near` with their
-    // squared distances. Distances are taken in blocks, several at once; whether a centre is
-    // near cannot be predicted, so each is written in any case and kept by counting it, without
-    // a branch.
-    const double reach2 = grids_.empty() ? INFINITY : Square(grids_[movingChannel_[j]].reach);
+    // The fixed centres of [begin, end) whose exponents k d^2 are within the cut-off, by index
+    // into `index`. Exponents are taken in blocks, several at once; whether a centre is near
+    // cannot be predicted, so each index is written in any case and kept by counting it,
+    // without a branch.
     const auto gather = [&](std::size_t begin, std::size_t end) {
-        double distance2[NearTerms::kCapacity];
-        for (std::size_t block = begin; block < end; block += NearTerms::kCapacity) {
-            const std::size_t size = std::min(NearTerms::kCapacity, end - block);
-            const double* x = fixedCoords_[0].data() + block;
-            const double* y = fixedCoords_[1].data() + block;
-            const double* z = fixedCoords_[2].data() + block;
+        double exponent[NearBlock::kCapacity];
+        for (std::size_t block = begin; block < end; block += NearBlock::kCapacity) {
+            const std::size_t size = std::min(NearBlock::kCapacity, end - block);
             for (std::size_t t = 0; t < size; ++t) {
-                distance2[t] = Square(x[t] - p[0]) + Square(y[t] - p[1]) + Square(z[t] - p[2]);
+                const std::size_t i = block + t;
+                exponent[t] =
+                    K[i] * (Square(X[i] - p[0]) + Square(Y[i] - p[1]) + Square(Z[i] - p[2]));
             }
             for (std::size_t t = 0; t < size; ++t) {
-                near.index[near.count] = block + t;
-                near.exponent[near.count] = distance2[t];
-                near.count += distance2[t] <= reach2 ? 1 : 0;
-                if (near.count == NearTerms::kCapacity) {
+                index[near.count] = block + t;
+                near.count += exponent[t] <= kCutoff ? 1 : 0;
+                if (near.count == NearBlock::kCapacity) {
                     flush();
                 }
             }
@@ -327,12 +335,20 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
         }
         // dO/dp of this moving centre: sum over fixed centres of 2 k C e (q - p).
         double force[3] = {0, 0, 0};
-        ForEachNearTerm(j, p, [&](std::size_t i, double term, double k) {
-            overlap += term;
-            const double scale = 2.0 * k * term;
-            for (int a = 0; a < 3; ++a) {
-                force[a] += scale * (fixedCoords_[a][i] - p[a]);
+        ForEachNearBlock(j, p, [&](const NearBlock& near) {
+            // Summed in locals: the block's arrays cannot then alias the sums.
+            double sum = 0.0, x = 0.0, y = 0.0, z = 0.0;
+            for (std::size_t t = 0; t < near.count; ++t) {
+                sum += near.term[t];
+                const double scale = 2.0 * near.k[t] * near.term[t];
+                x += scale * near.d[0][t];
+                y += scale * near.d[1][t];
+                z += scale * near.d[2][t];
             }
+            overlap += sum;
+            force[0] += x;
+            force[1] += y;
+            force[2] += z;
         });
         if (gradient != nullptr) {
             for (int a = 0; a < 3; ++a) {
@@ -366,22 +382,46 @@ double ExactOverlapObjective::Curvature(double* gradient, double* hessian) const
         const Point& m = moving_[j];
         const double p[3] = {m.x[0] + centre_[0], m.x[1] + centre_[1], m.x[2] + centre_[2]};
         // The gradient f and the Hessian A of the overlap with respect to this centre's
-        // position: f = sum of 2k T d and A = sum of T (4k^2 d d^T - 2k I), with d = q - p and
-        // T = C e^{-k d^2}.
+        // position: f = sum of s d and A = sum of 2k s d d^T - (sum of s) I, with d = q - p,
+        // T = C e^{-k d^2} and s = 2k T.
         double f[3] = {0, 0, 0};
         double A[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
-        ForEachNearTerm(j, p, [&](std::size_t i, double term, double k) {
-            overlap += term;
-            const double twoK = 2.0 * k;
-            const double d[3] = {fixedCoords_[0][i] - p[0], fixedCoords_[1][i] - p[1],
-                                 fixedCoords_[2][i] - p[2]};
-            for (int a = 0; a < 3; ++a) {
-                f[a] += twoK * term * d[a];
-                for (int b = a; b < 3; ++b) {
-                    A[3 * a + b] += term * (twoK * twoK * (d[a] * d[b]) - (a == b ? twoK : 0.0));
-                }
+        double diagonal = 0.0;
+        ForEachNearBlock(j, p, [&](const NearBlock& near) {
+            // Summed in locals: the block's arrays cannot then alias the sums.
+            double sum = 0.0, sumS = 0.0, fx = 0.0, fy = 0.0, fz = 0.0;
+            double xx = 0.0, xy = 0.0, xz = 0.0, yy = 0.0, yz = 0.0, zz = 0.0;
+            for (std::size_t t = 0; t < near.count; ++t) {
+                const double x = near.d[0][t], y = near.d[1][t], z = near.d[2][t];
+                const double s = 2.0 * near.k[t] * near.term[t];
+                const double twoKs = 2.0 * near.k[t] * s;
+                sum += near.term[t];
+                sumS += s;
+                fx += s * x;
+                fy += s * y;
+                fz += s * z;
+                xx += twoKs * x * x;
+                xy += twoKs * x * y;
+                xz += twoKs * x * z;
+                yy += twoKs * y * y;
+                yz += twoKs * y * z;
+                zz += twoKs * z * z;
             }
+            overlap += sum;
+            diagonal += sumS;
+            f[0] += fx;
+            f[1] += fy;
+            f[2] += fz;
+            A[0] += xx;
+            A[1] += xy;
+            A[2] += xz;
+            A[4] += yy;
+            A[5] += yz;
+            A[8] += zz;
         });
+        A[0] -= diagonal;
+        A[4] -= diagonal;
+        A[8] -= diagonal;
         A[3] = A[1];  // symmetric: the lower triangle mirrors the upper
         A[6] = A[2];
         A[7] = A[5];

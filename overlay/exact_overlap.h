@@ -83,11 +83,25 @@ private:
     /// Whether moving centre j has fixed centres of its channel to overlap.
     bool Overlaps(std::size_t j) const;
 
-    /// Calls `add(i, term, k)` for every fixed centre i within the cut-off of moving centre j
-    /// placed at `p`, with the pair term C e^{-k d^2} and its k. The near centres are gathered
-    /// in blocks so that their exponentials are taken together.
-    template <class Add>
-    void ForEachNearTerm(std::size_t j, const double* p, Add add) const;
+    /// The terms of fixed centres near one moving centre p, a block of them: for each term
+    /// t < count, the offset d = q - p of the fixed centre q, the exponent factor k of the pair
+    /// and the pair term C e^{-k d^2}, each in one array so that sums over the block can be
+    /// taken several terms at once.
+    struct NearBlock {
+        static constexpr std::size_t kCapacity = 64;
+        double d[3][kCapacity];
+        double k[kCapacity];
+        double term[kCapacity];
+        std::size_t count = 0;
+    };
+
+    /// Calls `visit(block)` for blocks of the terms of every fixed centre within the cut-off of
+    /// moving centre j placed at `p` (each term in one block).
+    template <class Visit>
+    void ForEachNearBlock(std::size_t j, const double* p, Visit visit) const;
+
+    /// Stores the pair constants of every moving kind with every fixed centre (in cell order).
+    void StorePairConstants();
 
     /// Builds the cell grid of the fixed centres of each channel.
     void BuildCells(const std::vector<unsigned int>& fixedChannels,
@@ -153,6 +167,10 @@ private:
     std::vector<unsigned int> movingKind_;
     std::size_t fixedKindCount_ = 0;
     std::vector<Pair> kindPairs_;
+    /// The constants of each moving kind with each fixed centre, in one array each so that a
+    /// block of fixed centres reads them in order: pairK_[movingKind * fixed_.size() + i].
+    std::vector<double> pairK_;
+    std::vector<double> pairC_;
     double centre_[3];
     // The fixed centres sorted by channel, then into the cells of their channel's grid: the
     // terms of a moving centre come from the 27 cells around its own in the grid of its own
