@@ -398,6 +398,19 @@ Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
     return step.norm() > 1.0 ? Vector6(step / step.norm()) : step;
 }
 
+/// Whether the overlap O (value `value`, gradient g and Hessian H in the scaled variables) is
+/// concave, the top of its quadratic model is a Newton step of at most unit length away, and
+/// the model's value there, O + g^T (-H)^-1 g / 2, is below `bar`. Farther away the model is
+/// not trusted: a long walk climbs past what the model at its start foresees.
+bool ModelTopBelow(const Vector6& g, const Matrix6& H, double value, double bar) {
+    const Eigen::LLT<Matrix6> cholesky(-H);
+    if (cholesky.info() != Eigen::Success) {
+        return false;
+    }
+    const Vector6 step = cholesky.solve(g);
+    return step.norm() <= 1.0 && value + 0.5 * g.dot(step) < bar;
+}
+
 /// The scales of the refinement's variables: angles turn the fit about its own centre and are
 /// scaled by its radius, like translations.
 Vector6 RefinementScale(double fitRadius) {
@@ -451,10 +464,14 @@ void KeepMostPromising(ExactOverlapObjective& objective, const std::vector<QVGau
 /// a few Newton steps away: on CDK2 pairs a refinement takes about 3 evaluations of value,
 /// gradient and Hessian, where BFGS took about 9 of value and gradient. A step that does not
 /// raise the overlap is halved, at most four times; the search stops when none does, when the
-/// largest scaled gradient component is at most `tolerance`, or after `iterations` steps.
+/// largest scaled gradient component is at most `tolerance`, or after `iterations` steps. It
+/// also stops, the candidate lost, when the top of the overlap's quadratic model lies within
+/// the trust length and below `toBeat`, the best overlap refined before (see ModelTopBelow):
+/// the rest of the walk would be spent on a pose that is not kept. On CDK2 that saves a sixth
+/// of the exact evaluations (9.1 to 7.6 per overlay) and changes the mean Tanimoto by 1e-5.
 double Refine(ExactOverlapObjective& objective, const std::vector<QVGaussian>& fit,
-              double fitRadius, unsigned int iterations, double tolerance, Candidate& candidate,
-              unsigned int& evaluations) {
+              double fitRadius, unsigned int iterations, double tolerance, double toBeat,
+              Candidate& candidate, unsigned int& evaluations) {
     // Angles turn the fit about its own centre: scaled by its radius, like translations.
     const Vector6 scale = RefinementScale(fitRadius);
     const auto scaled = [&](Vector6& g, Matrix6& H) {
@@ -480,6 +497,9 @@ double Refine(ExactOverlapObjective& objective, const std::vector<QVGaussian>& f
     }
     for (unsigned int iteration = 0; iteration < iterations; ++iteration) {
         if (g.cwiseAbs().maxCoeff() <= tolerance) {
+            break;
+        }
+        if (value < toBeat && ModelTopBelow(g, H, value, toBeat)) {
             break;
         }
         const Vector6 step = NewtonAscent(g, H);
@@ -512,8 +532,9 @@ double Refine(ExactOverlapObjective& objective, const std::vector<QVGaussian>& f
 /// Refines the `count` most promising distinct candidates (see KeepMostPromising) on the exact
 /// overlap of the reference's and the mover's densities, the search channels' included, and
 /// returns the index of the winner: the largest refined overlap (the refinement's own, pairs
-/// beyond its cut-off left out), the first of equal ones. With `count` 0, the best Hermite
-/// candidate, unrefined.
+/// beyond its cut-off left out), the first of equal ones. Each refinement after the first is
+/// given the best overlap so far, and stops once it cannot reach it (see Refine). With `count`
+/// 0, the best Hermite candidate, unrefined.
 std::size_t RefineBest(const PreparedMolecule& reference, const PreparedMolecule& mover,
                        const std::vector<SearchChannel>& channels, const Settings& settings,
                        unsigned int count, std::vector<Candidate>& candidates,
@@ -528,10 +549,13 @@ std::size_t RefineBest(const PreparedMolecule& reference, const PreparedMolecule
         const double moverRadius = Radius(mover.shape);
         KeepMostPromising(exact, moving.gaussians, moverRadius, candidates, refined, count,
                           evaluations);
+        double best = -INFINITY;
         for (const std::size_t i : refined) {
-            candidates[i].exactOverlap = Refine(
-                exact, moving.gaussians, moverRadius, settings.refineIterationLimit,
-                settings.refineTolerance * reference.shapeSelfOverlap, candidates[i], evaluations);
+            candidates[i].exactOverlap =
+                Refine(exact, moving.gaussians, moverRadius, settings.refineIterationLimit,
+                       settings.refineTolerance * reference.shapeSelfOverlap, best, candidates[i],
+                       evaluations);
+            best = std::max(best, candidates[i].exactOverlap);
         }
     }
     std::size_t winner = refined.front();

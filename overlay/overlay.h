@@ -24,7 +24,8 @@
 ///    same optimum) are ranked by the exact overlap one Newton step from each is expected to
 ///    reach, and the best `refineCandidates` of them are refined by Newton's method on the
 ///    exact analytic overlap of the atom Gaussians (its analytic gradient and Hessian); the
-///    best exact overlap wins.
+///    best exact overlap wins. A refinement stops early once the overlap is concave and the
+///    top of its quadratic model falls short of a pose refined before it.
 ///
 /// With colour (`Settings::colour`), steps 5 and 6 maximise shape overlap + w * colour overlap
 /// (w = `colourWeight`): each feature type present in both molecules is one more density,

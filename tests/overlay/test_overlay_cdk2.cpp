@@ -176,6 +176,29 @@ TEST(OverlayCdk2Test, ScoreInPlaceMatchesTheOverlay) {
     EXPECT_NEAR(inPlace.scores.overlap, overlay.scores.overlap, 1e-6 * overlay.scores.overlap);
 }
 
+/// Refining more of the candidate poses never loses the pose refined alone: the first candidate
+/// is refined the same either way, and the later ones, which stop as soon as they cannot beat
+/// the best so far, are kept only when they do.
+TEST(OverlayCdk2Test, MoreRefinedPosesNeverScoreLower) {
+    Settings one;
+    one.refineCandidates = 1;
+    Settings three;
+    three.refineCandidates = 3;
+    const std::vector<QVMol>& ligands = hermite_test::Cdk2Ligands();
+    unsigned int improved = 0;
+    for (std::size_t q = 0; q < 6; ++q) {
+        const Query alone(ligands[q], one), more(ligands[q], three);
+        for (std::size_t f = 10; f < 15; ++f) {
+            const Result first = alone.Overlay(ligands[f]);
+            const Result best = more.Overlay(ligands[f]);
+            EXPECT_GE(best.scores.overlap, first.scores.overlap * (1.0 - 1e-6)) << q << ", " << f;
+            improved += best.scores.overlap > first.scores.overlap * (1.0 + 1e-6) ? 1 : 0;
+            EXPECT_EQ(best.hermiteEvaluations, first.hermiteEvaluations) << q << ", " << f;
+        }
+    }
+    EXPECT_GT(improved, 0u);  // the later candidates do win some pairs
+}
+
 }  // namespace
 
 namespace {
