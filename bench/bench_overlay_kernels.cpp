@@ -1,7 +1,7 @@
 // Timings of the overlay driver's inner objectives: the fused Hermite overlap (value with
 // gradient) that the local searches evaluate, the exact overlap (value with gradient, and
-// with its Hessian for the refinement's Newton steps), and the exact pair sums that score a
-// pose, on molecule-sized densities.
+// with its Hessian for the refinement's Newton steps, on the pair sums and on a sampled
+// overlap field), and the exact pair sums that score a pose, on molecule-sized densities.
 
 #include <benchmark/benchmark.h>
 
@@ -10,6 +10,7 @@
 #include "bench_data.h"
 #include "overlay/exact_overlap.h"
 #include "overlay/fast_overlap.h"
+#include "overlay/overlap_field.h"
 #include "overlay/pair_overlap.h"
 
 namespace {
@@ -17,6 +18,7 @@ namespace {
 using hermite::overlay::ExactOverlapObjective;
 using hermite::overlay::Expansion;
 using hermite::overlay::FastOverlap;
+using hermite::overlay::OverlapField;
 using namespace hermite_bench;
 
 /// A generic pose: all three angles and translations non-zero.
@@ -55,6 +57,32 @@ void BM_ExactOverlapCurvature(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_ExactOverlapCurvature);
+
+// The same on the fixed density's sampled overlap field (0.6 angstrom), and the sampling, done
+// once per query.
+void BM_FieldOverlapCurvature(benchmark::State& state) {
+    const std::vector<QVSystem::QVGaussian> fixed = DrugLikeGaussians(1u);
+    const std::vector<QVSystem::QVGaussian> moving = DrugLikeGaussians(2u);
+    const ExactOverlapObjective objective(fixed, moving);
+    const OverlapField field(fixed, moving.front().GetExponent(), 0.6,
+                             ExactOverlapObjective::kCutoff, std::size_t{1} << 20);
+    double gradient[6], hessian[36];
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(objective.Curvature(field, gradient, hessian));
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_FieldOverlapCurvature);
+
+void BM_SampleOverlapField(benchmark::State& state) {
+    const std::vector<QVSystem::QVGaussian> fixed = DrugLikeGaussians(1u);
+    for (auto _ : state) {
+        const OverlapField field(fixed, fixed.front().GetExponent(), 0.6,
+                                 ExactOverlapObjective::kCutoff, std::size_t{1} << 20);
+        benchmark::DoNotOptimize(field.Empty());
+    }
+}
+BENCHMARK(BM_SampleOverlapField)->Unit(benchmark::kMicrosecond);
 
 // The exact overlap of two densities as a pose is scored, summed over every pair of Gaussians:
 // by the overlay's vectorised pair sum and by the library's term-by-term sum.

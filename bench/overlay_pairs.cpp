@@ -4,7 +4,8 @@
 //
 // Usage:
 //   overlay_pairs FILE.sdf [--order N] [--scan N] [--starts K] [--searches K] [--refine K]
-//                 [--refine-iterations I] [--tolerance T] [--lambda L] [--repeat R]
+//                 [--refine-iterations I] [--tolerance T] [--lambda L] [--field-spacing H]
+//                 [--repeat R]
 //       overlays every molecule (first conformer) onto every molecule, query-major;
 //   overlay_pairs FILE.sdf --score POSES.sdf
 //       POSES holds, query-major, the fit of every pair in the pose another tool found; prints
@@ -50,7 +51,7 @@ int Usage() {
     std::fprintf(stderr,
                  "usage: overlay_pairs FILE.sdf [--order N] [--scan N] [--starts K] "
                  "[--searches K] [--refine K] [--refine-iterations I] [--tolerance T] "
-                 "[--lambda L] [--repeat R] | FILE.sdf --score POSES.sdf\n");
+                 "[--lambda L] [--field-spacing H] [--repeat R] | FILE.sdf --score POSES.sdf\n");
     return 2;
 }
 
@@ -84,6 +85,7 @@ int main(int argc, char** argv) {
     const std::vector<QVChem::QVMol> mols = FirstConformers(argv[1]);
     Settings settings;
     unsigned int repeat = 1;
+    std::size_t queryCount = mols.size();
     for (int i = 2; i < argc; ++i) {
         const bool hasValue = i + 1 < argc;
         if (!hasValue) {
@@ -107,6 +109,10 @@ int main(int argc, char** argv) {
             settings.refineCandidates = static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--refine-iterations") {
             settings.refineIterationLimit = static_cast<unsigned int>(std::atoi(value));
+        } else if (option == "--queries") {
+            queryCount = static_cast<std::size_t>(std::atoll(value));
+        } else if (option == "--field-spacing") {
+            settings.refineFieldSpacing = std::atof(value);
         } else if (option == "--tolerance") {
             settings.relativeTolerance = std::atof(value);
         } else if (option == "--repeat") {
@@ -125,8 +131,8 @@ int main(int argc, char** argv) {
         pairs = 0;
         hermiteEvaluations = exactEvaluations = 0;
         const auto start = std::chrono::steady_clock::now();
-        for (const QVChem::QVMol& queryMolecule : mols) {
-            const Query query(queryMolecule, settings);
+        for (std::size_t q = 0; q < std::min(queryCount, mols.size()); ++q) {
+            const Query query(mols[q], settings);
             for (const QVChem::QVMol& fit : mols) {
                 const hermite::overlay::Result result = query.Overlay(fit);
                 sum += result.scores.shapeTanimoto;

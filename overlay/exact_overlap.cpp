@@ -56,6 +56,66 @@ void Apply(const double* R, const double* p, double* out) {
     }
 }
 
+/// The gradient and Hessian of an overlap with respect to the motion y of the moving centres
+/// at y = 0, summed over the centres: every centre at m (relative to the mean centre g) goes to
+/// p = R m + g + t, so dp/dt = I, dp/d(angle a) = v_a = G_a m = e_a x m (G_a the generator of
+/// rotations about axis a) and, for a <= b in the order of the product Rx Ry Rz,
+/// d2p/(d angle a d angle b) = G_a G_b m = e_a x (e_b x m) = e_b m_a - e_a . e_b m. With f and
+/// A the gradient and Hessian of a centre's overlap with respect to p:
+///   dO/dt = f, dO/d angle = m x f,
+///   H_tt = A, H_(angle a, t) = A v_a, H_(angle a, angle b) = v_a . A v_b + f_b m_a - delta_ab f .
+///   m.
+struct RigidMotionSums {
+    double gradient[6] = {0, 0, 0, 0, 0, 0};
+    double tt[6] = {0, 0, 0, 0, 0, 0};  // upper triangle xx, xy, xz, yy, yz, zz
+    double rt[3][3] = {};               // rt[a][b]: angle a, translation b
+    double rr[6] = {0, 0, 0, 0, 0, 0};  // upper triangle
+
+    /// Adds a centre at `m` with gradient `f` and Hessian `A` (upper triangle).
+    void Add(const double* m, const double* f, const double* A) {
+        const double v[3][3] = {{0.0, -m[2], m[1]}, {m[2], 0.0, -m[0]}, {-m[1], m[0], 0.0}};
+        gradient[0] += m[1] * f[2] - m[2] * f[1];
+        gradient[1] += m[2] * f[0] - m[0] * f[2];
+        gradient[2] += m[0] * f[1] - m[1] * f[0];
+        for (int b = 0; b < 3; ++b) {
+            gradient[3 + b] += f[b];
+        }
+        for (int i = 0; i < 6; ++i) {
+            tt[i] += A[i];
+        }
+        const double full[3][3] = {{A[0], A[1], A[2]}, {A[1], A[3], A[4]}, {A[2], A[4], A[5]}};
+        double Av[3][3];
+        for (int a = 0; a < 3; ++a) {
+            for (int b = 0; b < 3; ++b) {
+                Av[a][b] = full[b][0] * v[a][0] + full[b][1] * v[a][1] + full[b][2] * v[a][2];
+                rt[a][b] += Av[a][b];
+            }
+        }
+        const double fm = Dot(f, m);
+        int i = 0;
+        for (int a = 0; a < 3; ++a) {
+            for (int b = a; b < 3; ++b, ++i) {
+                rr[i] += Dot(v[a], Av[b]) + f[b] * m[a] - (a == b ? fm : 0.0);
+            }
+        }
+    }
+
+    /// Writes the gradient (6) and the full Hessian (6 x 6, row-major; angles, then t).
+    void Write(double* g, double* H) const {
+        std::copy(gradient, gradient + 6, g);
+        int i = 0;
+        for (int a = 0; a < 3; ++a) {
+            for (int b = a; b < 3; ++b, ++i) {
+                H[6 * a + b] = H[6 * b + a] = rr[i];
+                H[6 * (3 + a) + 3 + b] = H[6 * (3 + b) + 3 + a] = tt[i];
+            }
+            for (int b = 0; b < 3; ++b) {
+                H[6 * a + 3 + b] = H[6 * (3 + b) + a] = rt[a][b];
+            }
+        }
+    }
+};
+
 }  // namespace
 
 std::vector<unsigned int> ExactOverlapObjective::KindsOf(const std::vector<Point>& points,
@@ -368,13 +428,8 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
 }
 
 double ExactOverlapObjective::Curvature(double* gradient, double* hessian) const {
-    // At y = 0, R = Rx(a) Ry(b) Rz(c) is the identity, its first derivatives are the generators
-    // G_a and its second derivatives G_a G_b for a <= b (in the order of the product).
-    static const double G[3][9] = {
-        {0, 0, 0, 0, 0, -1, 0, 1, 0}, {0, 0, 1, 0, 0, 0, -1, 0, 0}, {0, -1, 0, 1, 0, 0, 0, 0, 0}};
     double overlap = 0.0;
-    double g[6] = {0, 0, 0, 0, 0, 0};
-    double H[36] = {};
+    RigidMotionSums sums;
     for (std::size_t j = 0; j < moving_.size(); ++j) {
         if (!Overlaps(j)) {
             continue;
@@ -419,38 +474,41 @@ double ExactOverlapObjective::Curvature(double* gradient, double* hessian) const
             A[5] += yz;
             A[8] += zz;
         });
-        A[0] -= diagonal;
-        A[4] -= diagonal;
-        A[8] -= diagonal;
-        A[3] = A[1];  // symmetric: the lower triangle mirrors the upper
-        A[6] = A[2];
-        A[7] = A[5];
-        // The chain rule through p = R m + g + t: dp/d(angle a) = v_a = G_a m, the second
-        // derivatives G_a G_b m, and dp/dt = I.
-        double v[3][3], Av[3][3];
-        for (int a = 0; a < 3; ++a) {
-            Apply(G[a], m.x, v[a]);
-            Apply(A, v[a], Av[a]);
-        }
-        for (int a = 0; a < 3; ++a) {
-            g[a] += Dot(f, v[a]);
-            g[3 + a] += f[a];
-            for (int b = 0; b < 3; ++b) {
-                H[6 * (3 + a) + 3 + b] += A[3 * a + b];
-                H[6 * a + 3 + b] += Av[a][b];
-                H[6 * (3 + b) + a] += Av[a][b];
-                if (b >= a) {
-                    double w[3];
-                    Apply(G[a], v[b], w);  // G_a G_b m
-                    const double value = Dot(v[a], Av[b]) + Dot(f, w);
-                    H[6 * a + b] += value;
-                    H[6 * b + a] += b != a ? value : 0.0;
-                }
-            }
-        }
+        const double upper[6] = {A[0] - diagonal, A[1], A[2],
+                                 A[4] - diagonal, A[5], A[8] - diagonal};
+        sums.Add(m.x, f, upper);
     }
-    std::copy(g, g + 6, gradient);
-    std::copy(H, H + 36, hessian);
+    sums.Write(gradient, hessian);
+    return overlap;
+}
+
+double ExactOverlapObjective::Curvature(const OverlapField& field, double* gradient,
+                                        double* hessian) const {
+    // The samples are scattered over megabytes: all are located and requested first, so that
+    // their fetches from memory overlap, then read.
+    std::vector<std::size_t> index(moving_.size());
+    std::vector<double> delta(3 * moving_.size());
+    for (std::size_t j = 0; j < moving_.size(); ++j) {
+        const Point& m = moving_[j];
+        const double p[3] = {m.x[0] + centre_[0], m.x[1] + centre_[1], m.x[2] + centre_[2]};
+        index[j] = field.Locate(p, &delta[3 * j]);
+        field.Prefetch(index[j]);
+    }
+    double overlap = 0.0;
+    RigidMotionSums sums;
+    for (std::size_t j = 0; j < moving_.size(); ++j) {
+        const Point& m = moving_[j];
+        double f[3], A[6];
+        overlap += m.prefactor * field.At(index[j], &delta[3 * j], f, A);
+        for (double& component : f) {
+            component *= m.prefactor;
+        }
+        for (double& component : A) {
+            component *= m.prefactor;
+        }
+        sums.Add(m.x, f, A);
+    }
+    sums.Write(gradient, hessian);
     return overlap;
 }
 

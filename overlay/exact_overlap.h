@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "overlay/overlap_field.h"
 
 namespace hermite::overlay {
 
@@ -51,6 +52,11 @@ public:
     /// O at y = 0 (the moving centres as set), with its gradient dO/dy (6 values) and its
     /// Hessian (6 x 6, row-major), for Newton steps: one pass over the near pairs.
     double Curvature(double* gradient, double* hessian) const;
+
+    /// The same with the overlap of each moving centre taken from `field` (sampled from the
+    /// fixed density for moving Gaussians of their exponent) instead of the pair sums: one
+    /// lookup per moving centre. Every moving Gaussian must have the field's exponent.
+    double Curvature(const OverlapField& field, double* gradient, double* hessian) const;
 
 private:
     struct Point {

@@ -303,6 +303,8 @@ class OverlaySettings:
         colour_refine_candidates: int = ...,
         refine_iteration_limit: int = ...,
         refine_tolerance: float = ...,
+        refine_field_atoms: int = ...,
+        refine_field_spacing: float = ...,
         electrostatics: bool = ...,
         electrostatic_width: float = ...,
         electrostatic_weight: float = ...,
@@ -324,6 +326,8 @@ class OverlaySettings:
     colour_refine_candidates: int
     refine_iteration_limit: int
     refine_tolerance: float
+    refine_field_atoms: int
+    refine_field_spacing: float
     electrostatics: bool
     electrostatic_width: float
     electrostatic_weight: float
@@ -422,6 +426,8 @@ def overlay(
     colour_refine_candidates: int = ...,
     refine_iteration_limit: int = ...,
     refine_tolerance: float = ...,
+    refine_field_atoms: int = ...,
+    refine_field_spacing: float = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
     electrostatic_weight: float = ...,
@@ -449,6 +455,8 @@ def score(
     colour_refine_candidates: int = ...,
     refine_iteration_limit: int = ...,
     refine_tolerance: float = ...,
+    refine_field_atoms: int = ...,
+    refine_field_spacing: float = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
     electrostatic_weight: float = ...,
@@ -480,6 +488,8 @@ def screen(
     colour_refine_candidates: int = ...,
     refine_iteration_limit: int = ...,
     refine_tolerance: float = ...,
+    refine_field_atoms: int = ...,
+    refine_field_spacing: float = ...,
     electrostatics: bool = ...,
     electrostatic_width: float = ...,
     electrostatic_weight: float = ...,

@@ -195,6 +195,8 @@ const char* const kSettingNames[] = {"order",
                                      "colour_refine_candidates",
                                      "refine_iteration_limit",
                                      "refine_tolerance",
+                                     "refine_field_atoms",
+                                     "refine_field_spacing",
                                      "electrostatics",
                                      "electrostatic_width",
                                      "electrostatic_weight",
@@ -302,6 +304,8 @@ std::string SettingsRepr(const Settings& s) {
         << ", colour_refine_candidates=" << s.colourRefineCandidates
         << ", refine_iteration_limit=" << s.refineIterationLimit
         << ", refine_tolerance=" << Repr(s.refineTolerance)
+        << ", refine_field_atoms=" << s.refineFieldAtoms
+        << ", refine_field_spacing=" << Repr(s.refineFieldSpacing)
         << ", electrostatics=" << (s.electrostatics ? "True" : "False")
         << ", electrostatic_width=" << Repr(s.electrostaticWidth)
         << ", electrostatic_weight=" << Repr(s.electrostaticWeight)
@@ -378,6 +382,8 @@ py::dict SettingsState(const Settings& s) {
     d["colour_refine_candidates"] = s.colourRefineCandidates;
     d["refine_iteration_limit"] = s.refineIterationLimit;
     d["refine_tolerance"] = s.refineTolerance;
+    d["refine_field_atoms"] = s.refineFieldAtoms;
+    d["refine_field_spacing"] = s.refineFieldSpacing;
     d["electrostatics"] = s.electrostatics;
     d["electrostatic_width"] = s.electrostaticWidth;
     d["electrostatic_weight"] = s.electrostaticWeight;
@@ -722,6 +728,12 @@ std::string SettingsDoc() {
         << "    refine_tolerance: gradient tolerance of the exact refinement, relative to "
            "the self-overlap of the smaller molecule ["
         << Repr(d.refineTolerance) << "].\n"
+        << "    refine_field_atoms: molecules of this many atoms or more, both of them, are "
+           "refined on the query's sampled overlap field before the last exact steps ["
+        << d.refineFieldAtoms << "].\n"
+        << "    refine_field_spacing: spacing of the field's samples in angstrom, 0 to 2; 0 "
+           "never uses the field ["
+        << Repr(d.refineFieldSpacing) << "].\n"
         << "    electrostatics: also compute the electrostatic scores from the partial charges ["
         << (d.electrostatics ? "True" : "False") << "].\n"
         << "    electrostatic_width: width of the electrostatic Gaussians in angstrom ["
@@ -862,6 +874,10 @@ Args:
     refine_iteration_limit: Newton iteration limit of the exact refinement.
     refine_tolerance: gradient tolerance of the exact refinement, relative to the
         self-overlap of the smaller molecule.
+    refine_field_atoms: molecules of this many atoms or more (both of a pair) are refined on
+        the query's overlap field, sampled once per query, before the last exact steps: for
+        large molecules, fewer costly exact evaluations for the same poses.
+    refine_field_spacing: spacing of the field's samples, angstrom (0 to 2; 0: never).
     electrostatics: also compute electrostatic scores (needs partial charges).
     electrostatic_width: width of the electrostatic Gaussians, angstrom.
     electrostatic_weight: weight of the electrostatic overlap against the shape overlap in the
@@ -934,6 +950,13 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
             PositiveSetter(&Settings::refineTolerance, "refine_tolerance"),
             "Gradient tolerance of the exact refinement relative to the smaller molecule's "
             "self-overlap.")
+        .def_property("refine_field_atoms", Getter(&Settings::refineFieldAtoms),
+                      CountSetter(&Settings::refineFieldAtoms, "refine_field_atoms", 100000),
+                      "Molecules of this many atoms or more (both of a pair) are refined on the "
+                      "query's overlap field before the last exact steps.")
+        .def_property("refine_field_spacing", Getter(&Settings::refineFieldSpacing),
+                      WeightSetter(&Settings::refineFieldSpacing, "refine_field_spacing", 2.0),
+                      "Spacing of the overlap field's samples (angstrom; 0: never used).")
         .def_property("electrostatics", Getter(&Settings::electrostatics),
                       FlagSetter(&Settings::electrostatics), "Compute the electrostatic scores.")
         .def_property("electrostatic_width", Getter(&Settings::electrostaticWidth),

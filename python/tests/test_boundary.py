@@ -97,6 +97,7 @@ OVERLAY_INTEGERS = [
     ("iteration_limit", 0, 1000000),
     ("refine_candidates", 0, 1000),
     ("refine_iteration_limit", 0, 1000000),
+    ("refine_field_atoms", 0, 100000),
 ]
 
 

@@ -143,6 +143,10 @@ def test_molecule_and_overlay_inputs(molecule: hermite.Molecule) -> None:
     bad(lambda: hermite.overlay(molecule, molecule, scan_shift=-1.0),
         "scan_shift must lie in 0..10, got -1.0")
     bad(lambda: hermite.overlay(molecule, molecule, scan_shift=INF), "scan_shift must lie in")
+    bad(lambda: hermite.overlay(molecule, molecule, refine_field_spacing=-0.5),
+        "refine_field_spacing must lie in 0..2, got -0.5")
+    bad(lambda: hermite.overlay(molecule, molecule, refine_field_spacing=NAN),
+        "refine_field_spacing must lie in")
     bad(lambda: hermite.overlay(molecule, molecule, electrostatic_width=NAN),
         "electrostatic_width")
     bad(lambda: hermite.OverlaySettings(iteration_limit=-5), "iteration_limit")

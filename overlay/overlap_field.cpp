@@ -1,0 +1,171 @@
+#include "overlay/overlap_field.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace hermite::overlay {
+
+namespace {
+
+constexpr double kPi = 3.141592653589793;
+
+}  // namespace
+
+OverlapField::OverlapField(const std::vector<QVSystem::QVGaussian>& fixed, double movingExponent,
+                           double spacing, double cutoff, std::size_t maxPoints)
+    : movingExponent_(movingExponent), spacing_(spacing), inverseSpacing_(1.0 / spacing) {
+    if (fixed.empty() || !(movingExponent > 0.0) || !(spacing > 0.0) || !(cutoff > 0.0)) {
+        return;
+    }
+    // The pair constants of each fixed Gaussian with a moving one of unit prefactor, and the
+    // box its terms above e^-cutoff reach.
+    struct Term {
+        double q[3];
+        double C;
+        double k;
+        double reach;
+    };
+    std::vector<Term> terms;
+    double low[3] = {INFINITY, INFINITY, INFINITY};
+    double high[3] = {-INFINITY, -INFINITY, -INFINITY};
+    for (const QVSystem::QVGaussian& g : fixed) {
+        const double exponentSum = g.GetExponent() + movingExponent;
+        const double piOverP = kPi / exponentSum;
+        const double k = g.GetExponent() * movingExponent / exponentSum;
+        const Term term{{g.GetX(), g.GetY(), g.GetZ()},
+                        g.GetPrefactor() * piOverP * std::sqrt(piOverP),
+                        k,
+                        std::sqrt(cutoff / k)};
+        if (term.C == 0.0 || !std::isfinite(term.reach)) {
+            continue;
+        }
+        for (int a = 0; a < 3; ++a) {
+            low[a] = std::min(low[a], term.q[a] - term.reach);
+            high[a] = std::max(high[a], term.q[a] + term.reach);
+        }
+        terms.push_back(term);
+    }
+    if (terms.empty()) {
+        return;
+    }
+    double count = 1.0;
+    for (int a = 0; a < 3; ++a) {
+        origin_[a] = low[a];
+        // One point more than the extent needs, so that every point within the reach has its
+        // nearest point on the grid.
+        const double points = std::floor((high[a] - low[a]) * inverseSpacing_) + 2.0;
+        points_[a] = static_cast<long>(std::min(points, 1e9));
+        count *= points;
+    }
+    if (!(count <= static_cast<double>(maxPoints))) {
+        std::fill(points_, points_ + 3, 0L);  // empty: every point lies beyond the grid
+        return;
+    }
+    samples_.assign(kValues * static_cast<std::size_t>(count), 0.0f);
+    for (const Term& term : terms) {
+        AddTerm(term.q, term.C, term.k, term.reach);
+    }
+}
+
+void OverlapField::AddTerm(const double* q, double C, double k, double reach) {
+    // The term factorises along the axes, e^{-k |d|^2} = e^{-k dx^2} e^{-k dy^2} e^{-k dz^2}:
+    // one exponential per axis and point of the box instead of one per point.
+    long first[3], last[3];
+    std::vector<double> offset[3], factor[3];
+    for (int a = 0; a < 3; ++a) {
+        first[a] = std::max(
+            0L, static_cast<long>(std::ceil((q[a] - reach - origin_[a]) * inverseSpacing_)));
+        last[a] =
+            std::min(points_[a] - 1,
+                     static_cast<long>(std::floor((q[a] + reach - origin_[a]) * inverseSpacing_)));
+        for (long i = first[a]; i <= last[a]; ++i) {
+            const double d = q[a] - (origin_[a] + static_cast<double>(i) * spacing_);
+            offset[a].push_back(d);
+            factor[a].push_back(std::exp(-k * d * d));
+        }
+    }
+    // With d = q - x, T = C e^{-k d^2} and s = 2k T: the gradient of T is s d and its Hessian
+    // 2k s d d^T - s I.
+    // Only the points within the reach (a sphere, half the box): the rows of the box cut to
+    // the chord of the sphere at their y and z.
+    const double reach2 = reach * reach;
+    for (long z = first[2]; z <= last[2]; ++z) {
+        const double dz = offset[2][z - first[2]];
+        const double fz = C * factor[2][z - first[2]];
+        for (long y = first[1]; y <= last[1]; ++y) {
+            const double dy = offset[1][y - first[1]];
+            const double chord2 = reach2 - dy * dy - dz * dz;
+            if (chord2 < 0.0) {
+                continue;
+            }
+            const double chord = std::sqrt(chord2);
+            const long from = std::max(
+                first[0],
+                static_cast<long>(std::ceil((q[0] - chord - origin_[0]) * inverseSpacing_)));
+            const long to = std::min(
+                last[0],
+                static_cast<long>(std::floor((q[0] + chord - origin_[0]) * inverseSpacing_)));
+            const double fyz = fz * factor[1][y - first[1]];
+            float* out = &samples_[kValues * static_cast<std::size_t>(
+                                                 (z * points_[1] + y) * points_[0] + from)];
+            for (long x = from; x <= to; ++x, out += kValues) {
+                const double dx = offset[0][x - first[0]];
+                const double T = fyz * factor[0][x - first[0]];
+                const double s = 2.0 * k * T;
+                const double twoKs = 2.0 * k * s;
+                const float terms[kValues] = {static_cast<float>(T),
+                                              static_cast<float>(s * dx),
+                                              static_cast<float>(s * dy),
+                                              static_cast<float>(s * dz),
+                                              static_cast<float>(twoKs * dx * dx - s),
+                                              static_cast<float>(twoKs * dx * dy),
+                                              static_cast<float>(twoKs * dx * dz),
+                                              static_cast<float>(twoKs * dy * dy - s),
+                                              static_cast<float>(twoKs * dy * dz),
+                                              static_cast<float>(twoKs * dz * dz - s)};
+                for (std::size_t v = 0; v < kValues; ++v) {
+                    out[v] += terms[v];
+                }
+            }
+        }
+    }
+}
+
+std::size_t OverlapField::Locate(const double* x, double* delta) const {
+    std::size_t index = 0;
+    for (int a = 2; a >= 0; --a) {
+        const double nearest = std::floor((x[a] - origin_[a]) * inverseSpacing_ + 0.5);
+        if (!(nearest >= 0.0 && nearest < static_cast<double>(points_[a]))) {
+            return kNowhere;  // beyond the reach of every term (or not a finite point)
+        }
+        index = index * static_cast<std::size_t>(points_[a]) + static_cast<std::size_t>(nearest);
+        delta[a] = x[a] - (origin_[a] + nearest * spacing_);
+    }
+    return index;
+}
+
+double OverlapField::At(std::size_t index, const double* delta, double* gradient,
+                        double* hessian) const {
+    if (index == kNowhere) {
+        std::fill(gradient, gradient + 3, 0.0);
+        std::fill(hessian, hessian + 6, 0.0);
+        return 0.0;
+    }
+    const float* s = &samples_[kValues * index];
+    const double H[3][3] = {{s[4], s[5], s[6]}, {s[5], s[7], s[8]}, {s[6], s[8], s[9]}};
+    double value = s[0];
+    for (int a = 0; a < 3; ++a) {
+        const double Hdelta = H[a][0] * delta[0] + H[a][1] * delta[1] + H[a][2] * delta[2];
+        gradient[a] = s[1 + a] + Hdelta;
+        value += (s[1 + a] + 0.5 * Hdelta) * delta[a];
+    }
+    std::copy(s + 4, s + 10, hessian);
+    return value;
+}
+
+double OverlapField::At(const double* x, double* gradient, double* hessian) const {
+    double delta[3];
+    return At(Locate(x, delta), delta, gradient, hessian);
+}
+
+}  // namespace hermite::overlay
