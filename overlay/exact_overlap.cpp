@@ -286,21 +286,41 @@ void ExactOverlapObjective::StorePairConstants() {
 }
 
 void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& moving) {
+    PlaceMoving(moving, [](double*) {});
+}
+
+void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& moving,
+                                      const QVChem::QVTrans& motion) {
+    PlaceMoving(moving, [&motion](double* p) {
+        motion.Apply(p);
+        for (int a = 0; a < 3; ++a) {
+            p[a] = static_cast<float>(p[a]);
+        }
+    });
+}
+
+template <class Place>
+void ExactOverlapObjective::PlaceMoving(const std::vector<QVSystem::QVGaussian>& moving,
+                                        Place place) {
     centre_[0] = centre_[1] = centre_[2] = 0.0;
-    for (const QVSystem::QVGaussian& g : moving) {
-        centre_[0] += g.GetX();
-        centre_[1] += g.GetY();
-        centre_[2] += g.GetZ();
+    moving_.resize(moving.size());
+    for (std::size_t j = 0; j < moving.size(); ++j) {
+        const QVSystem::QVGaussian& g = moving[j];
+        Point& m = moving_[j];
+        m = {{g.GetX(), g.GetY(), g.GetZ()}, g.GetPrefactor(), g.GetExponent()};
+        place(m.x);
+        for (int a = 0; a < 3; ++a) {
+            centre_[a] += m.x[a];
+        }
     }
     const double count = moving.empty() ? 1.0 : static_cast<double>(moving.size());
     for (double& c : centre_) {
         c /= count;
     }
-    moving_.clear();
-    for (const QVSystem::QVGaussian& g : moving) {
-        moving_.push_back({{g.GetX() - centre_[0], g.GetY() - centre_[1], g.GetZ() - centre_[2]},
-                           g.GetPrefactor(),
-                           g.GetExponent()});
+    for (Point& m : moving_) {
+        for (int a = 0; a < 3; ++a) {
+            m.x[a] -= centre_[a];
+        }
     }
 }
 

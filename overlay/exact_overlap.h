@@ -41,6 +41,9 @@ public:
     /// (prefactors and exponents, in the same order) as the one the objective was made with, so
     /// that the pair constants are kept. The motion y = 0 is then `moving` as given.
     void SetMoving(const std::vector<QVSystem::QVGaussian>& moving);
+    /// The same with `moving` placed by `motion`: each centre moved in double precision and
+    /// rounded to float, as MovedGaussians places them, without copying the Gaussians.
+    void SetMoving(const std::vector<QVSystem::QVGaussian>& moving, const QVChem::QVTrans& motion);
 
     unsigned int NumVar() const override { return 6; }
     double operator()(const double* y) override;
@@ -82,6 +85,11 @@ private:
     static std::vector<unsigned int> KindsOf(const std::vector<Point>& points,
                                              const std::vector<unsigned int>& channels,
                                              std::vector<GaussianKind>& kinds);
+
+    /// Stores `moving` relative to its mean centre, each centre first passed to `place`
+    /// (a callable taking the 3 coordinates, in place).
+    template <class Place>
+    void PlaceMoving(const std::vector<QVSystem::QVGaussian>& moving, Place place);
 
     /// O and, when `gradient` is not null, dO/dy.
     double Evaluate(const double* y, double* gradient) const;

@@ -68,8 +68,11 @@ OverlapField::OverlapField(const std::vector<QVSystem::QVGaussian>& fixed, doubl
 }
 
 void OverlapField::AddTerm(const double* q, double C, double k, double reach) {
-    // The term factorises along the axes, e^{-k |d|^2} = e^{-k dx^2} e^{-k dy^2} e^{-k dz^2}:
-    // one exponential per axis and point of the box instead of one per point.
+    // With d = q - x, T = C e^{-k d^2} and s = 2k T, the gradient of T is s d and its Hessian
+    // 2k s d d^T - s I. The term factorises along the axes, e^{-k d^2} = e^{-k dx^2}
+    // e^{-k dy^2} e^{-k dz^2}, and so does each of the ten values: a product of a factor of
+    // the point's x, taken from tables along the row, and one of its row (y, z), one product
+    // per value and point.
     long first[3], last[3];
     std::vector<double> offset[3], factor[3];
     for (int a = 0; a < 3; ++a) {
@@ -84,14 +87,21 @@ void OverlapField::AddTerm(const double* q, double C, double k, double reach) {
             factor[a].push_back(std::exp(-k * d * d));
         }
     }
-    // With d = q - x, T = C e^{-k d^2} and s = 2k T: the gradient of T is s d and its Hessian
-    // 2k s d d^T - s I.
+    // Along x: e, 2k e dx, 4k^2 e dx^2 - 2k e and 4k^2 e dx.
+    const std::size_t columns = offset[0].size();
+    std::vector<float> ex(columns), exD(columns), exDD(columns), exD2(columns);
+    for (std::size_t i = 0; i < columns; ++i) {
+        const double e = factor[0][i], dx = offset[0][i];
+        ex[i] = static_cast<float>(e);
+        exD[i] = static_cast<float>(2 * k * e * dx);
+        exDD[i] = static_cast<float>((4 * k * k * dx * dx - 2 * k) * e);
+        exD2[i] = static_cast<float>(4 * k * k * e * dx);
+    }
     // Only the points within the reach (a sphere, half the box): the rows of the box cut to
     // the chord of the sphere at their y and z.
     const double reach2 = reach * reach;
     for (long z = first[2]; z <= last[2]; ++z) {
         const double dz = offset[2][z - first[2]];
-        const double fz = C * factor[2][z - first[2]];
         for (long y = first[1]; y <= last[1]; ++y) {
             const double dy = offset[1][y - first[1]];
             const double chord2 = reach2 - dy * dy - dz * dz;
@@ -105,27 +115,29 @@ void OverlapField::AddTerm(const double* q, double C, double k, double reach) {
             const long to = std::min(
                 last[0],
                 static_cast<long>(std::floor((q[0] + chord - origin_[0]) * inverseSpacing_)));
-            const double fyz = fz * factor[1][y - first[1]];
+            const double row = C * factor[2][z - first[2]] * factor[1][y - first[1]];
+            const float r = static_cast<float>(row);
+            const float rDy = static_cast<float>(row * dy), rDz = static_cast<float>(row * dz);
+            const float dyTerm = static_cast<float>(2 * k * dy);
+            const float dzTerm = static_cast<float>(2 * k * dz);
+            const float dyy = static_cast<float>(4 * k * k * dy * dy - 2 * k);
+            const float dyz = static_cast<float>(4 * k * k * dy * dz);
+            const float dzz = static_cast<float>(4 * k * k * dz * dz - 2 * k);
             float* out = &samples_[kValues * static_cast<std::size_t>(
                                                  (z * points_[1] + y) * points_[0] + from)];
-            for (long x = from; x <= to; ++x, out += kValues) {
-                const double dx = offset[0][x - first[0]];
-                const double T = fyz * factor[0][x - first[0]];
-                const double s = 2.0 * k * T;
-                const double twoKs = 2.0 * k * s;
-                const float terms[kValues] = {static_cast<float>(T),
-                                              static_cast<float>(s * dx),
-                                              static_cast<float>(s * dy),
-                                              static_cast<float>(s * dz),
-                                              static_cast<float>(twoKs * dx * dx - s),
-                                              static_cast<float>(twoKs * dx * dy),
-                                              static_cast<float>(twoKs * dx * dz),
-                                              static_cast<float>(twoKs * dy * dy - s),
-                                              static_cast<float>(twoKs * dy * dz),
-                                              static_cast<float>(twoKs * dz * dz - s)};
-                for (std::size_t v = 0; v < kValues; ++v) {
-                    out[v] += terms[v];
-                }
+            for (std::size_t i = static_cast<std::size_t>(from - first[0]);
+                 i <= static_cast<std::size_t>(to - first[0]); ++i, out += kValues) {
+                const float T = r * ex[i];
+                out[0] += T;
+                out[1] += r * exD[i];
+                out[2] += T * dyTerm;
+                out[3] += T * dzTerm;
+                out[4] += r * exDD[i];
+                out[5] += rDy * exD2[i];
+                out[6] += rDz * exD2[i];
+                out[7] += T * dyy;
+                out[8] += T * dyz;
+                out[9] += T * dzz;
             }
         }
     }

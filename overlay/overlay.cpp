@@ -453,7 +453,7 @@ void KeepMostPromising(ExactOverlapObjective& objective, const OverlapField* fie
     }
     for (const std::size_t i : distinct) {
         Candidate& candidate = candidates[i];
-        objective.SetMoving(MovedGaussians(fit, candidate.pose));
+        objective.SetMoving(fit, candidate.pose);
         candidate.exactOverlap =
             CurvatureOf(objective, field, candidate.gradient.data(), candidate.hessian.data());
         candidate.curvatureKnown = true;
@@ -490,7 +490,7 @@ double Refine(ExactOverlapObjective& objective, const OverlapField* field,
         H = scale.asDiagonal() * H * scale.asDiagonal();
     };
     const auto curvatureAt = [&](const QVTrans& pose, Vector6& g, Matrix6& H) {
-        objective.SetMoving(MovedGaussians(fit, pose));
+        objective.SetMoving(fit, pose);
         ++evaluations;
         const double value = CurvatureOf(objective, field, g.data(), H.data());
         scaled(g, H);
@@ -501,7 +501,7 @@ double Refine(ExactOverlapObjective& objective, const OverlapField* field,
     Matrix6 H = candidate.hessian;
     double value = candidate.exactOverlap;
     if (candidate.curvatureKnown) {
-        objective.SetMoving(MovedGaussians(fit, pose));  // Motion turns about its centre
+        objective.SetMoving(fit, pose);  // Motion turns about its centre
         scaled(g, H);
     } else {
         value = curvatureAt(pose, g, H);
@@ -518,7 +518,7 @@ double Refine(ExactOverlapObjective& objective, const OverlapField* field,
         for (double length = 1.0; length >= 1.0 / 16 && !climbed; length /= 2) {
             const Vector6 y = length * scale.cwiseProduct(step);
             if (length < 1.0) {
-                objective.SetMoving(MovedGaussians(fit, pose));  // Motion turns about its centre
+                objective.SetMoving(fit, pose);  // Motion turns about its centre
             }
             const QVTrans trial = pose.Then(objective.Motion(y.data()));
             Vector6 trialG;
