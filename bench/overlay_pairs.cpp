@@ -4,9 +4,10 @@
 //
 // Usage:
 //   overlay_pairs FILE.sdf [--order N] [--scan N] [--starts K] [--searches K] [--refine K]
-//                 [--refine-iterations I] [--tolerance T] [--lambda L] [--field-spacing H]
-//                 [--repeat R]
-//       overlays every molecule (first conformer) onto every molecule, query-major;
+//                 [--refine-iterations I] [--tolerance T] [--lambda L] [--field-atoms A]
+//                 [--field-spacing H] [--queries Q] [--repeat R]
+//       overlays every molecule (first conformer) onto every molecule, query-major (with
+//       --queries, only the first Q are queries: a screen of each against all);
 //   overlay_pairs FILE.sdf --score POSES.sdf
 //       POSES holds, query-major, the fit of every pair in the pose another tool found; prints
 //       the mean exact shape Tanimoto of those poses against the queries of FILE.
@@ -51,7 +52,8 @@ int Usage() {
     std::fprintf(stderr,
                  "usage: overlay_pairs FILE.sdf [--order N] [--scan N] [--starts K] "
                  "[--searches K] [--refine K] [--refine-iterations I] [--tolerance T] "
-                 "[--lambda L] [--field-spacing H] [--repeat R] | FILE.sdf --score POSES.sdf\n");
+                 "[--lambda L] [--field-atoms A] [--field-spacing H] [--queries Q] [--repeat R] | "
+                 "FILE.sdf --score POSES.sdf\n");
     return 2;
 }
 
@@ -111,6 +113,8 @@ int main(int argc, char** argv) {
             settings.refineIterationLimit = static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--queries") {
             queryCount = static_cast<std::size_t>(std::atoll(value));
+        } else if (option == "--field-atoms") {
+            settings.refineFieldAtoms = static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--field-spacing") {
             settings.refineFieldSpacing = std::atof(value);
         } else if (option == "--tolerance") {
