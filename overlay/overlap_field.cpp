@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "overlay/negative_exp.h"
+
 namespace hermite::overlay {
 
 namespace {
@@ -17,6 +19,7 @@ OverlapField::OverlapField(const std::vector<QVSystem::QVGaussian>& fixed, doubl
     if (fixed.empty() || !(movingExponent > 0.0) || !(spacing > 0.0) || !(cutoff > 0.0)) {
         return;
     }
+    cutoff = std::min(cutoff, kLargestExponent);  // beyond, the exponentials are 0 anyway
     // The pair constants of each fixed Gaussian with a moving one of unit prefactor, and the
     // box its terms above e^-cutoff reach.
     struct Term {
@@ -84,7 +87,8 @@ void OverlapField::AddTerm(const double* q, double C, double k, double reach) {
         for (long i = first[a]; i <= last[a]; ++i) {
             const double d = q[a] - (origin_[a] + static_cast<double>(i) * spacing_);
             offset[a].push_back(d);
-            factor[a].push_back(std::exp(-k * d * d));
+            // The polynomial exponential: the same bits on every machine (k d^2 <= cutoff).
+            factor[a].push_back(ExpOfNegative(-k * d * d));
         }
     }
     // Along x: e, 2k e dx, 4k^2 e dx^2 - 2k e and 4k^2 e dx.

@@ -33,7 +33,8 @@ public:
 
     /// The field of `fixed` for moving Gaussians of exponent `movingExponent` (> 0), sampled
     /// every `spacing` angstrom (> 0) over the points within the reach of a term above
-    /// e^-`cutoff`; empty when `fixed` is, or when that needs more than `maxPoints` points.
+    /// e^-`cutoff` (at most e^-kLargestExponent); empty when `fixed` is, or when that needs
+    /// more than `maxPoints` points.
     OverlapField(const std::vector<QVSystem::QVGaussian>& fixed, double movingExponent,
                  double spacing, double cutoff, std::size_t maxPoints);
 
