@@ -18,8 +18,9 @@ namespace hermite::overlay {
 /// is above e^-cutoff of its prefactor; between the points they are taken from the second-order
 /// Taylor expansion about the nearest one. With points h apart the value is then off by
 /// O(h^3) and the gradient by O(h^2), in units of the field's length scale k^-1/2 (1.6
-/// angstrom for two atoms of the shape density): at h = 0.5 angstrom a refinement that walks
-/// on the field ends within a Newton step of the exact optimum. Beyond the grid the field is 0.
+/// angstrom for two atoms of the shape density): from where a refinement that walks on the
+/// field at h = 0.6 angstrom ends, one or two Newton steps on the exact pair sums reach the
+/// exact optimum. Beyond the grid the field is 0.
 ///
 /// Evaluating it costs one lookup per moving Gaussian, whatever the number of fixed ones; the
 /// samples take 40 bytes a point (at 0.6 angstrom, under a megabyte for a drug-sized density

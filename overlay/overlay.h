@@ -119,7 +119,8 @@ struct Settings {
     /// ranked and walked on the field, a lookup per atom instead of a sum over its neighbours,
     /// and the winner then finished on the exact pair sums. For large molecules the walk is
     /// long and each exact step costly; at 70 heavy atoms a screen runs 1.5 times as fast
-    /// with it, with the same poses; below 40 it saves nothing (docs/overlay.md).
+    /// with it, with the same poses. Smaller molecules keep the exact walk: there the field
+    /// saves less and its poses are slightly worse (docs/overlay.md).
     unsigned int refineFieldAtoms = 50;
     /// Spacing (angstrom) of the overlap field's samples; 0 never refines on a field. The
     /// field is sampled once per query, when a fit first needs it (about 3 megabytes and under
