@@ -60,11 +60,11 @@ void Apply(const double* R, const double* p, double* out) {
 /// at y = 0, summed over the centres: every centre at m (relative to the mean centre g) goes to
 /// p = R m + g + t, so dp/dt = I, dp/d(angle a) = v_a = G_a m = e_a x m (G_a the generator of
 /// rotations about axis a) and, for a <= b in the order of the product Rx Ry Rz,
-/// d2p/(d angle a d angle b) = G_a G_b m = e_a x (e_b x m) = e_b m_a - e_a . e_b m. With f and
-/// A the gradient and Hessian of a centre's overlap with respect to p:
-///   dO/dt = f, dO/d angle = m x f,
-///   H_tt = A, H_(angle a, t) = A v_a, H_(angle a, angle b) = v_a . A v_b + f_b m_a - delta_ab f .
-///   m.
+/// d2p/(d angle a d angle b) = G_a G_b m = e_a x (e_b x m) = e_b m_a - delta_ab m. With f and
+/// A the gradient and Hessian of a centre's overlap with respect to p, the centre adds
+///   f to dO/dt and m x f to dO/d(angles),
+///   A to H_tt and A v_a to H_(angle a, t),
+///   v_a . A v_b + f_b m_a - delta_ab (f . m) to H_(angle a, angle b).
 struct RigidMotionSums {
     double gradient[6] = {0, 0, 0, 0, 0, 0};
     double tt[6] = {0, 0, 0, 0, 0, 0};  // upper triangle xx, xy, xz, yy, yz, zz
