@@ -25,7 +25,7 @@ using hermite::overlay::Result;
 using hermite::overlay::Settings;
 using QVSystem::QVGaussian;
 
-constexpr double kPi = 3.141592653589793;
+using hermite_test::kPi;
 constexpr double kCutoff = ExactOverlapObjective::kCutoff;
 
 /// The field of `fixed` at x for moving Gaussians of exponent a, every term summed with std::exp:
