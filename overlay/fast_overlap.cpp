@@ -1,5 +1,7 @@
 #include "overlay/fast_overlap.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace hermite::overlay {
@@ -33,11 +35,39 @@ Expansion Expansion::From(const QVHermiteMath::QVHermite& expansion) {
 
 namespace {
 
-/// F_0..F_N of one axis of one Gaussian: the recurrence of the library's one-Gaussian tables
-/// (F_1 = B F_0, F_k = (k - 1) A F_(k-2) + B F_(k-1)) with the same operations.
-void OneAxisTable(unsigned int N, double q, double A, double t, double y, double* F) {
-    const double B = 2.0 * t * q * y;
-    F[0] = std::sqrt(6.283185307179586 * q) * std::exp(-0.5 * q * y * y);
+/// What the one-axis tables of Gaussians of one exponent a share on each axis: with
+/// r = sqrt(2a) and t = r / lambda, q = 1 / (t^2 + 1), A = 2 (1 - t^2) q, the factor 2 t q of
+/// B and the factor sqrt(2 pi q) of F_0. Computed once per run of Gaussians of one exponent.
+struct AxisConstants {
+    float exponent = 0.0f;
+    double r = 0.0;
+    double A[3] = {0, 0, 0};
+    double halfQ[3] = {0, 0, 0};  ///< -q / 2
+    double twoTQ[3] = {0, 0, 0};  ///< 2 t q
+    double root[3] = {0, 0, 0};   ///< sqrt(2 pi q)
+
+    AxisConstants(float a, const double* lambda) : exponent(a) {
+        r = std::sqrt(2.0 * static_cast<double>(a));
+        for (unsigned int axis = 0; axis < 3; ++axis) {
+            const double t = r / lambda[axis];
+            const double q = 1.0 / (t * t + 1.0);
+            A[axis] = 2.0 * (1.0 - t * t) * q;
+            halfQ[axis] = -0.5 * q;
+            twoTQ[axis] = 2.0 * t * q;
+            root[axis] = std::sqrt(6.283185307179586 * q);
+        }
+    }
+};
+
+/// F_0..F_N on `axis` of a Gaussian of constants `c` centred at `centre` (angstrom): the
+/// recurrence of the library's one-Gaussian tables (F_1 = B F_0, F_k = (k - 1) A F_(k-2) +
+/// B F_(k-1), with y = centre r and B = 2 t q y) with the same operations.
+void OneAxisTable(unsigned int N, const AxisConstants& c, unsigned int axis, double centre,
+                  double* F) {
+    const double y = centre * c.r;
+    const double A = c.A[axis];
+    const double B = c.twoTQ[axis] * y;
+    F[0] = c.root[axis] * std::exp(c.halfQ[axis] * y * y);
     if (N >= 1) {
         F[1] = B * F[0];
     }
@@ -46,15 +76,38 @@ void OneAxisTable(unsigned int N, double q, double A, double t, double y, double
     }
 }
 
+/// The distinct values that the shifts take on each axis, and for each shift the position of
+/// its value on each axis: shifts along one axis at a time share the other axes' tables.
+struct ShiftValues {
+    std::array<std::vector<double>, 3> values;
+    std::vector<std::array<std::size_t, 3>> slots;
+
+    explicit ShiftValues(const std::vector<std::array<double, 3>>& shifts) {
+        for (const std::array<double, 3>& shift : shifts) {
+            std::array<std::size_t, 3> slot{};
+            for (unsigned int axis = 0; axis < 3; ++axis) {
+                std::vector<double>& axisValues = values[axis];
+                const auto found = std::find(axisValues.begin(), axisValues.end(), shift[axis]);
+                slot[axis] = static_cast<std::size_t>(found - axisValues.begin());
+                if (found == axisValues.end()) {
+                    axisValues.push_back(shift[axis]);
+                }
+            }
+            slots.push_back(slot);
+        }
+    }
+};
+
 }  // namespace
 
 Expansion Expansion::Of(const std::vector<QVSystem::QVGaussian>& gaussians, unsigned int order,
                         const double* lambda) {
-    Expansion result;
-    result.order = order;
-    for (unsigned int axis = 0; axis < 3; ++axis) {
-        result.lambda[axis] = lambda[axis];
-    }
+    return OfShifts(gaussians, order, lambda, {{0.0, 0.0, 0.0}}).front();
+}
+
+std::vector<Expansion> Expansion::OfShifts(const std::vector<QVSystem::QVGaussian>& gaussians,
+                                           unsigned int order, const double* lambda,
+                                           const std::vector<std::array<double, 3>>& shifts) {
     const std::vector<double> K = QVHermiteMath::computeKs(order);
     std::vector<double> kProduct;
     for (unsigned int s = 0; s <= order; ++s) {
@@ -64,26 +117,45 @@ Expansion Expansion::Of(const std::vector<QVSystem::QVGaussian>& gaussians, unsi
             }
         }
     }
-    result.coefficients.assign(kProduct.size(), 0.0);
-    std::vector<double> tables(3 * (order + 1));
+    Expansion blank;
+    blank.order = order;
+    std::copy(lambda, lambda + 3, blank.lambda);
+    blank.coefficients.assign(kProduct.size(), 0.0);
+    std::vector<Expansion> result(shifts.size(), blank);
+
+    const ShiftValues shiftValues(shifts);
+    const std::size_t rows = order + 1;
+    std::array<std::vector<double>, 3> tables;  // per axis: one row per distinct value
+    for (unsigned int axis = 0; axis < 3; ++axis) {
+        tables[axis].resize(shiftValues.values[axis].size() * rows);
+    }
+    AxisConstants constants(gaussians.empty() ? 0.0f : gaussians.front().GetExponent(), lambda);
     for (const QVSystem::QVGaussian& g : gaussians) {
-        const double r = std::sqrt(2.0 * static_cast<double>(g.GetExponent()));
-        const double centre[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        if (g.GetExponent() != constants.exponent) {
+            constants = AxisConstants(g.GetExponent(), lambda);
+        }
+        const float centre[3] = {g.GetX(), g.GetY(), g.GetZ()};
         for (unsigned int axis = 0; axis < 3; ++axis) {
-            const double t = r / lambda[axis];
-            const double q = 1.0 / (t * t + 1.0);
-            const double A = 2.0 * (1.0 - t * t) * q;
-            OneAxisTable(order, q, A, t, centre[axis] * r, &tables[axis * (order + 1)]);
+            const std::vector<double>& values = shiftValues.values[axis];
+            for (std::size_t v = 0; v < values.size(); ++v) {
+                // A shifted centre is rounded to single precision, as a moved Gaussian's is.
+                const double moved =
+                    values[v] == 0.0 ? centre[axis] : static_cast<float>(centre[axis] + values[v]);
+                OneAxisTable(order, constants, axis, moved, &tables[axis][v * rows]);
+            }
         }
         const double w = g.GetPrefactor();
-        const double* X = &tables[0];
-        const double* Y = &tables[order + 1];
-        const double* Z = &tables[2 * (order + 1)];
-        std::size_t index = 0;
-        for (unsigned int s = 0; s <= order; ++s) {
-            for (unsigned int l = 0; l <= s; ++l) {
-                for (unsigned int m = 0; m <= s - l; ++m, ++index) {
-                    result.coefficients[index] += w * X[l] * Y[m] * Z[s - l - m] / kProduct[index];
+        for (std::size_t j = 0; j < shifts.size(); ++j) {
+            const double* X = &tables[0][shiftValues.slots[j][0] * rows];
+            const double* Y = &tables[1][shiftValues.slots[j][1] * rows];
+            const double* Z = &tables[2][shiftValues.slots[j][2] * rows];
+            double* coefficients = result[j].coefficients.data();
+            std::size_t index = 0;
+            for (unsigned int s = 0; s <= order; ++s) {
+                for (unsigned int l = 0; l <= s; ++l) {
+                    for (unsigned int m = 0; m <= s - l; ++m, ++index) {
+                        coefficients[index] += w * X[l] * Y[m] * Z[s - l - m] / kProduct[index];
+                    }
                 }
             }
         }

@@ -15,6 +15,7 @@
 /// Thread safety: an object owns its scratch space; one object per thread.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <vector>
 
@@ -36,6 +37,15 @@ struct Expansion {
     /// same products and sums in the same order) without its derivative tables.
     static Expansion Of(const std::vector<QVSystem::QVGaussian>& gaussians, unsigned int order,
                         const double* lambda);
+
+    /// The expansions of `gaussians` moved by each of `shifts` (angstrom), each moved centre
+    /// rounded to single precision as MovedGaussians rounds it: equal to the last bit to Of of
+    /// the moved Gaussians, at a fraction of the cost when the shifts move along one axis at a
+    /// time (the tables of the axes a shift leaves alone are shared). One expansion per shift,
+    /// in their order.
+    static std::vector<Expansion> OfShifts(const std::vector<QVSystem::QVGaussian>& gaussians,
+                                           unsigned int order, const double* lambda,
+                                           const std::vector<std::array<double, 3>>& shifts);
 
     /// (1 / (lx ly lz)) * sum of c^2 K_l K_m K_n, as QVHermiteMath::QVHermite computes it.
     double SelfOverlap() const;

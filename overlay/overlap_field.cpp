@@ -91,18 +91,31 @@ void OverlapField::AddTerm(const double* q, double C, double k, double reach) {
             factor[a].push_back(ExpOfNegative(-k * d * d));
         }
     }
-    // Along x: e, 2k e dx, 4k^2 e dx^2 - 2k e and 4k^2 e dx.
+    // Each value is a factor of the point's x times one of its row (y, z): per column, the x
+    // factors of the ten values in their order (e, 2k e dx, e, e, 4k^2 e dx^2 - 2k e,
+    // 4k^2 e dx, 4k^2 e dx, e, e, e) ...
     const std::size_t columns = offset[0].size();
-    std::vector<float> ex(columns), exD(columns), exDD(columns), exD2(columns);
+    std::vector<float> columnFactors(kValues * columns);
     for (std::size_t i = 0; i < columns; ++i) {
         const double e = factor[0][i], dx = offset[0][i];
-        ex[i] = static_cast<float>(e);
-        exD[i] = static_cast<float>(2 * k * e * dx);
-        exDD[i] = static_cast<float>((4 * k * k * dx * dx - 2 * k) * e);
-        exD2[i] = static_cast<float>(4 * k * k * e * dx);
+        const float ex = static_cast<float>(e);
+        const float exD2 = static_cast<float>(4 * k * k * e * dx);
+        const float values[kValues] = {ex,
+                                       static_cast<float>(2 * k * e * dx),
+                                       ex,
+                                       ex,
+                                       static_cast<float>((4 * k * k * dx * dx - 2 * k) * e),
+                                       exD2,
+                                       exD2,
+                                       ex,
+                                       ex,
+                                       ex};
+        std::copy(values, values + kValues, &columnFactors[kValues * i]);
     }
-    // Only the points within the reach (a sphere, half the box): the rows of the box cut to
-    // the chord of the sphere at their y and z.
+    // ... and only the points within the reach (a sphere, half the box): the rows of the box
+    // cut to the chord of the sphere at their y and z. A row's samples and its columns' factors
+    // are both runs of ten floats per point, so that a row is one product of two runs, with the
+    // row's ten factors repeated (twice, so that the loop has a whole number of SIMD widths).
     const double reach2 = reach * reach;
     for (long z = first[2]; z <= last[2]; ++z) {
         const double dz = offset[2][z - first[2]];
@@ -119,29 +132,36 @@ void OverlapField::AddTerm(const double* q, double C, double k, double reach) {
             const long to = std::min(
                 last[0],
                 static_cast<long>(std::floor((q[0] + chord - origin_[0]) * inverseSpacing_)));
+            if (from > to) {
+                continue;
+            }
             const double row = C * factor[2][z - first[2]] * factor[1][y - first[1]];
-            const float r = static_cast<float>(row);
-            const float rDy = static_cast<float>(row * dy), rDz = static_cast<float>(row * dz);
-            const float dyTerm = static_cast<float>(2 * k * dy);
-            const float dzTerm = static_cast<float>(2 * k * dz);
-            const float dyy = static_cast<float>(4 * k * k * dy * dy - 2 * k);
-            const float dyz = static_cast<float>(4 * k * k * dy * dz);
-            const float dzz = static_cast<float>(4 * k * k * dz * dz - 2 * k);
+            const double rowValues[kValues] = {row,
+                                               row,
+                                               row * 2 * k * dy,
+                                               row * 2 * k * dz,
+                                               row,
+                                               row * dy,
+                                               row * dz,
+                                               row * (4 * k * k * dy * dy - 2 * k),
+                                               row * 4 * k * k * dy * dz,
+                                               row * (4 * k * k * dz * dz - 2 * k)};
+            float rowFactors[2 * kValues];
+            for (std::size_t v = 0; v < 2 * kValues; ++v) {
+                rowFactors[v] = static_cast<float>(rowValues[v % kValues]);
+            }
             float* out = &samples_[kValues * static_cast<std::size_t>(
                                                  (z * points_[1] + y) * points_[0] + from)];
-            for (std::size_t i = static_cast<std::size_t>(from - first[0]);
-                 i <= static_cast<std::size_t>(to - first[0]); ++i, out += kValues) {
-                const float T = r * ex[i];
-                out[0] += T;
-                out[1] += r * exD[i];
-                out[2] += T * dyTerm;
-                out[3] += T * dzTerm;
-                out[4] += r * exDD[i];
-                out[5] += rDy * exD2[i];
-                out[6] += rDz * exD2[i];
-                out[7] += T * dyy;
-                out[8] += T * dyz;
-                out[9] += T * dzz;
+            const float* in = &columnFactors[kValues * static_cast<std::size_t>(from - first[0])];
+            const std::size_t count = kValues * static_cast<std::size_t>(to - from + 1);
+            std::size_t t = 0;
+            for (; t + 2 * kValues <= count; t += 2 * kValues) {
+                for (std::size_t v = 0; v < 2 * kValues; ++v) {
+                    out[t + v] += rowFactors[v] * in[t + v];
+                }
+            }
+            for (std::size_t v = 0; t + v < count; ++v) {
+                out[t + v] += rowFactors[v] * in[t + v];
             }
         }
     }

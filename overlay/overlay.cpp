@@ -31,17 +31,29 @@ constexpr double kPi = 3.141592653589793;
 /// a right-handed frame. For a Gaussian w exp(-a |r - p|^2) of mass W = w (pi / a)^(3/2), the
 /// density's moments are sums over Gaussians of W p (first) and W (p p' + I / (2a)) (second).
 QVTrans PrincipalFrame(const std::vector<QVGaussian>& gaussians) {
+    // The masses W; atoms share exponents, so the power is taken once per run of one exponent.
+    std::vector<double> masses(gaussians.size());
+    float exponent = NAN;
+    double power = 0.0;
+    for (std::size_t i = 0; i < gaussians.size(); ++i) {
+        if (!(gaussians[i].GetExponent() == exponent)) {
+            exponent = gaussians[i].GetExponent();
+            power = std::pow(kPi / exponent, 1.5);
+        }
+        masses[i] = gaussians[i].GetPrefactor() * power;
+    }
     Eigen::Vector3d centroid = Eigen::Vector3d::Zero();
     double mass = 0.0;
-    for (const QVGaussian& g : gaussians) {
-        const double W = g.GetPrefactor() * std::pow(kPi / g.GetExponent(), 1.5);
-        centroid += W * Eigen::Vector3d(g.GetX(), g.GetY(), g.GetZ());
-        mass += W;
+    for (std::size_t i = 0; i < gaussians.size(); ++i) {
+        const QVGaussian& g = gaussians[i];
+        centroid += masses[i] * Eigen::Vector3d(g.GetX(), g.GetY(), g.GetZ());
+        mass += masses[i];
     }
     centroid /= mass;
     Eigen::Matrix3d tensor = Eigen::Matrix3d::Zero();
-    for (const QVGaussian& g : gaussians) {
-        const double W = g.GetPrefactor() * std::pow(kPi / g.GetExponent(), 1.5);
+    for (std::size_t i = 0; i < gaussians.size(); ++i) {
+        const QVGaussian& g = gaussians[i];
+        const double W = masses[i];
         const Eigen::Vector3d d = Eigen::Vector3d(g.GetX(), g.GetY(), g.GetZ()) - centroid;
         tensor += W * (d * d.transpose() + Eigen::Matrix3d::Identity() / (2.0 * g.GetExponent()));
     }
@@ -198,13 +210,6 @@ std::vector<std::array<double, 3>> ScanShifts(double distance) {
         }
     }
     return shifts;
-}
-
-/// `gaussians` shifted by `shift`.
-std::vector<QVGaussian> Shifted(const std::vector<QVGaussian>& gaussians,
-                                const std::array<double, 3>& shift) {
-    const double identity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-    return MovedGaussians(gaussians, QVTrans(identity, shift.data()));
 }
 
 /// The starts of the local searches: every orientation of the scan at the shift of
@@ -788,13 +793,10 @@ SearchChannel MakeSearchChannel(SearchChannel::Density density, unsigned int typ
                                 const Settings& settings,
                                 const std::vector<RotationMatrix>& rotations) {
     const double lambda[3] = {settings.lambda, settings.lambda, settings.lambda};
-    Expansion expansion = Expansion::Of(gaussians, order, lambda);
+    const std::vector<Expansion> shifted =
+        Expansion::OfShifts(gaussians, order, lambda, ScanShifts(settings.scanShift));
+    Expansion expansion = shifted.front();
     OrientationScan scan(expansion, rotations);
-    std::vector<Expansion> shifted = {expansion};
-    const std::vector<std::array<double, 3>> shifts = ScanShifts(settings.scanShift);
-    for (std::size_t j = 1; j < shifts.size(); ++j) {
-        shifted.push_back(Expansion::Of(Shifted(gaussians, shifts[j]), order, lambda));
-    }
     std::vector<OrientationScan> turnedScans =
         OrientationScan::Of(shifted, rotations, OrientationScan::Turning::Own);
     return {density,
@@ -867,25 +869,27 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
             fitGaussians.push_back(std::move(gaussians));
         }
     }
+    // The fit's expansions: at rest, and when the search turns the fit, also at each of the
+    // scan's shifts (else the query's shifted scans serve).
+    const std::vector<std::array<double, 3>> shifts =
+        exchanged ? std::vector<std::array<double, 3>>{{0.0, 0.0, 0.0}}
+                  : ScanShifts(settings_.scanShift);
     std::vector<SearchDensity> densities;
-    std::vector<Expansion> fitExpansions;
+    std::vector<std::vector<Expansion>> fitExpansions;  // per channel, per shift
     for (std::size_t c = 0; c < channels.size(); ++c) {
         const Expansion& query = channels[c]->expansion;
-        fitExpansions.push_back(Expansion::Of(fitGaussians[c], query.order, query.lambda));
-        const Expansion& own = fitExpansions.back();
+        fitExpansions.push_back(
+            Expansion::OfShifts(fitGaussians[c], query.order, query.lambda, shifts));
+        const Expansion& own = fitExpansions.back().front();
         densities.push_back({channels[c]->plan, (exchanged ? own : query).coefficients,
                              exchanged ? query : own, channels[c]->weight});
     }
-    const std::vector<std::array<double, 3>> shifts = ScanShifts(settings_.scanShift);
     const auto scannedAt = [&](std::size_t j) {
         std::vector<double> sum(shape_.scan.Rotations().size(), 0.0);
         for (std::size_t c = 0; c < channels.size(); ++c) {
-            const Expansion& own = fitExpansions[c];
             const std::vector<double> overlaps =
-                exchanged ? channels[c]->turnedScans[j].Overlaps(own)
-                : j == 0  ? channels[c]->scan.Overlaps(own)
-                          : channels[c]->scan.Overlaps(Expansion::Of(
-                                Shifted(fitGaussians[c], shifts[j]), own.order, own.lambda));
+                exchanged ? channels[c]->turnedScans[j].Overlaps(fitExpansions[c].front())
+                          : channels[c]->scan.Overlaps(fitExpansions[c][j]);
             for (std::size_t k = 0; k < sum.size(); ++k) {
                 sum[k] += channels[c]->weight * overlaps[k];
             }
@@ -919,7 +923,7 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
     const QVTrans pose = fitToQuery(candidates[winner].pose);
     // The Hermite shape overlap at the best Hermite pose (the joint search's overlaps include
     // the other channels).
-    double fitHermiteSelfOverlap = fitExpansions.front().SelfOverlap();
+    double fitHermiteSelfOverlap = fitExpansions.front().front().SelfOverlap();
     const double hermiteOverlap =
         joint ? HermiteShapeOverlap(shape_.plan, shape_.expansion, fit.shape,
                                     fitToQuery(candidates.front().pose), fitHermiteSelfOverlap)

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <random>
 #include <vector>
@@ -103,6 +104,46 @@ TEST(FastExpansionTest, EqualsTheLibraryTransformBitForBit) {
         }
         EXPECT_EQ(direct.SelfOverlap(), transform.GetSelfOverlap());
     }
+}
+
+/// Shifted expansions share the tables of the axes a shift leaves alone, and are still the
+/// expansions of the moved Gaussians to the last bit: with runs of mixed exponents, shifts along
+/// one axis and along several, and a shift back to rest.
+TEST(FastExpansionTest, ShiftedExpansionsEqualExpansionsOfMovedGaussians) {
+    const float exponents[4] = {0.811151803f, 0.811151803f, 0.35f, 1.2f};
+    std::vector<QVGaussian> gaussians;
+    for (const QVGaussian& g : Molecule(7u, 12)) {
+        const float centre[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        gaussians.emplace_back(2.7f, exponents[gaussians.size() % 4], centre, 0u);
+    }
+    const std::vector<std::array<double, 3>> shifts = {
+        {0.0, 0.0, 0.0},  {-1.25, 0.0, 0.0}, {0.0, 0.3, 0.0}, {0.0, 0.0, 1.25},
+        {0.7, -0.2, 2.1}, {0.0, 0.3, 1.25},  {0.0, 0.0, 0.0}};
+    for (unsigned int order : {0u, 1u, 4u, 7u}) {
+        const double lambda[3] = {0.55, 0.7, 0.9};
+        const std::vector<Expansion> shifted =
+            Expansion::OfShifts(gaussians, order, lambda, shifts);
+        ASSERT_EQ(shifted.size(), shifts.size());
+        for (std::size_t j = 0; j < shifts.size(); ++j) {
+            const double identity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+            const Expansion moved =
+                Expansion::Of(hermite::overlay::MovedGaussians(
+                                  gaussians, QVChem::QVTrans(identity, shifts[j].data())),
+                              order, lambda);
+            EXPECT_EQ(shifted[j].order, order);
+            EXPECT_EQ(shifted[j].lambda[2], lambda[2]);
+            ASSERT_EQ(shifted[j].coefficients.size(), moved.coefficients.size());
+            for (std::size_t i = 0; i < moved.coefficients.size(); ++i) {
+                EXPECT_EQ(shifted[j].coefficients[i], moved.coefficients[i]) << order << " " << j;
+            }
+        }
+    }
+    // A shift moves the expansion: the x-shifted coefficients differ from those at rest.
+    const double lambda[3] = {0.6, 0.6, 0.6};
+    const std::vector<Expansion> two =
+        Expansion::OfShifts(gaussians, 2, lambda, {shifts[0], shifts[1]});
+    EXPECT_NE(two[0].coefficients[1], two[1].coefficients[1]);
+    EXPECT_TRUE(Expansion::OfShifts(gaussians, 2, lambda, {}).empty());
 }
 
 /// Replacing the fit coefficients is the same as building the evaluation for the new fit.
