@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 #include "overlay/negative_exp.h"
 
@@ -26,14 +27,34 @@ Kind KindOf(const QVSystem::QVGaussian& g, Pairing pairing) {
     return {g.GetExponent(), pairing == Pairing::SameTag ? g.GetTag() : 0u};
 }
 
-/// The Gaussians of `b` as the inner loop reads them, for one kind of Gaussian of `a`: the
-/// coordinates, and per Gaussian its exponent factor k = a_i a_j / (a_i + a_j) and its
-/// prefactor times (pi / (a_i + a_j))^(3/2) (zero for pairs of different tags).
-struct Partners {
-    std::vector<double> x, y, z, k, weight;
+/// Terms below e^-kPairCutoff (4e-18) of their largest value are left out: all of them
+/// together change a sum of a few thousand pairs by less than its rounding. Beyond that reach
+/// along x, about 9.4 angstrom for two carbon-sized Gaussians, no pair is formed at all.
+constexpr double kPairCutoff = 40.0;
 
-    Partners(const std::vector<QVSystem::QVGaussian>& b, const Kind& kind, Pairing pairing) {
-        for (const QVSystem::QVGaussian& g : b) {
+/// The Gaussians of `b` as the inner loop reads them, for one kind of Gaussian of `a`, in the
+/// order of their x coordinates: the coordinates, and per Gaussian its exponent factor
+/// k = a_i a_j / (a_i + a_j) and its prefactor times (pi / (a_i + a_j))^(3/2) (zero for pairs
+/// of different tags). A Gaussian of `a` meets only those within `reach` of it along x.
+struct Partners {
+    std::vector<std::size_t> order;  ///< positions in `b`, by x
+    std::vector<double> x, y, z, k, weight;
+    double reach = INFINITY;
+
+    Partners(const std::vector<QVSystem::QVGaussian>& b, const Kind& kind, Pairing pairing)
+        : order(b.size()) {
+        std::iota(order.begin(), order.end(), std::size_t{0});
+        const bool finite = std::all_of(b.begin(), b.end(), [](const QVSystem::QVGaussian& g) {
+            return std::isfinite(g.GetX());
+        });
+        if (finite) {
+            std::stable_sort(order.begin(), order.end(), [&](std::size_t i, std::size_t j) {
+                return b[i].GetX() < b[j].GetX();
+            });
+        }
+        double smallestK = INFINITY;
+        for (const std::size_t i : order) {
+            const QVSystem::QVGaussian& g = b[i];
             const Kind other = KindOf(g, pairing);
             const double exponentSum = kind.exponent + other.exponent;
             const double piOverP = kPi / exponentSum;
@@ -43,18 +64,40 @@ struct Partners {
             k.push_back(kind.exponent * other.exponent / exponentSum);
             weight.push_back(
                 other.tag == kind.tag ? g.GetPrefactor() * (piOverP * std::sqrt(piOverP)) : 0.0);
+            if (weight.back() != 0.0) {
+                smallestK = std::min(smallestK, k.back());
+            }
         }
+        if (finite && smallestK > 0.0) {
+            reach = std::sqrt(kPairCutoff / smallestK);
+        }
+    }
+
+    /// The first partner within reach of x coordinate `at`.
+    std::size_t From(double at) const {
+        return std::isfinite(reach) && std::isfinite(at)
+                   ? static_cast<std::size_t>(std::lower_bound(x.begin(), x.end(), at - reach) -
+                                              x.begin())
+                   : 0;
+    }
+
+    /// One past the last partner within reach of x coordinate `at`.
+    std::size_t To(double at) const {
+        return std::isfinite(reach) && std::isfinite(at)
+                   ? static_cast<std::size_t>(std::upper_bound(x.begin(), x.end(), at + reach) -
+                                              x.begin())
+                   : x.size();
     }
 };
 
 /// The overlap of one Gaussian of `a` (centre `p`, of the kind `partners` were made for) with
-/// the Gaussians of `b` from `first` on, without its own prefactor.
-double OverlapWithPartners(const double* p, const Partners& partners, std::size_t first) {
+/// the partners from `first` to before `last`, without its own prefactor.
+double OverlapWithPartners(const double* p, const Partners& partners, std::size_t first,
+                           std::size_t last) {
     constexpr std::size_t kBlock = 64;
     double sum = 0.0;
-    const std::size_t count = partners.x.size();
-    for (std::size_t block = first; block < count; block += kBlock) {
-        const std::size_t size = std::min(kBlock, count - block);
+    for (std::size_t block = first; block < last; block += kBlock) {
+        const std::size_t size = std::min(kBlock, last - block);
         const double* x = partners.x.data() + block;
         const double* y = partners.y.data() + block;
         const double* z = partners.z.data() + block;
@@ -65,7 +108,7 @@ double OverlapWithPartners(const double* p, const Partners& partners, std::size_
             const double dx = x[t] - p[0], dy = y[t] - p[1], dz = z[t] - p[2];
             terms[t] = k[t] * (dx * dx + dy * dy + dz * dz);
         }
-        CutOffExponentials(terms, size, kLargestExponent);
+        CutOffExponentials(terms, size, kPairCutoff);
         // Four running sums, so that the additions do not wait on one another.
         double partial[4] = {0.0, 0.0, 0.0, 0.0};
         for (std::size_t t = 0; t < size; ++t) {
@@ -99,7 +142,8 @@ double PairOverlap(const std::vector<QVSystem::QVGaussian>& a,
         for (const QVSystem::QVGaussian& g : a) {
             if (KindOf(g, pairing) == kind) {
                 const double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
-                overlap += g.GetPrefactor() * OverlapWithPartners(p, partners, 0);
+                overlap += g.GetPrefactor() *
+                           OverlapWithPartners(p, partners, partners.From(p[0]), partners.To(p[0]));
             }
         }
     }
@@ -107,15 +151,18 @@ double PairOverlap(const std::vector<QVSystem::QVGaussian>& a,
 }
 
 double SelfOverlap(const std::vector<QVSystem::QVGaussian>& a, Pairing pairing) {
-    // Each pair once: a Gaussian with itself, and twice with each Gaussian after it.
+    // Each pair once: a Gaussian with itself, and twice with each Gaussian after it in the
+    // partners' order.
     double overlap = 0.0;
     for (const Kind& kind : KindsOf(a, pairing)) {
         const Partners partners(a, kind, pairing);
-        for (std::size_t i = 0; i < a.size(); ++i) {
-            if (KindOf(a[i], pairing) == kind) {
-                const double p[3] = {a[i].GetX(), a[i].GetY(), a[i].GetZ()};
-                overlap += a[i].GetPrefactor() *
-                           (partners.weight[i] + 2.0 * OverlapWithPartners(p, partners, i + 1));
+        for (std::size_t s = 0; s < a.size(); ++s) {
+            const QVSystem::QVGaussian& g = a[partners.order[s]];
+            if (KindOf(g, pairing) == kind) {
+                const double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
+                const double after =
+                    OverlapWithPartners(p, partners, s + 1, std::max(s + 1, partners.To(p[0])));
+                overlap += g.GetPrefactor() * (partners.weight[s] + 2.0 * after);
             }
         }
     }

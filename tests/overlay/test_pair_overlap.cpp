@@ -120,6 +120,47 @@ TEST(PairOverlapTest, TermsBeyondTheExponentialsRangeAreZero) {
     EXPECT_NEAR(SelfOverlap(both), 2.0 * std::pow(kPi, 1.5), 1e-14 * std::pow(kPi, 1.5));
 }
 
+TEST(PairOverlapTest, TermsBelowTheCutOffAreLeftOutAndTheRestKept) {
+    // Two Gaussians of exponent 1 (k = 1/2) along x: k d^2 = 39.5 is kept, 40.5 left out; the
+    // same along y, where the sort along x does not part them.
+    const float origin[3] = {0.0f, 0.0f, 0.0f};
+    const auto pair = [&](int axis, double kd2) {
+        float centre[3] = {0.0f, 0.0f, 0.0f};
+        centre[axis] = static_cast<float>(std::sqrt(2.0 * kd2));
+        const std::vector<QVGaussian> a = {QVGaussian(1.0f, 1.0f, origin, 0)};
+        const std::vector<QVGaussian> b = {QVGaussian(1.0f, 1.0f, centre, 0)};
+        return PairOverlap(a, b);
+    };
+    const double d = static_cast<float>(std::sqrt(79.0));  // the kept pair's distance
+    const double kept = std::pow(kPi / 2.0, 1.5) * std::exp(-0.5 * d * d);
+    for (const int axis : {0, 1}) {
+        EXPECT_NEAR(pair(axis, 39.5), kept, 1e-13 * kept) << axis;
+        EXPECT_EQ(pair(axis, 40.5), 0.0) << axis;
+    }
+}
+
+TEST(PairOverlapTest, LongChainsMatchTheTermByTermSum) {
+    // Chains 60 angstrom long, unsorted along x and with mixed kinds and tags: most pairs lie
+    // beyond the reach and are never formed; the sums still match to 1e-14.
+    std::vector<QVGaussian> a = RandomGaussians(21u, 150, 6.0);
+    std::vector<QVGaussian> b = RandomGaussians(22u, 120, 6.0);
+    std::mt19937 engine(23u);
+    std::uniform_real_distribution<float> along(-30.0f, 30.0f);
+    for (std::vector<QVGaussian>* chain : {&a, &b}) {
+        for (QVGaussian& g : *chain) {
+            g.SetX(along(engine));
+        }
+    }
+    for (const Pairing pairing : {Pairing::All, Pairing::SameTag}) {
+        EXPECT_NEAR(PairOverlap(a, b, pairing), TermByTerm(a, b, pairing),
+                    1e-14 * MagnitudeScale(a, b));
+        EXPECT_NEAR(PairOverlap(b, a, pairing), TermByTerm(b, a, pairing),
+                    1e-14 * MagnitudeScale(a, b));
+        EXPECT_NEAR(SelfOverlap(a, pairing), TermByTerm(a, a, pairing),
+                    1e-14 * MagnitudeScale(a, a));
+    }
+}
+
 TEST(PairOverlapTest, EmptyDensitiesOverlapNothing) {
     const std::vector<QVGaussian> none;
     const std::vector<QVGaussian> some = RandomGaussians(3u, 4, 5.0);
