@@ -597,24 +597,18 @@ std::size_t RefineBest(const PreparedMolecule& reference, const PreparedMolecule
     return Best(candidates, refined);
 }
 
-/// The field walks stop at this multiple of the refinement's gradient tolerance: the exact
-/// steps that finish the winner reach the tolerance, and the field's gradient is a sampled one
-/// (off by O(h^2)), with which the last small steps only wander. Three times saves a fifth of
-/// the field evaluations at 70 heavy atoms with the same poses; ten times lost 5e-4 of the mean
-/// Tanimoto there.
-constexpr double kFieldWalkTolerance = 3.0;
-
 /// RefineBest for a shape-only overlay, with `field` the query's overlap field: the fit moves
 /// and the query stays fixed whichever of them the search turned, so that the field, sampled
 /// once per query, serves every fit. The most promising candidates are ranked and walked on
-/// the field, and the winner's pose is then refined on the exact pair sums, which from there
-/// takes one or two evaluations (the only ones counted in `evaluations`). `exchanged` tells
+/// the field to the refinement's tolerance, and the winner is the pose with the largest overlap
+/// on the field; no pair sums are taken. Finishing the winner on the pair sums instead, after
+/// shorter walks, gave the same poses more slowly: walking both candidates to the tolerance
+/// polishes both, and the query's cells for pair sums are not built per fit. `exchanged` tells
 /// that the candidates' poses take the query to the fit (the search turned the fit); they are
 /// returned so.
 std::size_t RefineOnField(const PreparedMolecule& query, const PreparedMolecule& fit,
                           const OverlapField& field, bool exchanged, const Settings& settings,
-                          unsigned int count, std::vector<Candidate>& candidates,
-                          unsigned int& evaluations) {
+                          unsigned int count, std::vector<Candidate>& candidates) {
     const PreparedMolecule& mover = exchanged ? query : fit;
     std::vector<std::size_t> refined =
         DistinctCandidates(candidates, candidates.size(), mover.shape);
@@ -626,23 +620,20 @@ std::size_t RefineOnField(const PreparedMolecule& query, const PreparedMolecule&
         }
     };
     turnAround();  // every pose now takes the fit to the query
-    ExactOverlapObjective exact(query.shape, fit.shape);
+    // The query enters through the field only: the objective holds no fixed Gaussians, and
+    // builds no cells for pair sums.
+    ExactOverlapObjective walker({}, fit.shape);
     const double fitRadius = Radius(fit.shape);
     // The search's tolerance is relative to the self-overlap of the molecule it turned, the
     // smaller one.
     const double tolerance =
         settings.refineTolerance * std::min(query.shapeSelfOverlap, fit.shapeSelfOverlap);
     unsigned int fieldEvaluations = 0;
-    KeepMostPromising(exact, &field, fit.shape, fitRadius, candidates, refined, count,
+    KeepMostPromising(walker, &field, fit.shape, fitRadius, candidates, refined, count,
                       fieldEvaluations);
-    RefineEach(exact, &field, fit.shape, fitRadius, settings, kFieldWalkTolerance * tolerance,
-               refined, candidates, fieldEvaluations);
+    RefineEach(walker, &field, fit.shape, fitRadius, settings, tolerance, refined, candidates,
+               fieldEvaluations);
     const std::size_t winner = Best(candidates, refined);
-    Candidate& finish = candidates[winner];
-    finish.curvatureKnown = false;
-    finish.exactOverlap =
-        Refine(exact, nullptr, fit.shape, fitRadius, settings.refineIterationLimit, tolerance,
-               -INFINITY, finish, evaluations);
     turnAround();
     return winner;
 }
@@ -912,11 +903,11 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
         colour ? std::min(settings_.refineCandidates, settings_.colourRefineCandidates)
                : settings_.refineCandidates;
     const OverlapField* field = refineCount > 0 ? FieldFor(fit) : nullptr;
-    const std::size_t winner = field != nullptr
-                                   ? RefineOnField(prepared_, fit, *field, exchanged, settings_,
-                                                   refineCount, candidates, result.exactEvaluations)
-                                   : RefineBest(reference, mover, channels_, settings_, refineCount,
-                                                candidates, result.exactEvaluations);
+    const std::size_t winner =
+        field != nullptr
+            ? RefineOnField(prepared_, fit, *field, exchanged, settings_, refineCount, candidates)
+            : RefineBest(reference, mover, channels_, settings_, refineCount, candidates,
+                         result.exactEvaluations);
     // The poses take the mover's frame to the reference's; the scores take the fit's to the
     // query's.
     const auto fitToQuery = [&](const QVTrans& pose) { return exchanged ? pose.Inverse() : pose; };

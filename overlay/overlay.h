@@ -117,10 +117,10 @@ struct Settings {
     /// Molecules of this many atoms or more are refined on the query's overlap field (see
     /// OverlapField) when both are and the overlay is of shapes only: the candidate poses are
     /// ranked and walked on the field, a lookup per atom instead of a sum over its neighbours,
-    /// and the winner then finished on the exact pair sums. For large molecules the walk is
-    /// long and each exact step costly; at 70 heavy atoms a screen runs 1.5 times as fast
-    /// with it, with the same poses. Smaller molecules keep the exact walk: there the field
-    /// saves less and its poses are slightly worse (docs/overlay.md).
+    /// and the winner is the best pose on the field (the scores are still exact). For large
+    /// molecules the walk is long and each exact step costly; at 70 heavy atoms a screen runs
+    /// 1.7 times as fast with it, with the same poses. Smaller molecules keep the exact walk:
+    /// there the field saves less and its poses are slightly worse (docs/overlay.md).
     unsigned int refineFieldAtoms = 50;
     /// Spacing (angstrom) of the overlap field's samples; 0 never refines on a field. The
     /// field is sampled once per query, when a fit first needs it (about 3 megabytes and under
