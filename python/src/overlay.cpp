@@ -1085,7 +1085,8 @@ The result of overlaying a fit molecule onto a query: scores and the rigid motio
         .def_property_readonly(
             "exact_evaluations",
             [](const OverlayResultObject& r) { return r.result.exactEvaluations; },
-            "Value-and-gradient evaluations of the exact overlap.")
+            "Value-and-gradient evaluations of the exact overlap (those on the query's overlap "
+            "field, see refine_field_atoms, not counted).")
         .def("__repr__", &ResultRepr)
         .def(py::pickle(&ResultState, &ResultFromState));
 
@@ -1093,7 +1094,12 @@ The result of overlaying a fit molecule onto a query: scores and the rigid motio
 Overlays ``fit`` onto ``query`` by shape: both are put into their principal frames, the Hermite
 overlap is scanned over the four flips and ``scan_rotations`` spread (and ``starts`` random)
 rotations, maximised by BFGS from the ``search_starts`` best of them, and the best distinct poses
-are refined on the exact overlap of the atom Gaussians.
+are refined on the exact overlap of the atom Gaussians (on the query's sampled overlap field when
+both molecules have ``refine_field_atoms`` atoms or more).
+
+Each call prepares the query afresh: its scans and, from ``refine_field_atoms`` atoms, its overlap
+field: 1 to 1.5 milliseconds for a 70-atom query, about half of it the field, against 0.2 for the
+overlay itself. To overlay many molecules onto one query, ``screen`` prepares the query once.
 
 Args:
     query: the hermite.Molecule that stays.
