@@ -46,15 +46,56 @@ double Square(double x) {
     return x * x;
 }
 
-double Dot(const double* a, const double* b) {
-    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
-}
-
 void Apply(const double* R, const double* p, double* out) {
     for (int i = 0; i < 3; ++i) {
         out[i] = R[3 * i] * p[0] + R[3 * i + 1] * p[1] + R[3 * i + 2] * p[2];
     }
 }
+
+/// Four doubles handled as one value (a GCC and Clang vector extension): sums over centres are
+/// taken four centres at once, each of the four lanes summing its own centres in order, and the
+/// lanes are added at the end. The operations act lane by lane, so every machine rounds alike;
+/// the compiler maps them to vector registers where it can.
+using Lanes = double __attribute__((vector_size(4 * sizeof(double))));
+constexpr std::size_t kLanes = 4;
+
+double SumOfLanes(const Lanes& lanes) {
+    return (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+}
+
+/// The positions of a block of centres relative to the mean centre, with the gradient f and
+/// the Hessian A (upper triangle xx, xy, xz, yy, yz, zz) of each centre's overlap with respect
+/// to its position: one array of lanes per component, centre j in lane j % kLanes of element
+/// j / kLanes, so that they are read four centres at once.
+struct CentreBlock {
+    static constexpr std::size_t kCapacity = 64;
+    Lanes m[3][kCapacity / kLanes];
+    Lanes f[3][kCapacity / kLanes];
+    Lanes A[6][kCapacity / kLanes];
+    std::size_t count = 0;
+
+    /// Stores centre `count` at `position` with gradient `gradient` and Hessian `hessian`.
+    void Push(const double* position, const double* gradient, const double* hessian) {
+        const std::size_t element = count / kLanes, lane = count % kLanes;
+        for (int a = 0; a < 3; ++a) {
+            m[a][element][lane] = position[a];
+            f[a][element][lane] = gradient[a];
+        }
+        for (int i = 0; i < 6; ++i) {
+            A[i][element][lane] = hessian[i];
+        }
+        ++count;
+    }
+
+    /// Fills the lanes after the last centre with centres at the origin and with no overlap,
+    /// which add nothing.
+    void PadLanes() {
+        const double zeros[6] = {0, 0, 0, 0, 0, 0};
+        while (count % kLanes != 0) {
+            Push(zeros, zeros, zeros);
+        }
+    }
+};
 
 /// The gradient and Hessian of an overlap with respect to the motion y of the moving centres
 /// at y = 0, summed over the centres: every centre at m (relative to the mean centre g) goes to
@@ -65,52 +106,62 @@ void Apply(const double* R, const double* p, double* out) {
 ///   f to dO/dt and m x f to dO/d(angles),
 ///   A to H_tt and A v_a to H_(angle a, t),
 ///   v_a . A v_b + f_b m_a - delta_ab (f . m) to H_(angle a, angle b).
+/// With v_0 = (0, -m_z, m_y), v_1 = (m_z, 0, -m_x) and v_2 = (-m_y, m_x, 0), the products with
+/// the zeros are left out.
 struct RigidMotionSums {
-    double gradient[6] = {0, 0, 0, 0, 0, 0};
-    double tt[6] = {0, 0, 0, 0, 0, 0};  // upper triangle xx, xy, xz, yy, yz, zz
-    double rt[3][3] = {};               // rt[a][b]: angle a, translation b
-    double rr[6] = {0, 0, 0, 0, 0, 0};  // upper triangle
+    Lanes gradient[6] = {};
+    Lanes tt[6] = {};     // upper triangle xx, xy, xz, yy, yz, zz
+    Lanes rt[3][3] = {};  // rt[a][b]: angle a, translation b
+    Lanes rr[6] = {};     // upper triangle
 
-    /// Adds a centre at `m` with gradient `f` and Hessian `A` (upper triangle).
-    void Add(const double* m, const double* f, const double* A) {
-        const double v[3][3] = {{0.0, -m[2], m[1]}, {m[2], 0.0, -m[0]}, {-m[1], m[0], 0.0}};
-        gradient[0] += m[1] * f[2] - m[2] * f[1];
-        gradient[1] += m[2] * f[0] - m[0] * f[2];
-        gradient[2] += m[0] * f[1] - m[1] * f[0];
-        for (int b = 0; b < 3; ++b) {
-            gradient[3 + b] += f[b];
-        }
-        for (int i = 0; i < 6; ++i) {
-            tt[i] += A[i];
-        }
-        const double full[3][3] = {{A[0], A[1], A[2]}, {A[1], A[3], A[4]}, {A[2], A[4], A[5]}};
-        double Av[3][3];
-        for (int a = 0; a < 3; ++a) {
-            for (int b = 0; b < 3; ++b) {
-                Av[a][b] = full[b][0] * v[a][0] + full[b][1] * v[a][1] + full[b][2] * v[a][2];
-                rt[a][b] += Av[a][b];
+    /// Adds the centres of `block`, padded to whole lanes (see CentreBlock::PadLanes).
+    void Add(const CentreBlock& block) {
+        for (std::size_t e = 0; e < block.count / kLanes; ++e) {
+            const Lanes &x = block.m[0][e], &y = block.m[1][e], &z = block.m[2][e];
+            const Lanes &fx = block.f[0][e], &fy = block.f[1][e], &fz = block.f[2][e];
+            const Lanes &xx = block.A[0][e], &xy = block.A[1][e], &xz = block.A[2][e],
+                        &yy = block.A[3][e], &yz = block.A[4][e], &zz = block.A[5][e];
+            for (int i = 0; i < 6; ++i) {
+                tt[i] += block.A[i][e];
             }
-        }
-        const double fm = Dot(f, m);
-        int i = 0;
-        for (int a = 0; a < 3; ++a) {
-            for (int b = a; b < 3; ++b, ++i) {
-                rr[i] += Dot(v[a], Av[b]) + f[b] * m[a] - (a == b ? fm : 0.0);
+            gradient[0] += y * fz - z * fy;
+            gradient[1] += z * fx - x * fz;
+            gradient[2] += x * fy - y * fx;
+            gradient[3] += fx;
+            gradient[4] += fy;
+            gradient[5] += fz;
+            // Av[a][b]: row b of A times v_a.
+            const Lanes Av[3][3] = {{xy * -z + xz * y, yy * -z + yz * y, yz * -z + zz * y},
+                                    {xx * z + xz * -x, xy * z + yz * -x, xz * z + zz * -x},
+                                    {xx * -y + xy * x, xy * -y + yy * x, xz * -y + yz * x}};
+            for (int a = 0; a < 3; ++a) {
+                for (int b = 0; b < 3; ++b) {
+                    rt[a][b] += Av[a][b];
+                }
             }
+            const Lanes fm = fx * x + fy * y + fz * z;
+            rr[0] += -z * Av[0][1] + y * Av[0][2] + fx * x - fm;
+            rr[1] += -z * Av[1][1] + y * Av[1][2] + fy * x;
+            rr[2] += -z * Av[2][1] + y * Av[2][2] + fz * x;
+            rr[3] += z * Av[1][0] - x * Av[1][2] + fy * y - fm;
+            rr[4] += z * Av[2][0] - x * Av[2][2] + fz * y;
+            rr[5] += -y * Av[2][0] + x * Av[2][1] + fz * z - fm;
         }
     }
 
     /// Writes the gradient (6) and the full Hessian (6 x 6, row-major; angles, then t).
     void Write(double* g, double* H) const {
-        std::copy(gradient, gradient + 6, g);
+        for (int i = 0; i < 6; ++i) {
+            g[i] = SumOfLanes(gradient[i]);
+        }
         int i = 0;
         for (int a = 0; a < 3; ++a) {
             for (int b = a; b < 3; ++b, ++i) {
-                H[6 * a + b] = H[6 * b + a] = rr[i];
-                H[6 * (3 + a) + 3 + b] = H[6 * (3 + b) + 3 + a] = tt[i];
+                H[6 * a + b] = H[6 * b + a] = SumOfLanes(rr[i]);
+                H[6 * (3 + a) + 3 + b] = H[6 * (3 + b) + 3 + a] = SumOfLanes(tt[i]);
             }
             for (int b = 0; b < 3; ++b) {
-                H[6 * a + 3 + b] = H[6 * (3 + b) + a] = rt[a][b];
+                H[6 * a + 3 + b] = H[6 * (3 + b) + a] = SumOfLanes(rt[a][b]);
             }
         }
     }
@@ -286,41 +337,48 @@ void ExactOverlapObjective::StorePairConstants() {
 }
 
 void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& moving) {
-    PlaceMoving(moving, [](double*) {});
+    PlaceMoving(moving, nullptr);
 }
 
 void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& moving,
                                       const QVChem::QVTrans& motion) {
-    PlaceMoving(moving, [&motion](double* p) {
-        motion.Apply(p);
-        for (int a = 0; a < 3; ++a) {
-            p[a] = static_cast<float>(p[a]);
-        }
-    });
+    PlaceMoving(moving, &motion);
 }
 
-template <class Place>
 void ExactOverlapObjective::PlaceMoving(const std::vector<QVSystem::QVGaussian>& moving,
-                                        Place place) {
-    centre_[0] = centre_[1] = centre_[2] = 0.0;
-    moving_.resize(moving.size());
+                                        const QVChem::QVTrans* motion) {
+    placed_.resize(3 * moving.size());
     for (std::size_t j = 0; j < moving.size(); ++j) {
         const QVSystem::QVGaussian& g = moving[j];
-        Point& m = moving_[j];
-        m = {{g.GetX(), g.GetY(), g.GetZ()}, g.GetPrefactor(), g.GetExponent()};
-        place(m.x);
+        placed_[3 * j] = g.GetX();
+        placed_[3 * j + 1] = g.GetY();
+        placed_[3 * j + 2] = g.GetZ();
+    }
+    if (motion != nullptr) {
+        // Moved in double precision and rounded to float, as MovedGaussians places them.
+        motion->Apply(placed_.data(), moving.size());
+        for (double& coordinate : placed_) {
+            coordinate = static_cast<float>(coordinate);
+        }
+    }
+    centre_[0] = centre_[1] = centre_[2] = 0.0;
+    for (std::size_t j = 0; j < moving.size(); ++j) {
         for (int a = 0; a < 3; ++a) {
-            centre_[a] += m.x[a];
+            centre_[a] += placed_[3 * j + a];
         }
     }
     const double count = moving.empty() ? 1.0 : static_cast<double>(moving.size());
     for (double& c : centre_) {
         c /= count;
     }
-    for (Point& m : moving_) {
+    moving_.resize(moving.size());
+    for (std::size_t j = 0; j < moving.size(); ++j) {
+        Point& m = moving_[j];
         for (int a = 0; a < 3; ++a) {
-            m.x[a] -= centre_[a];
+            m.x[a] = placed_[3 * j + a] - centre_[a];
         }
+        m.prefactor = moving[j].GetPrefactor();
+        m.exponent = moving[j].GetExponent();
     }
 }
 
@@ -450,6 +508,12 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
 double ExactOverlapObjective::Curvature(double* gradient, double* hessian) const {
     double overlap = 0.0;
     RigidMotionSums sums;
+    CentreBlock block;
+    const auto flush = [&] {
+        block.PadLanes();
+        sums.Add(block);
+        block.count = 0;
+    };
     for (std::size_t j = 0; j < moving_.size(); ++j) {
         if (!Overlaps(j)) {
             continue;
@@ -496,37 +560,49 @@ double ExactOverlapObjective::Curvature(double* gradient, double* hessian) const
         });
         const double upper[6] = {A[0] - diagonal, A[1], A[2],
                                  A[4] - diagonal, A[5], A[8] - diagonal};
-        sums.Add(m.x, f, upper);
+        block.Push(m.x, f, upper);
+        if (block.count == CentreBlock::kCapacity) {
+            flush();
+        }
     }
+    flush();
     sums.Write(gradient, hessian);
     return overlap;
 }
 
 double ExactOverlapObjective::Curvature(const OverlapField& field, double* gradient,
                                         double* hessian) const {
-    // The samples are scattered over megabytes: all are located and requested first, so that
-    // their fetches from memory overlap, then read.
-    std::vector<std::size_t> index(moving_.size());
-    std::vector<double> delta(3 * moving_.size());
-    for (std::size_t j = 0; j < moving_.size(); ++j) {
-        const Point& m = moving_[j];
-        const double p[3] = {m.x[0] + centre_[0], m.x[1] + centre_[1], m.x[2] + centre_[2]};
-        index[j] = field.Locate(p, &delta[3 * j]);
-        field.Prefetch(index[j]);
-    }
     double overlap = 0.0;
     RigidMotionSums sums;
-    for (std::size_t j = 0; j < moving_.size(); ++j) {
-        const Point& m = moving_[j];
-        double f[3], A[6];
-        overlap += m.prefactor * field.At(index[j], &delta[3 * j], f, A);
-        for (double& component : f) {
-            component *= m.prefactor;
+    CentreBlock block;
+    for (std::size_t first = 0; first < moving_.size(); first += CentreBlock::kCapacity) {
+        const std::size_t count = std::min(CentreBlock::kCapacity, moving_.size() - first);
+        double position[3][CentreBlock::kCapacity];
+        for (std::size_t j = 0; j < count; ++j) {
+            for (int a = 0; a < 3; ++a) {
+                position[a][j] = moving_[first + j].x[a] + centre_[a];
+            }
         }
-        for (double& component : A) {
-            component *= m.prefactor;
+        const double* const positions[3] = {position[0], position[1], position[2]};
+        double value[CentreBlock::kCapacity];
+        double f[3][CentreBlock::kCapacity], A[6][CentreBlock::kCapacity];
+        double* const gradients[3] = {f[0], f[1], f[2]};
+        double* const hessians[6] = {A[0], A[1], A[2], A[3], A[4], A[5]};
+        field.At(count, positions, value, gradients, hessians);
+        block.count = 0;
+        for (std::size_t j = 0; j < count; ++j) {
+            const Point& m = moving_[first + j];
+            overlap += m.prefactor * value[j];
+            const double scaledF[3] = {m.prefactor * f[0][j], m.prefactor * f[1][j],
+                                       m.prefactor * f[2][j]};
+            double scaledA[6];
+            for (int i = 0; i < 6; ++i) {
+                scaledA[i] = m.prefactor * A[i][j];
+            }
+            block.Push(m.x, scaledF, scaledA);
         }
-        sums.Add(m.x, f, A);
+        block.PadLanes();
+        sums.Add(block);
     }
     sums.Write(gradient, hessian);
     return overlap;

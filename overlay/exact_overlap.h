@@ -86,10 +86,10 @@ private:
                                              const std::vector<unsigned int>& channels,
                                              std::vector<GaussianKind>& kinds);
 
-    /// Stores `moving` relative to its mean centre, each centre first passed to `place`
-    /// (a callable taking the 3 coordinates, in place).
-    template <class Place>
-    void PlaceMoving(const std::vector<QVSystem::QVGaussian>& moving, Place place);
+    /// Stores `moving` relative to its mean centre, each centre first placed by `motion`
+    /// (unless null) in double precision and rounded to float.
+    void PlaceMoving(const std::vector<QVSystem::QVGaussian>& moving,
+                     const QVChem::QVTrans* motion);
 
     /// O and, when `gradient` is not null, dO/dy.
     double Evaluate(const double* y, double* gradient) const;
@@ -175,6 +175,8 @@ private:
     /// The x, y and z coordinates of `fixed_`, each in one array, for distances taken in blocks.
     std::vector<double> fixedCoords_[3];
     std::vector<Point> moving_;  // relative to g
+    /// The moving centres as placed, x, y, z one after another (room kept between placements).
+    std::vector<double> placed_;
     /// The kind of each fixed and moving centre, and the constants of each pair of kinds,
     /// moving-major: kindPairs_[movingKind * fixedKindCount_ + fixedKind].
     std::vector<unsigned int> fixedKind_;

@@ -170,12 +170,14 @@ void OverlapField::AddTerm(const double* q, double C, double k, double reach) {
 std::size_t OverlapField::Locate(const double* x, double* delta) const {
     std::size_t index = 0;
     for (int a = 2; a >= 0; --a) {
-        const double nearest = std::floor((x[a] - origin_[a]) * inverseSpacing_ + 0.5);
-        if (!(nearest >= 0.0 && nearest < static_cast<double>(points_[a]))) {
+        // The nearest point is floor(u), and for u >= 0 floor is the truncation.
+        const double u = (x[a] - origin_[a]) * inverseSpacing_ + 0.5;
+        if (!(u >= 0.0 && u < static_cast<double>(points_[a]))) {
             return kNowhere;  // beyond the reach of every term (or not a finite point)
         }
+        const long nearest = static_cast<long>(u);
         index = index * static_cast<std::size_t>(points_[a]) + static_cast<std::size_t>(nearest);
-        delta[a] = x[a] - (origin_[a] + nearest * spacing_);
+        delta[a] = x[a] - (origin_[a] + static_cast<double>(nearest) * spacing_);
     }
     return index;
 }
@@ -202,6 +204,33 @@ double OverlapField::At(std::size_t index, const double* delta, double* gradient
 double OverlapField::At(const double* x, double* gradient, double* hessian) const {
     double delta[3];
     return At(Locate(x, delta), delta, gradient, hessian);
+}
+
+void OverlapField::At(std::size_t count, const double* const* x, double* value,
+                      double* const* gradient, double* const* hessian) const {
+    constexpr std::size_t kBlock = 64;
+    std::size_t index[kBlock];
+    double delta[kBlock][3];
+    for (std::size_t first = 0; first < count; first += kBlock) {
+        const std::size_t size = std::min(kBlock, count - first);
+        for (std::size_t j = 0; j < size; ++j) {
+            const double point[3] = {x[0][first + j], x[1][first + j], x[2][first + j]};
+            index[j] = Locate(point, delta[j]);
+            if (index[j] != kNowhere) {
+                __builtin_prefetch(&samples_[kValues * index[j]]);
+            }
+        }
+        for (std::size_t j = 0; j < size; ++j) {
+            double g[3], H[6];
+            value[first + j] = At(index[j], delta[j], g, H);
+            for (int a = 0; a < 3; ++a) {
+                gradient[a][first + j] = g[a];
+            }
+            for (int i = 0; i < 6; ++i) {
+                hessian[i][first + j] = H[i];
+            }
+        }
+    }
 }
 
 }  // namespace hermite::overlay

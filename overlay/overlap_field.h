@@ -49,22 +49,25 @@ public:
     /// xx, xy, xz, yy, yz, zz); all 0 beyond the grid.
     double At(const double* x, double* gradient, double* hessian) const;
 
-    /// The same in two parts, so that the samples of many points can be fetched from memory
-    /// together: `Locate` gives the index of the sample nearest to `x` and the offset `delta`
-    /// of `x` from it (kNowhere beyond the grid), and `At` the field there.
-    std::size_t Locate(const double* x, double* delta) const;
-    double At(std::size_t index, const double* delta, double* gradient, double* hessian) const;
-    /// Starts fetching the sample `index` (from `Locate`) into the cache.
-    void Prefetch(std::size_t index) const {
-        if (index != kNowhere) {
-            __builtin_prefetch(&samples_[kValues * index]);
-        }
-    }
-    static constexpr std::size_t kNowhere = ~std::size_t{0};
+    /// The same at `count` points, one array per component: point j at (x[0][j], x[1][j],
+    /// x[2][j]), its phi in value[j], its gradient in gradient[a][j] and its Hessian in
+    /// hessian[i][j] (i in the order above). The samples are scattered over megabytes: those
+    /// of many points are requested from memory together, then read.
+    void At(std::size_t count, const double* const* x, double* value, double* const* gradient,
+            double* const* hessian) const;
 
 private:
     /// Values per sample: phi, its gradient and the upper triangle of its Hessian.
     static constexpr std::size_t kValues = 10;
+
+    static constexpr std::size_t kNowhere = ~std::size_t{0};
+
+    /// The index of the sample nearest to `x` and the offset `delta` of `x` from it; kNowhere
+    /// beyond the grid (or for a point that is not finite).
+    std::size_t Locate(const double* x, double* delta) const;
+    /// phi, its gradient and Hessian at the offset `delta` from the sample `index` (from
+    /// `Locate`): the second-order Taylor expansion about the sample.
+    double At(std::size_t index, const double* delta, double* gradient, double* hessian) const;
 
     /// Adds the terms of one fixed Gaussian, C e^{-k |q - x|^2} at the points x within `reach`
     /// of q, to the samples (summed in single precision: a few 1e-7 relative for the sums of

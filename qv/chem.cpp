@@ -57,11 +57,13 @@ void QVTrans::Extract(double* rotation, double* translation, bool rotateFirst) c
     }
 }
 
-void QVTrans::Apply(double* xyz) const {
-    const double p[3] = {xyz[0], xyz[1], xyz[2]};
-    for (int i = 0; i < 3; ++i) {
-        xyz[i] = rotation_[3 * i] * p[0] + rotation_[3 * i + 1] * p[1] +
-                 rotation_[3 * i + 2] * p[2] + translation_[i];
+void QVTrans::Apply(double* xyz, std::size_t count) const {
+    for (double* point = xyz; point != xyz + 3 * count; point += 3) {
+        const double p[3] = {point[0], point[1], point[2]};
+        for (int i = 0; i < 3; ++i) {
+            point[i] = rotation_[3 * i] * p[0] + rotation_[3 * i + 1] * p[1] +
+                       rotation_[3 * i + 2] * p[2] + translation_[i];
+        }
     }
 }
 

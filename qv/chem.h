@@ -5,6 +5,7 @@
 /// members may be called concurrently; anything that modifies an object needs exclusive access.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -74,7 +75,9 @@ public:
     void Extract(double* rotation, double* translation, bool rotateFirst) const;
 
     /// Applies the transform to a point in place (three doubles).
-    void Apply(double* xyz) const;
+    void Apply(double* xyz) const { Apply(xyz, 1); }
+    /// Applies the transform to `count` points in place, stored x, y, z one after another.
+    void Apply(double* xyz, std::size_t count) const;
     /// This transform followed by `next`.
     QVTrans Then(const QVTrans& next) const;
     /// The inverse transform.
