@@ -9,6 +9,7 @@
 
 #include "bench_data.h"
 #include "overlay/exact_overlap.h"
+#include "overlay/expansion_turn.h"
 #include "overlay/fast_overlap.h"
 #include "overlay/overlap_field.h"
 #include "overlay/pair_overlap.h"
@@ -36,6 +37,36 @@ void BM_FastOverlapValueAndGradient(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_FastOverlapValueAndGradient)->ArgName("N")->Arg(2)->Arg(4)->Arg(6);
+
+// An orientation scan turns a query's expansions (one per scan shift) by every scanned rotation:
+// the map of one generic rotation, and its product with one expansion.
+void BM_TurnMap(benchmark::State& state) {
+    const hermite::overlay::ExpansionTurn turn(static_cast<unsigned int>(state.range(0)));
+    // The rotation of the unit quaternion (0.8, 0.2, -0.4, 0.4).
+    const double w = 0.8, x = 0.2, y = -0.4, z = 0.4;
+    const double R[9] = {1 - 2 * (y * y + z * z), 2 * (x * y - w * z),     2 * (x * z + w * y),
+                         2 * (x * y + w * z),     1 - 2 * (x * x + z * z), 2 * (y * z - w * x),
+                         2 * (x * z - w * y),     2 * (y * z + w * x),     1 - 2 * (x * x + y * y)};
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(turn.MapOf(R));
+    }
+}
+BENCHMARK(BM_TurnMap)->ArgName("N")->Arg(4)->Arg(6);
+
+void BM_TurnExpansion(benchmark::State& state) {
+    const unsigned int order = static_cast<unsigned int>(state.range(0));
+    const hermite::overlay::ExpansionTurn turn(order);
+    const double lambda[3] = {1.6, 1.6, 1.6};
+    const Expansion expansion = Expansion::Of(DrugLikeGaussians(1u), order, lambda);
+    const double R[9] = {0.36, 0.48, -0.8, -0.8, 0.6, 0.0, 0.48, 0.64, 0.6};
+    const std::vector<double> map = turn.MapOf(R);
+    std::vector<double> turned(turn.Size());
+    for (auto _ : state) {
+        turn.Apply(map.data(), expansion.coefficients.data(), turned.data());
+        benchmark::DoNotOptimize(turned.data());
+    }
+}
+BENCHMARK(BM_TurnExpansion)->ArgName("N")->Arg(4)->Arg(6);
 
 void BM_ExactOverlapValueAndGradient(benchmark::State& state) {
     ExactOverlapObjective objective(DrugLikeGaussians(1u), DrugLikeGaussians(2u));

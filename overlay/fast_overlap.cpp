@@ -366,46 +366,6 @@ void FastOverlap::SetFitCoefficients(const std::vector<double>& coefficients) {
     fit_ = coefficients;
 }
 
-std::vector<double> FastOverlap::Turned(const std::vector<double>& coefficients, const double* R) {
-    return Turned(std::vector<std::vector<double>>{coefficients}, R).front();
-}
-
-std::vector<std::vector<double>> FastOverlap::Turned(
-    const std::vector<std::vector<double>>& expansions, const double* R) {
-    const Plan& plan = *plan_;
-    std::vector<std::vector<double>> turned;
-    const bool diagonal =
-        R[1] == 0 && R[2] == 0 && R[3] == 0 && R[5] == 0 && R[6] == 0 && R[7] == 0;
-    if (diagonal) {
-        for (const std::vector<double>& coefficients : expansions) {
-            std::vector<double>& out = turned.emplace_back(coefficients.size(), 0.0);
-            for (std::size_t i = 0; i < coefficients.size(); ++i) {
-                const double sign = (R[0] < 0 && (plan.lOf[i] & 1u) ? -1.0 : 1.0) *
-                                    (R[4] < 0 && (plan.mOf[i] & 1u) ? -1.0 : 1.0) *
-                                    (R[8] < 0 && (plan.nOf[i] & 1u) ? -1.0 : 1.0);
-                out[i] = sign * coefficients[i];
-            }
-        }
-        return turned;
-    }
-    // R = Rx(a) Ry(b) Rz(c) = [cb cc, -cb sc, sb; ...; ..., -sa cb, ca cb]; at cos b = 0 only
-    // a - c (or a + c) is fixed, and c = 0 is taken.
-    const double cosB = std::hypot(R[0], R[1]);
-    const double a = cosB > 1e-12 ? std::atan2(-R[5], R[8]) : std::atan2(R[7], R[4]);
-    const double b = std::atan2(R[2], cosB);
-    const double c = cosB > 1e-12 ? std::atan2(-R[1], R[0]) : 0.0;
-    plan.BuildS(a, S_[0].data());
-    plan.BuildS(b, S_[1].data());
-    plan.BuildS(c, S_[2].data());
-    for (const std::vector<double>& coefficients : expansions) {
-        std::vector<double>& out = turned.emplace_back(coefficients.size(), 0.0);
-        plan.RotatePass(S_[2].data(), coefficients.data(), Z_.data());
-        plan.RotatePass(S_[1].data(), Z_.data(), YZ_.data());
-        plan.RotatePass(S_[0].data(), YZ_.data(), out.data());
-    }
-    return turned;
-}
-
 // ---------------------------------------------------------------------------------------------
 // S matrices: the recurrence of QVHermiteMath::BuildSMatrix on flat storage, its divisions by
 // square roots taken as multiplications by their reciprocals (a few ulps apart).

@@ -75,17 +75,6 @@ public:
     /// Replaces the fit coefficients (same order and lambdas), e.g. by a flipped copy.
     void SetFitCoefficients(const std::vector<double>& coefficients);
 
-    /// The coefficients of an expansion of the reference's order and one lambda, turned by the
-    /// rotation `R` (row-major; every point p of the density goes to R p). A rotation only mixes
-    /// the coefficients of one total degree, so this is exact, and it costs three rotation
-    /// passes instead of a new expansion of the turned Gaussians. Half-turns about the axes only
-    /// change signs (c_lmn times sx^l sy^m sz^n) and are applied as such.
-    std::vector<double> Turned(const std::vector<double>& coefficients, const double* R);
-    /// Several expansions (coefficients, each of the reference's order) turned by one rotation,
-    /// the rotation's tables made once.
-    std::vector<std::vector<double>> Turned(const std::vector<std::vector<double>>& expansions,
-                                            const double* R);
-
     unsigned int NumVar() const override { return 6; }
     /// The objective value at x.
     double operator()(const double* x) override;

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "overlay/expansion_turn.h"
 #include "overlay/fast_overlap.h"
 
 namespace hermite::overlay {
@@ -26,7 +27,7 @@ public:
     /// Replaces the fit coefficients of channel `channel` (same order and lambdas).
     void SetFitCoefficients(std::size_t channel, const std::vector<double>& coefficients);
     /// Sets the fit coefficients of channel `channel` to `coefficients` turned by the rotation
-    /// `R` (see FastOverlap::Turned).
+    /// `R` (see ExpansionTurn; the fit's expansion of one lambda).
     void TurnFit(std::size_t channel, const std::vector<double>& coefficients, const double* R);
     std::size_t NumChannels() const { return channels_.size(); }
 
@@ -37,6 +38,7 @@ public:
 private:
     std::vector<std::unique_ptr<FastOverlap>> channels_;
     std::vector<double> weights_;
+    std::vector<ExpansionTurn> turns_;  // per channel, for its fit's order
 };
 
 }  // namespace hermite::overlay

@@ -2,8 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <deque>
+#include <memory>
+#include <mutex>
 #include <numeric>
 #include <random>
+
+#include "overlay/expansion_turn.h"
 
 namespace hermite::overlay {
 
@@ -51,6 +56,55 @@ RotationMatrix SpiralRotation(unsigned int i, unsigned int n) {
                           R * std::cos(beta));
 }
 
+/// The maps (ExpansionTurn::MapOf) of a set of rotations for expansions of one order, one after
+/// another.
+struct TurnMaps {
+    ExpansionTurn turn;
+    std::vector<double> maps;
+
+    const double* Map(std::size_t k) const { return maps.data() + k * turn.MapSize(); }
+};
+
+/// The maps of `rotations` (of their transposes when `transposed`) for expansions of order
+/// `order`. Every query of a run scans the same rotations at the same orders, so the maps of the
+/// last few sets asked for are kept and made once (200 rotations at order 4 take 600 kilobytes,
+/// and making them takes longer than using them for a query).
+std::shared_ptr<const TurnMaps> MapsOf(unsigned int order,
+                                       const std::vector<RotationMatrix>& rotations,
+                                       bool transposed) {
+    struct Entry {
+        unsigned int order;
+        bool transposed;
+        std::vector<RotationMatrix> rotations;
+        std::shared_ptr<const TurnMaps> maps;
+    };
+    constexpr std::size_t kKept = 4;
+    static std::mutex mutex;
+    static std::deque<Entry> kept;  // the last used first
+    const std::lock_guard<std::mutex> lock(mutex);
+    const auto found = std::find_if(kept.begin(), kept.end(), [&](const Entry& entry) {
+        return entry.order == order && entry.transposed == transposed &&
+               entry.rotations == rotations;
+    });
+    if (found != kept.end()) {
+        Entry entry = std::move(*found);
+        kept.erase(found);
+        kept.push_front(std::move(entry));
+        return kept.front().maps;
+    }
+    auto maps = std::make_shared<TurnMaps>(TurnMaps{ExpansionTurn(order), {}});
+    for (const RotationMatrix& R : rotations) {
+        const RotationMatrix Rt = {R[0], R[3], R[6], R[1], R[4], R[7], R[2], R[5], R[8]};
+        const std::vector<double> map = maps->turn.MapOf(transposed ? Rt.data() : R.data());
+        maps->maps.insert(maps->maps.end(), map.begin(), map.end());
+    }
+    kept.push_front({order, transposed, rotations, maps});
+    if (kept.size() > kKept) {
+        kept.pop_back();
+    }
+    return maps;
+}
+
 }  // namespace
 
 std::vector<RotationMatrix> StartOrientations(unsigned int spread, unsigned int random,
@@ -96,20 +150,17 @@ std::vector<OrientationScan> OrientationScan::Of(const std::vector<Expansion>& e
         }
     }
     std::vector<OrientationScan> scans;
-    std::vector<std::vector<double>> coefficients;
-    for (const Expansion& expansion : expansions) {
+    for (std::size_t e = 0; e < expansions.size(); ++e) {
         scans.push_back(OrientationScan(rotations, weight.size()));
-        coefficients.push_back(expansion.coefficients);
     }
-    FastOverlap turner(FastOverlap::MakePlan(N, first.lambda, N, first.lambda), {}, {});
-    for (const RotationMatrix& R : rotations) {
-        // Turning the other expansion by R is turning this one by R^T.
-        const RotationMatrix Rt = {R[0], R[3], R[6], R[1], R[4], R[7], R[2], R[5], R[8]};
-        const RotationMatrix& turn = turning == Turning::Other ? Rt : R;
-        const std::vector<std::vector<double>> turned = turner.Turned(coefficients, turn.data());
+    // Turning the other expansion by R is turning this one by R^T.
+    const std::shared_ptr<const TurnMaps> maps = MapsOf(N, rotations, turning == Turning::Other);
+    std::vector<double> turned(weight.size());
+    for (std::size_t k = 0; k < rotations.size(); ++k) {
         for (std::size_t e = 0; e < scans.size(); ++e) {
+            maps->turn.Apply(maps->Map(k), expansions[e].coefficients.data(), turned.data());
             for (std::size_t i = 0; i < weight.size(); ++i) {
-                scans[e].weighted_.push_back(turned[e][i] * weight[i]);
+                scans[e].weighted_.push_back(turned[i] * weight[i]);
             }
         }
     }

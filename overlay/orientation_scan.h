@@ -7,7 +7,10 @@
 /// and the overlap of two expansions at the same centre is a weighted dot product of their
 /// coefficients. The query's coefficients are turned by every rotation of the set once, when the
 /// query is prepared; scanning a fit then costs one dot product per rotation (35 products per
-/// rotation at order 4), far less than one step of the local search.
+/// rotation at order 4), far less than one step of the local search. The maps by which the
+/// rotations act on the coefficients (see ExpansionTurn) depend only on the rotations and the
+/// order: they are made once per run and kept for the next queries, so that preparing a query
+/// costs a product with each map per expansion (about 0.1 microseconds at order 4).
 ///
 /// Thread safety: a scan is read-only once made; any number of threads may use it.
 #pragma once

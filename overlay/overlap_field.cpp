@@ -147,8 +147,8 @@ void OverlapField::AddTerm(const double* q, double C, double k, double reach) {
                                                row * 4 * k * k * dy * dz,
                                                row * (4 * k * k * dz * dz - 2 * k)};
             float rowFactors[2 * kValues];
-            for (std::size_t v = 0; v < 2 * kValues; ++v) {
-                rowFactors[v] = static_cast<float>(rowValues[v % kValues]);
+            for (std::size_t v = 0; v < kValues; ++v) {
+                rowFactors[v] = rowFactors[kValues + v] = static_cast<float>(rowValues[v]);
             }
             float* out = &samples_[kValues * static_cast<std::size_t>(
                                                  (z * points_[1] + y) * points_[0] + from)];
