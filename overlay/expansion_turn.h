@@ -30,11 +30,12 @@ public:
     std::size_t Size() const { return degreeStart_.size(); }
 
     /// The number of values of a map (see MapOf).
-    std::size_t MapSize() const { return columnStart_.back(); }
+    std::size_t MapSize() const { return mapSize_; }
 
-    /// The map of the rotation `R` (row-major; every point p of the density goes to R p):
-    /// per coefficient, the coefficients of its turned basis function over the basis functions
-    /// of its degree.
+    /// The map of the rotation `R` (row-major; every point p of the density goes to R p): per
+    /// degree, the square block whose column for a coefficient holds the coefficients of its
+    /// turned basis function over the basis functions of the degree, row-major, the blocks in
+    /// order of degree.
     std::vector<double> MapOf(const double* R) const;
 
     /// Writes `coefficients` (Size() values) turned by the rotation whose map (from MapOf) is
@@ -42,16 +43,23 @@ public:
     void Apply(const double* map, const double* coefficients, double* turned) const;
 
 private:
-    /// Per coefficient: the first position of its degree; where its column of the map starts
-    /// (then the end); the coefficient of one degree less that it is one linear factor more
+    /// The number of coefficients of the degree of coefficient i.
+    std::size_t BlockSize(std::size_t i) const {
+        return (degreeOf_[i] + 1) * (degreeOf_[i] + 2) / 2;
+    }
+
+    /// Per coefficient: its degree, the first position of its degree, where its degree's block
+    /// of a map starts, the coefficient of one degree less that it is one linear factor more
     /// than, and the axis of that factor (degrees >= 1).
+    std::vector<unsigned int> degreeOf_;
     std::vector<unsigned int> degreeStart_;
-    std::vector<std::size_t> columnStart_;
+    std::vector<std::size_t> blockStart_;
     std::vector<unsigned int> lowerOf_;
     std::vector<unsigned int> factorAxis_;
     /// Per axis and coefficient below the top degree, the position of the coefficient raised
     /// by one along the axis.
     std::vector<unsigned int> raised_[3];
+    std::size_t mapSize_ = 0;
 };
 
 }  // namespace hermite::overlay
