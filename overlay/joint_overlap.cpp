@@ -5,11 +5,6 @@ namespace hermite::overlay {
 void JointOverlap::AddChannel(std::shared_ptr<const FastOverlap::Plan> plan,
                               std::vector<double> reference, std::vector<double> fit,
                               double weight) {
-    unsigned int order = 0;
-    while ((order + 1) * (order + 2) * (order + 3) / 6 < fit.size()) {
-        ++order;
-    }
-    turns_.emplace_back(order);
     channels_.push_back(
         std::make_unique<FastOverlap>(std::move(plan), std::move(reference), std::move(fit)));
     weights_.push_back(weight);
@@ -21,10 +16,9 @@ void JointOverlap::SetFitCoefficients(std::size_t channel,
 }
 
 void JointOverlap::TurnFit(std::size_t channel, const std::vector<double>& coefficients,
-                           const double* R) {
-    const ExpansionTurn& turn = turns_[channel];
-    std::vector<double> turned(turn.Size());
-    turn.Apply(turn.MapOf(R).data(), coefficients.data(), turned.data());
+                           const ExpansionTurn& turn, const double* map) {
+    std::vector<double> turned(coefficients.size());
+    turn.Apply(map, coefficients.data(), turned.data());
     channels_[channel]->SetFitCoefficients(turned);
 }
 

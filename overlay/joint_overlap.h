@@ -26,9 +26,10 @@ public:
                     std::vector<double> fit, double weight);
     /// Replaces the fit coefficients of channel `channel` (same order and lambdas).
     void SetFitCoefficients(std::size_t channel, const std::vector<double>& coefficients);
-    /// Sets the fit coefficients of channel `channel` to `coefficients` turned by the rotation
-    /// `R` (see ExpansionTurn; the fit's expansion of one lambda).
-    void TurnFit(std::size_t channel, const std::vector<double>& coefficients, const double* R);
+    /// Sets the fit coefficients of channel `channel` to `coefficients` (of one lambda) turned
+    /// by the rotation whose map by `turn` is `map` (see ExpansionTurn).
+    void TurnFit(std::size_t channel, const std::vector<double>& coefficients,
+                 const ExpansionTurn& turn, const double* map);
     std::size_t NumChannels() const { return channels_.size(); }
 
     unsigned int NumVar() const override { return 6; }
@@ -38,7 +39,6 @@ public:
 private:
     std::vector<std::unique_ptr<FastOverlap>> channels_;
     std::vector<double> weights_;
-    std::vector<ExpansionTurn> turns_;  // per channel, for its fit's order
 };
 
 }  // namespace hermite::overlay

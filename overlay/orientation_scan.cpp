@@ -3,12 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <deque>
-#include <memory>
 #include <mutex>
 #include <numeric>
 #include <random>
-
-#include "overlay/expansion_turn.h"
 
 namespace hermite::overlay {
 
@@ -56,22 +53,11 @@ RotationMatrix SpiralRotation(unsigned int i, unsigned int n) {
                           R * std::cos(beta));
 }
 
-/// The maps (ExpansionTurn::MapOf) of a set of rotations for expansions of one order, one after
-/// another.
-struct TurnMaps {
-    ExpansionTurn turn;
-    std::vector<double> maps;
+}  // namespace
 
-    const double* Map(std::size_t k) const { return maps.data() + k * turn.MapSize(); }
-};
-
-/// The maps of `rotations` (of their transposes when `transposed`) for expansions of order
-/// `order`. Every query of a run scans the same rotations at the same orders, so the maps of the
-/// last few sets asked for are kept and made once (200 rotations at order 4 take 600 kilobytes,
-/// and making them takes longer than using them for a query).
-std::shared_ptr<const TurnMaps> MapsOf(unsigned int order,
-                                       const std::vector<RotationMatrix>& rotations,
-                                       bool transposed) {
+std::shared_ptr<const TurnMaps> TurnMapsOf(unsigned int order,
+                                           const std::vector<RotationMatrix>& rotations,
+                                           bool transposed) {
     struct Entry {
         unsigned int order;
         bool transposed;
@@ -104,8 +90,6 @@ std::shared_ptr<const TurnMaps> MapsOf(unsigned int order,
     }
     return maps;
 }
-
-}  // namespace
 
 std::vector<RotationMatrix> StartOrientations(unsigned int spread, unsigned int random,
                                               std::uint64_t seed) {
@@ -154,7 +138,8 @@ std::vector<OrientationScan> OrientationScan::Of(const std::vector<Expansion>& e
         scans.push_back(OrientationScan(rotations, weight.size()));
     }
     // Turning the other expansion by R is turning this one by R^T.
-    const std::shared_ptr<const TurnMaps> maps = MapsOf(N, rotations, turning == Turning::Other);
+    const std::shared_ptr<const TurnMaps> maps =
+        TurnMapsOf(N, rotations, turning == Turning::Other);
     std::vector<double> turned(weight.size());
     for (std::size_t k = 0; k < rotations.size(); ++k) {
         for (std::size_t e = 0; e < scans.size(); ++e) {

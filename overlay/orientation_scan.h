@@ -18,9 +18,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "hermite/hermite.h"
+#include "overlay/expansion_turn.h"
 #include "overlay/fast_overlap.h"
 
 namespace hermite::overlay {
@@ -33,6 +35,25 @@ using RotationMatrix = std::array<double, 9>;
 /// quaternions), then `random` uniformly distributed random rotations drawn from `seed`.
 std::vector<RotationMatrix> StartOrientations(unsigned int spread, unsigned int random,
                                               std::uint64_t seed);
+
+/// The maps (ExpansionTurn::MapOf) of a set of rotations for expansions of one order, one after
+/// another.
+struct TurnMaps {
+    ExpansionTurn turn;
+    std::vector<double> maps;
+
+    /// The map of rotation k of the set.
+    const double* Map(std::size_t k) const { return maps.data() + k * turn.MapSize(); }
+};
+
+/// The maps of `rotations` (of their transposes when `transposed`) for expansions of order
+/// `order`. Every query of a run scans and starts its searches from the same rotations at the
+/// same orders, so the maps of the last few sets asked for are kept and made once (200
+/// rotations at order 4 take 600 kilobytes, and making them takes longer than using them for
+/// a query). Thread-safe.
+std::shared_ptr<const TurnMaps> TurnMapsOf(unsigned int order,
+                                           const std::vector<RotationMatrix>& rotations,
+                                           bool transposed);
 
 class OrientationScan {
 public:

@@ -192,6 +192,7 @@ double Radius(const std::vector<QVGaussian>& gaussians) {
 /// A start of a local search: an orientation of the fit and a shift of the fit along the axes
 /// of its own frame before it is turned (angstrom).
 struct SearchStart {
+    std::size_t index;  // of the rotation in the scan's set
     RotationMatrix rotation;
     std::array<double, 3> shift;
 };
@@ -242,13 +243,13 @@ std::vector<SearchStart> BestStarts(const std::vector<RotationMatrix>& rotations
     }
     std::vector<SearchStart> starts;
     for (const std::size_t k : chosen) {
-        starts.push_back({rotations[k], shifts[bestShift[k]]});
+        starts.push_back({k, rotations[k], shifts[bestShift[k]]});
     }
     return starts;
 }
 
 /// Minimises `objective` (a Hermite objective of the six rigid variables) from every start
-/// (orientation U, shift v), after `turnMover(U)` has turned the mover's expansions by U: the
+/// (orientation U, shift v), after `turnMover(start)` has turned the mover's expansions by U: the
 /// search starts with the turned mover moved by U v. Candidates best first, their poses taking
 /// the mover's frame to the reference's.
 template <class TurnMover>
@@ -264,7 +265,7 @@ std::vector<Candidate> SearchFromStarts(QVOpt::QVFunc1& objective, TurnMover tur
     std::vector<Candidate> candidates;
     for (const SearchStart& searchStart : starts) {
         const RotationMatrix& U = searchStart.rotation;
-        turnMover(U);
+        turnMover(searchStart);
         double start[6] = {0, 0, 0, 0, 0, 0};
         for (int i = 0; i < 3; ++i) {
             for (int j = 0; j < 3; ++j) {
@@ -291,6 +292,8 @@ struct SearchDensity {
     std::vector<double> reference;
     Expansion mover;
     double weight;
+    /// The maps of the scan's rotations for the density's order.
+    const TurnMaps* turns;
 };
 
 /// Maximises the weighted sum of the Hermite overlaps of `densities` from the `count` starts
@@ -306,9 +309,11 @@ std::vector<Candidate> HermiteSearch(const std::vector<SearchDensity>& densities
         objective.AddChannel(density.plan, density.reference, density.mover.coefficients,
                              density.weight);
     }
-    const auto turnMover = [&](const RotationMatrix& U) {
+    const auto turnMover = [&](const SearchStart& start) {
         for (std::size_t c = 0; c < densities.size(); ++c) {
-            objective.TurnFit(c, densities[c].mover.coefficients, U.data());
+            const TurnMaps& turns = *densities[c].turns;
+            objective.TurnFit(c, densities[c].mover.coefficients, turns.turn,
+                              turns.Map(start.index));
         }
     };
     return SearchFromStarts(objective, turnMover, BestStarts(rotations, scannedAt, count, settings),
@@ -796,7 +801,8 @@ SearchChannel MakeSearchChannel(SearchChannel::Density density, unsigned int typ
             std::move(expansion),
             std::move(scan),
             std::move(turnedScans),
-            FastOverlap::MakePlan(order, lambda, order, lambda)};
+            FastOverlap::MakePlan(order, lambda, order, lambda),
+            TurnMapsOf(order, rotations, false)};
 }
 
 }  // namespace
@@ -873,7 +879,8 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
             Expansion::OfShifts(fitGaussians[c], query.order, query.lambda, shifts));
         const Expansion& own = fitExpansions.back().front();
         densities.push_back({channels[c]->plan, (exchanged ? own : query).coefficients,
-                             exchanged ? query : own, channels[c]->weight});
+                             exchanged ? query : own, channels[c]->weight,
+                             channels[c]->turns.get()});
     }
     const auto scannedAt = [&](std::size_t j) {
         std::vector<double> sum(shape_.scan.Rotations().size(), 0.0);

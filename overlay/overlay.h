@@ -255,6 +255,9 @@ struct SearchChannel {
     std::vector<OrientationScan> turnedScans;
     /// The tables of the channel's Hermite overlaps (both expansions of its order).
     std::shared_ptr<const FastOverlap::Plan> plan;
+    /// The maps of the scan's rotations for expansions of the channel's order, which turn the
+    /// mover at the start of each local search.
+    std::shared_ptr<const TurnMaps> turns;
 };
 
 /// The Gaussians of `molecule` that `channel` overlaps: its features of the channel's type, or
