@@ -782,30 +782,40 @@ PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settin
 namespace {
 
 /// The search channel of one density of the query: its expansion, the tables of its Hermite
-/// overlaps, its scan of `rotations` (fits turned), and its scans with the query turned, the
-/// density shifted to each of the scan's shifts.
+/// overlaps and its expansions at the scan's shifts, of which its scans of `rotations` are made
+/// when first needed.
 SearchChannel MakeSearchChannel(SearchChannel::Density density, unsigned int type, double weight,
                                 const std::vector<QVGaussian>& gaussians, unsigned int order,
                                 const Settings& settings,
                                 const std::vector<RotationMatrix>& rotations) {
     const double lambda[3] = {settings.lambda, settings.lambda, settings.lambda};
-    const std::vector<Expansion> shifted =
-        Expansion::OfShifts(gaussians, order, lambda, ScanShifts(settings.scanShift));
-    Expansion expansion = shifted.front();
-    OrientationScan scan(expansion, rotations);
-    std::vector<OrientationScan> turnedScans =
-        OrientationScan::Of(shifted, rotations, OrientationScan::Turning::Own);
+    auto scans = std::make_shared<SearchChannel::Scans>();
+    scans->shifted = Expansion::OfShifts(gaussians, order, lambda, ScanShifts(settings.scanShift));
     return {density,
             type,
             weight,
-            std::move(expansion),
-            std::move(scan),
-            std::move(turnedScans),
+            scans->shifted.front(),
+            rotations,
             FastOverlap::MakePlan(order, lambda, order, lambda),
-            TurnMapsOf(order, rotations, false)};
+            TurnMapsOf(order, rotations, false),
+            std::move(scans)};
 }
 
 }  // namespace
+
+const OrientationScan& SearchChannel::Scan() const {
+    std::call_once(scans->scanMade,
+                   [this] { scans->scan.emplace(scans->shifted.front(), rotations); });
+    return *scans->scan;
+}
+
+const std::vector<OrientationScan>& SearchChannel::TurnedScans() const {
+    std::call_once(scans->turnedMade, [this] {
+        scans->turned =
+            OrientationScan::Of(scans->shifted, rotations, OrientationScan::Turning::Own);
+    });
+    return scans->turned;
+}
 
 std::vector<QVGaussian> ChannelGaussians(const PreparedMolecule& molecule,
                                          const SearchChannel& channel) {
@@ -827,7 +837,7 @@ Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatur
       shape_(MakeSearchChannel(
           SearchChannel::Density::Shape, 0, 1.0, prepared_.shape, settings.order, settings,
           StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed))) {
-    const std::vector<RotationMatrix>& rotations = shape_.scan.Rotations();
+    const std::vector<RotationMatrix>& rotations = shape_.rotations;
     for (const unsigned int type : TypesOf(prepared_.colour)) {
         channels_.push_back(MakeSearchChannel(SearchChannel::Density::Colour, type,
                                               settings.colourWeight, OfType(prepared_.colour, type),
@@ -883,11 +893,11 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
                              channels[c]->turns.get()});
     }
     const auto scannedAt = [&](std::size_t j) {
-        std::vector<double> sum(shape_.scan.Rotations().size(), 0.0);
+        std::vector<double> sum(shape_.rotations.size(), 0.0);
         for (std::size_t c = 0; c < channels.size(); ++c) {
             const std::vector<double> overlaps =
-                exchanged ? channels[c]->turnedScans[j].Overlaps(fitExpansions[c].front())
-                          : channels[c]->scan.Overlaps(fitExpansions[c][j]);
+                exchanged ? channels[c]->TurnedScans()[j].Overlaps(fitExpansions[c].front())
+                          : channels[c]->Scan().Overlaps(fitExpansions[c][j]);
             for (std::size_t k = 0; k < sum.size(); ++k) {
                 sum[k] += channels[c]->weight * overlaps[k];
             }
@@ -901,7 +911,7 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
 
     Result result;
     std::vector<Candidate> candidates = HermiteSearch(
-        densities, shape_.scan.Rotations(), scannedAt,
+        densities, shape_.rotations, scannedAt,
         joint ? std::min(settings_.searchStarts, settings_.colourSearchStarts)
               : settings_.searchStarts,
         Radius(reference.shape), settings_,

@@ -241,6 +241,10 @@ std::string CloudProblem(const QVChem::QVMol& molecule, double gap = 10.0);
 /// kind, with its weight in the objective: the shape, the colour features of one type, or the
 /// electrostatic density. Holds their expansion (the settings' lambda) and its scans of the
 /// shape's orientations, with either molecule turned (see Query::Overlay).
+///
+/// Thread safety: the scans are made when an overlay first needs them (a fit smaller than the
+/// query needs only the turned scans, a larger one only the other), once, by whichever thread
+/// asks first; copies share them.
 struct SearchChannel {
     enum class Density { Shape, Colour, Electrostatic };
     Density density;
@@ -248,16 +252,29 @@ struct SearchChannel {
     unsigned int type;
     double weight;
     Expansion expansion;
-    /// The overlaps with a fit turned by each rotation.
-    OrientationScan scan;
-    /// The overlaps of the density, shifted to each shift of the scan (ScanShifts order) along
-    /// the query's axes and turned by each rotation, with a fit at rest.
-    std::vector<OrientationScan> turnedScans;
+    /// The rotations scanned: the shape's orientations (see StartOrientations).
+    std::vector<RotationMatrix> rotations;
     /// The tables of the channel's Hermite overlaps (both expansions of its order).
     std::shared_ptr<const FastOverlap::Plan> plan;
     /// The maps of the scan's rotations for expansions of the channel's order, which turn the
     /// mover at the start of each local search.
     std::shared_ptr<const TurnMaps> turns;
+
+    /// The overlaps with a fit turned by each rotation.
+    const OrientationScan& Scan() const;
+    /// The overlaps of the density, shifted to each shift of the scan (ScanShifts order) along
+    /// the query's axes and turned by each rotation, with a fit at rest.
+    const std::vector<OrientationScan>& TurnedScans() const;
+
+    /// The density's expansions at the scan's shifts (the first at rest), and the scans of
+    /// them once made.
+    struct Scans {
+        std::vector<Expansion> shifted;
+        std::once_flag scanMade, turnedMade;
+        std::optional<OrientationScan> scan;
+        std::vector<OrientationScan> turned;
+    };
+    std::shared_ptr<Scans> scans;
 };
 
 /// The Gaussians of `molecule` that `channel` overlaps: its features of the channel's type, or

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "cdk2_ligands.h"
@@ -249,6 +251,52 @@ TEST(OrientationScan, SearchAlignsAShortBulgedRodWithALongOne) {
         const double best = Query(rod, exhaustive).Overlay(fit).scores.shapeTanimoto;
         const double found = Query(rod, Settings()).Overlay(fit).scores.shapeTanimoto;
         EXPECT_GT(found, best - 0.002) << "motion " << trial;
+    }
+}
+
+// A query's scans are made when an overlay first needs them: the scan of turned fits for fits
+// larger than the query, the query's turned scans for smaller ones. Overlays of both kinds run
+// at once from four threads on a fresh query get the results of one thread on another query.
+TEST(OrientationScan, ScansMadeOnFirstUseGiveTheSequentialResultsFromManyThreads) {
+    const std::vector<QVChem::QVMol>& ligands = hermite_test::Cdk2Ligands();
+    const Settings settings;
+    // The query: the ligand of median self-overlap among the first sixteen, the rest its fits.
+    std::vector<std::pair<double, std::size_t>> sizes;
+    for (std::size_t i = 0; i < 16; ++i) {
+        sizes.emplace_back(PreparedMolecule(ligands[i], settings).shapeSelfOverlap, i);
+    }
+    std::sort(sizes.begin(), sizes.end());
+    const std::size_t queryIndex = sizes[8].second;
+    std::vector<std::size_t> fits;
+    for (std::size_t i = 0; i < 16; ++i) {
+        if (i != queryIndex) {
+            fits.push_back(i);
+        }
+    }
+    ASSERT_LT(sizes.front().first, sizes[8].first);  // both scans are needed
+    ASSERT_GT(sizes.back().first, sizes[8].first);
+    std::vector<double> sequential;
+    {
+        const Query alone(ligands[queryIndex], settings);
+        for (const std::size_t f : fits) {
+            sequential.push_back(alone.Overlay(ligands[f]).scores.shapeTanimoto);
+        }
+    }
+    const Query shared(ligands[queryIndex], settings);
+    std::vector<double> parallel(fits.size());
+    std::vector<std::thread> threads;
+    for (std::size_t t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (std::size_t i = t; i < fits.size(); i += 4) {
+                parallel[i] = shared.Overlay(ligands[fits[i]]).scores.shapeTanimoto;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (std::size_t i = 0; i < fits.size(); ++i) {
+        EXPECT_EQ(parallel[i], sequential[i]) << "fit " << fits[i];
     }
 }
 
