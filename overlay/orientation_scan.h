@@ -73,7 +73,8 @@ public:
                     Turning turning = Turning::Other);
 
     /// The scans of `rotations` for several expansions of one order and lambda, as the
-    /// constructor makes them one at a time, with the tables of each rotation made once.
+    /// constructor makes them one at a time, with the map of each rotation (see TurnMapsOf)
+    /// fetched once.
     static std::vector<OrientationScan> Of(const std::vector<Expansion>& expansions,
                                            std::vector<RotationMatrix> rotations,
                                            Turning turning = Turning::Other);
