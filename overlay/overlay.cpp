@@ -358,28 +358,65 @@ double HermiteShapeOverlap(const std::shared_ptr<const FastOverlap::Plan>& plan,
 /// Poses closer than this (RMS displacement of the fit's atoms, angstrom) are the same optimum.
 constexpr double kSamePose = 0.5;
 
-/// The RMS distance between the fit's atom centres placed by two poses.
-double PoseDistance(const std::vector<QVGaussian>& fit, const QVTrans& a, const QVTrans& b) {
-    double sum = 0.0;
-    for (const QVGaussian& g : fit) {
-        double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
-        double q[3] = {p[0], p[1], p[2]};
-        a.Apply(p);
-        b.Apply(q);
-        sum += (p[0] - q[0]) * (p[0] - q[0]) + (p[1] - q[1]) * (p[1] - q[1]) +
-               (p[2] - q[2]) * (p[2] - q[2]);
+/// The spread of a molecule's centres that the distance between two of its poses depends on:
+/// their mean c and their second moment about it, M = (1/N) sum (p - c)(p - c)^T.
+struct CentreMoments {
+    double mean[3] = {0, 0, 0};
+    double second[3][3] = {};
+
+    explicit CentreMoments(const std::vector<QVGaussian>& gaussians) {
+        const double count = static_cast<double>(std::max<std::size_t>(gaussians.size(), 1));
+        for (const QVGaussian& g : gaussians) {
+            mean[0] += g.GetX();
+            mean[1] += g.GetY();
+            mean[2] += g.GetZ();
+        }
+        for (double& m : mean) {
+            m /= count;
+        }
+        for (const QVGaussian& g : gaussians) {
+            const double d[3] = {g.GetX() - mean[0], g.GetY() - mean[1], g.GetZ() - mean[2]};
+            for (int i = 0; i < 3; ++i) {
+                for (int j = 0; j < 3; ++j) {
+                    second[i][j] += d[i] * d[j] / count;
+                }
+            }
+        }
     }
-    return std::sqrt(sum / static_cast<double>(std::max<std::size_t>(fit.size(), 1)));
+};
+
+/// The RMS distance between the fit's atom centres placed by two poses, from the moments of
+/// the centres: with D = R_a - R_b and e = D c + t_a - t_b, the mean of |D (p - c) + e|^2 is
+/// trace(D M D^T) + |e|^2 (the cross term vanishes about the mean), two sums of squares.
+double PoseDistance(const CentreMoments& fit, const QVTrans& a, const QVTrans& b) {
+    double Ra[9], ta[3], Rb[9], tb[3];
+    a.Extract(Ra, ta, true);
+    b.Extract(Rb, tb, true);
+    double sum = 0.0;
+    for (int i = 0; i < 3; ++i) {
+        const double D[3] = {Ra[3 * i] - Rb[3 * i], Ra[3 * i + 1] - Rb[3 * i + 1],
+                             Ra[3 * i + 2] - Rb[3 * i + 2]};
+        double e = ta[i] - tb[i];
+        for (int j = 0; j < 3; ++j) {
+            e += D[j] * fit.mean[j];
+            for (int k = 0; k < 3; ++k) {
+                sum += D[j] * fit.second[j][k] * D[k];
+            }
+        }
+        sum += e * e;
+    }
+    return std::sqrt(std::max(sum, 0.0));
 }
 
 /// The indices of the first `count` candidates (best first) whose poses differ: local searches
 /// from several starts often converge to one optimum, and refining it twice would be wasted.
 std::vector<std::size_t> DistinctCandidates(const std::vector<Candidate>& candidates,
                                             std::size_t count, const std::vector<QVGaussian>& fit) {
+    const CentreMoments moments(fit);
     std::vector<std::size_t> chosen;
     for (std::size_t i = 0; i < candidates.size() && chosen.size() < count; ++i) {
         const bool repeated = std::any_of(chosen.begin(), chosen.end(), [&](std::size_t j) {
-            return PoseDistance(fit, candidates[i].pose, candidates[j].pose) < kSamePose;
+            return PoseDistance(moments, candidates[i].pose, candidates[j].pose) < kSamePose;
         });
         if (!repeated) {
             chosen.push_back(i);
