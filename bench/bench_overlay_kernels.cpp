@@ -5,6 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <array>
 #include <cmath>
 #include <vector>
 
@@ -22,6 +23,21 @@ using hermite::overlay::Expansion;
 using hermite::overlay::FastOverlap;
 using hermite::overlay::OverlapField;
 using namespace hermite_bench;
+
+/// A peptide-sized chain of `count` carbon-sized Gaussians, 1.5 angstrom apart along a helix of
+/// radius 3 angstrom rising 0.4 angstrom per Gaussian.
+std::vector<QVSystem::QVGaussian> ChainGaussians(unsigned int count) {
+    const QVSystem::QVGaussian atom = DrugLikeGaussians().front();
+    std::vector<QVSystem::QVGaussian> chain;
+    for (unsigned int i = 0; i < count; ++i) {
+        const double turn = 0.5 * i;
+        const float centre[3] = {static_cast<float>(3.0 * std::cos(turn)),
+                                 static_cast<float>(3.0 * std::sin(turn)),
+                                 static_cast<float>(0.4 * i)};
+        chain.emplace_back(atom.GetPrefactor(), atom.GetExponent(), centre, 0u);
+    }
+    return chain;
+}
 
 /// A generic pose: all three angles and translations non-zero.
 constexpr double kPose[6] = {0.3, -0.7, 1.1, 0.4, -0.25, 0.6};
@@ -69,6 +85,27 @@ void BM_TurnExpansion(benchmark::State& state) {
 }
 BENCHMARK(BM_TurnExpansion)->ArgName("N")->Arg(4)->Arg(6);
 
+// A fit's expansions at the scan's seven shifts (at rest and 1.5 angstrom both ways along each
+// axis), made once per fit: a drug-sized density (0) and a 70-atom chain (70).
+void BM_ExpansionsAtShifts(benchmark::State& state) {
+    const std::vector<QVSystem::QVGaussian> gaussians =
+        state.range(0) == 0 ? DrugLikeGaussians(1u)
+                            : ChainGaussians(static_cast<unsigned int>(state.range(0)));
+    const double lambda[3] = {1.6, 1.6, 1.6};
+    std::vector<std::array<double, 3>> shifts = {{0.0, 0.0, 0.0}};
+    for (unsigned int axis = 0; axis < 3; ++axis) {
+        for (const double sign : {-1.0, 1.0}) {
+            std::array<double, 3> shift = {0.0, 0.0, 0.0};
+            shift[axis] = 1.5 * sign;
+            shifts.push_back(shift);
+        }
+    }
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(Expansion::OfShifts(gaussians, 4, lambda, shifts));
+    }
+}
+BENCHMARK(BM_ExpansionsAtShifts)->Arg(0)->Arg(70);
+
 void BM_ExactOverlapValueAndGradient(benchmark::State& state) {
     ExactOverlapObjective objective(DrugLikeGaussians(1u), DrugLikeGaussians(2u));
     double gradient[6];
@@ -105,21 +142,6 @@ void BM_FieldOverlapCurvature(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_FieldOverlapCurvature);
-
-/// A peptide-sized chain of `count` carbon-sized Gaussians, 1.5 angstrom apart along a helix of
-/// radius 3 angstrom rising 0.4 angstrom per Gaussian.
-std::vector<QVSystem::QVGaussian> ChainGaussians(unsigned int count) {
-    const QVSystem::QVGaussian atom = DrugLikeGaussians().front();
-    std::vector<QVSystem::QVGaussian> chain;
-    for (unsigned int i = 0; i < count; ++i) {
-        const double turn = 0.5 * i;
-        const float centre[3] = {static_cast<float>(3.0 * std::cos(turn)),
-                                 static_cast<float>(3.0 * std::sin(turn)),
-                                 static_cast<float>(0.4 * i)};
-        chain.emplace_back(atom.GetPrefactor(), atom.GetExponent(), centre, 0u);
-    }
-    return chain;
-}
 
 // The sampling of a query's field, done once per query: a drug-sized density (0) and a
 // 70-atom chain (70).
