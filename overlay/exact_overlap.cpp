@@ -1,6 +1,7 @@
 #include "overlay/exact_overlap.h"
 
 #include "overlay/negative_exp.h"
+#include "overlay/vector_width.h"
 
 #include <algorithm>
 #include <cmath>
@@ -506,106 +507,110 @@ double ExactOverlapObjective::Evaluate(const double* y, double* gradient) const 
 }
 
 double ExactOverlapObjective::Curvature(double* gradient, double* hessian) const {
-    double overlap = 0.0;
-    RigidMotionSums sums;
-    CentreBlock block;
-    const auto flush = [&] {
-        block.PadLanes();
-        sums.Add(block);
-        block.count = 0;
-    };
-    for (std::size_t j = 0; j < moving_.size(); ++j) {
-        if (!Overlaps(j)) {
-            continue;
-        }
-        const Point& m = moving_[j];
-        const double p[3] = {m.x[0] + centre_[0], m.x[1] + centre_[1], m.x[2] + centre_[2]};
-        // The gradient f and the Hessian A of the overlap with respect to this centre's
-        // position: f = sum of s d and A = sum of 2k s d d^T - (sum of s) I, with d = q - p,
-        // T = C e^{-k d^2} and s = 2k T.
-        double f[3] = {0, 0, 0};
-        double A[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
-        double diagonal = 0.0;
-        ForEachNearBlock(j, p, [&](const NearBlock& near) {
-            // Summed in locals: the block's arrays cannot then alias the sums.
-            double sum = 0.0, sumS = 0.0, fx = 0.0, fy = 0.0, fz = 0.0;
-            double xx = 0.0, xy = 0.0, xz = 0.0, yy = 0.0, yz = 0.0, zz = 0.0;
-            for (std::size_t t = 0; t < near.count; ++t) {
-                const double x = near.d[0][t], y = near.d[1][t], z = near.d[2][t];
-                const double s = 2.0 * near.k[t] * near.term[t];
-                const double twoKs = 2.0 * near.k[t] * s;
-                sum += near.term[t];
-                sumS += s;
-                fx += s * x;
-                fy += s * y;
-                fz += s * z;
-                xx += twoKs * x * x;
-                xy += twoKs * x * y;
-                xz += twoKs * x * z;
-                yy += twoKs * y * y;
-                yz += twoKs * y * z;
-                zz += twoKs * z * z;
+    return RunKernel([&] {
+        double overlap = 0.0;
+        RigidMotionSums sums;
+        CentreBlock block;
+        const auto flush = [&] {
+            block.PadLanes();
+            sums.Add(block);
+            block.count = 0;
+        };
+        for (std::size_t j = 0; j < moving_.size(); ++j) {
+            if (!Overlaps(j)) {
+                continue;
             }
-            overlap += sum;
-            diagonal += sumS;
-            f[0] += fx;
-            f[1] += fy;
-            f[2] += fz;
-            A[0] += xx;
-            A[1] += xy;
-            A[2] += xz;
-            A[4] += yy;
-            A[5] += yz;
-            A[8] += zz;
-        });
-        const double upper[6] = {A[0] - diagonal, A[1], A[2],
-                                 A[4] - diagonal, A[5], A[8] - diagonal};
-        block.Push(m.x, f, upper);
-        if (block.count == CentreBlock::kCapacity) {
-            flush();
+            const Point& m = moving_[j];
+            const double p[3] = {m.x[0] + centre_[0], m.x[1] + centre_[1], m.x[2] + centre_[2]};
+            // The gradient f and the Hessian A of the overlap with respect to this centre's
+            // position: f = sum of s d and A = sum of 2k s d d^T - (sum of s) I, with d = q - p,
+            // T = C e^{-k d^2} and s = 2k T.
+            double f[3] = {0, 0, 0};
+            double A[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
+            double diagonal = 0.0;
+            ForEachNearBlock(j, p, [&](const NearBlock& near) {
+                // Summed in locals: the block's arrays cannot then alias the sums.
+                double sum = 0.0, sumS = 0.0, fx = 0.0, fy = 0.0, fz = 0.0;
+                double xx = 0.0, xy = 0.0, xz = 0.0, yy = 0.0, yz = 0.0, zz = 0.0;
+                for (std::size_t t = 0; t < near.count; ++t) {
+                    const double x = near.d[0][t], y = near.d[1][t], z = near.d[2][t];
+                    const double s = 2.0 * near.k[t] * near.term[t];
+                    const double twoKs = 2.0 * near.k[t] * s;
+                    sum += near.term[t];
+                    sumS += s;
+                    fx += s * x;
+                    fy += s * y;
+                    fz += s * z;
+                    xx += twoKs * x * x;
+                    xy += twoKs * x * y;
+                    xz += twoKs * x * z;
+                    yy += twoKs * y * y;
+                    yz += twoKs * y * z;
+                    zz += twoKs * z * z;
+                }
+                overlap += sum;
+                diagonal += sumS;
+                f[0] += fx;
+                f[1] += fy;
+                f[2] += fz;
+                A[0] += xx;
+                A[1] += xy;
+                A[2] += xz;
+                A[4] += yy;
+                A[5] += yz;
+                A[8] += zz;
+            });
+            const double upper[6] = {A[0] - diagonal, A[1], A[2],
+                                     A[4] - diagonal, A[5], A[8] - diagonal};
+            block.Push(m.x, f, upper);
+            if (block.count == CentreBlock::kCapacity) {
+                flush();
+            }
         }
-    }
-    flush();
-    sums.Write(gradient, hessian);
-    return overlap;
+        flush();
+        sums.Write(gradient, hessian);
+        return overlap;
+    });
 }
 
 double ExactOverlapObjective::Curvature(const OverlapField& field, double* gradient,
                                         double* hessian) const {
-    double overlap = 0.0;
-    RigidMotionSums sums;
-    CentreBlock block;
-    for (std::size_t first = 0; first < moving_.size(); first += CentreBlock::kCapacity) {
-        const std::size_t count = std::min(CentreBlock::kCapacity, moving_.size() - first);
-        double position[3][CentreBlock::kCapacity];
-        for (std::size_t j = 0; j < count; ++j) {
-            for (int a = 0; a < 3; ++a) {
-                position[a][j] = moving_[first + j].x[a] + centre_[a];
+    return RunKernel([&] {
+        double overlap = 0.0;
+        RigidMotionSums sums;
+        CentreBlock block;
+        for (std::size_t first = 0; first < moving_.size(); first += CentreBlock::kCapacity) {
+            const std::size_t count = std::min(CentreBlock::kCapacity, moving_.size() - first);
+            double position[3][CentreBlock::kCapacity];
+            for (std::size_t j = 0; j < count; ++j) {
+                for (int a = 0; a < 3; ++a) {
+                    position[a][j] = moving_[first + j].x[a] + centre_[a];
+                }
             }
-        }
-        const double* const positions[3] = {position[0], position[1], position[2]};
-        double value[CentreBlock::kCapacity];
-        double f[3][CentreBlock::kCapacity], A[6][CentreBlock::kCapacity];
-        double* const gradients[3] = {f[0], f[1], f[2]};
-        double* const hessians[6] = {A[0], A[1], A[2], A[3], A[4], A[5]};
-        field.At(count, positions, value, gradients, hessians);
-        block.count = 0;
-        for (std::size_t j = 0; j < count; ++j) {
-            const Point& m = moving_[first + j];
-            overlap += m.prefactor * value[j];
-            const double scaledF[3] = {m.prefactor * f[0][j], m.prefactor * f[1][j],
-                                       m.prefactor * f[2][j]};
-            double scaledA[6];
-            for (int i = 0; i < 6; ++i) {
-                scaledA[i] = m.prefactor * A[i][j];
+            const double* const positions[3] = {position[0], position[1], position[2]};
+            double value[CentreBlock::kCapacity];
+            double f[3][CentreBlock::kCapacity], A[6][CentreBlock::kCapacity];
+            double* const gradients[3] = {f[0], f[1], f[2]};
+            double* const hessians[6] = {A[0], A[1], A[2], A[3], A[4], A[5]};
+            field.At(count, positions, value, gradients, hessians);
+            block.count = 0;
+            for (std::size_t j = 0; j < count; ++j) {
+                const Point& m = moving_[first + j];
+                overlap += m.prefactor * value[j];
+                const double scaledF[3] = {m.prefactor * f[0][j], m.prefactor * f[1][j],
+                                           m.prefactor * f[2][j]};
+                double scaledA[6];
+                for (int i = 0; i < 6; ++i) {
+                    scaledA[i] = m.prefactor * A[i][j];
+                }
+                block.Push(m.x, scaledF, scaledA);
             }
-            block.Push(m.x, scaledF, scaledA);
+            block.PadLanes();
+            sums.Add(block);
         }
-        block.PadLanes();
-        sums.Add(block);
-    }
-    sums.Write(gradient, hessian);
-    return overlap;
+        sums.Write(gradient, hessian);
+        return overlap;
+    });
 }
 
 double ExactOverlapObjective::operator()(const double* y) {

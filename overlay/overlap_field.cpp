@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "overlay/negative_exp.h"
+#include "overlay/vector_width.h"
 
 namespace hermite::overlay {
 
@@ -71,100 +72,103 @@ OverlapField::OverlapField(const std::vector<QVSystem::QVGaussian>& fixed, doubl
 }
 
 void OverlapField::AddTerm(const double* q, double C, double k, double reach) {
-    // With d = q - x, T = C e^{-k d^2} and s = 2k T, the gradient of T is s d and its Hessian
-    // 2k s d d^T - s I. The term factorises along the axes, e^{-k d^2} = e^{-k dx^2}
-    // e^{-k dy^2} e^{-k dz^2}, and so does each of the ten values: a product of a factor of
-    // the point's x, taken from tables along the row, and one of its row (y, z), one product
-    // per value and point.
-    long first[3], last[3];
-    std::vector<double> offset[3], factor[3];
-    for (int a = 0; a < 3; ++a) {
-        first[a] = std::max(
-            0L, static_cast<long>(std::ceil((q[a] - reach - origin_[a]) * inverseSpacing_)));
-        last[a] =
-            std::min(points_[a] - 1,
-                     static_cast<long>(std::floor((q[a] + reach - origin_[a]) * inverseSpacing_)));
-        for (long i = first[a]; i <= last[a]; ++i) {
-            const double d = q[a] - (origin_[a] + static_cast<double>(i) * spacing_);
-            offset[a].push_back(d);
-            // The polynomial exponential: the same bits on every machine (k d^2 <= cutoff).
-            factor[a].push_back(ExpOfNegative(-k * d * d));
+    return RunKernel([&] {
+        // With d = q - x, T = C e^{-k d^2} and s = 2k T, the gradient of T is s d and its Hessian
+        // 2k s d d^T - s I. The term factorises along the axes, e^{-k d^2} = e^{-k dx^2}
+        // e^{-k dy^2} e^{-k dz^2}, and so does each of the ten values: a product of a factor of
+        // the point's x, taken from tables along the row, and one of its row (y, z), one product
+        // per value and point.
+        long first[3], last[3];
+        std::vector<double> offset[3], factor[3];
+        for (int a = 0; a < 3; ++a) {
+            first[a] = std::max(
+                0L, static_cast<long>(std::ceil((q[a] - reach - origin_[a]) * inverseSpacing_)));
+            last[a] = std::min(
+                points_[a] - 1,
+                static_cast<long>(std::floor((q[a] + reach - origin_[a]) * inverseSpacing_)));
+            for (long i = first[a]; i <= last[a]; ++i) {
+                const double d = q[a] - (origin_[a] + static_cast<double>(i) * spacing_);
+                offset[a].push_back(d);
+                // The polynomial exponential: the same bits on every machine (k d^2 <= cutoff).
+                factor[a].push_back(ExpOfNegative(-k * d * d));
+            }
         }
-    }
-    // Each value is a factor of the point's x times one of its row (y, z): per column, the x
-    // factors of the ten values in their order (e, 2k e dx, e, e, 4k^2 e dx^2 - 2k e,
-    // 4k^2 e dx, 4k^2 e dx, e, e, e) ...
-    const std::size_t columns = offset[0].size();
-    std::vector<float> columnFactors(kValues * columns);
-    for (std::size_t i = 0; i < columns; ++i) {
-        const double e = factor[0][i], dx = offset[0][i];
-        const float ex = static_cast<float>(e);
-        const float exD2 = static_cast<float>(4 * k * k * e * dx);
-        const float values[kValues] = {ex,
-                                       static_cast<float>(2 * k * e * dx),
-                                       ex,
-                                       ex,
-                                       static_cast<float>((4 * k * k * dx * dx - 2 * k) * e),
-                                       exD2,
-                                       exD2,
-                                       ex,
-                                       ex,
-                                       ex};
-        std::copy(values, values + kValues, &columnFactors[kValues * i]);
-    }
-    // ... and only the points within the reach (a sphere, half the box): the rows of the box
-    // cut to the chord of the sphere at their y and z. A row's samples and its columns' factors
-    // are both runs of ten floats per point, so that a row is one product of two runs, with the
-    // row's ten factors repeated (twice, so that the loop has a whole number of SIMD widths).
-    const double reach2 = reach * reach;
-    for (long z = first[2]; z <= last[2]; ++z) {
-        const double dz = offset[2][z - first[2]];
-        for (long y = first[1]; y <= last[1]; ++y) {
-            const double dy = offset[1][y - first[1]];
-            const double chord2 = reach2 - dy * dy - dz * dz;
-            if (chord2 < 0.0) {
-                continue;
-            }
-            const double chord = std::sqrt(chord2);
-            const long from = std::max(
-                first[0],
-                static_cast<long>(std::ceil((q[0] - chord - origin_[0]) * inverseSpacing_)));
-            const long to = std::min(
-                last[0],
-                static_cast<long>(std::floor((q[0] + chord - origin_[0]) * inverseSpacing_)));
-            if (from > to) {
-                continue;
-            }
-            const double row = C * factor[2][z - first[2]] * factor[1][y - first[1]];
-            const double rowValues[kValues] = {row,
-                                               row,
-                                               row * 2 * k * dy,
-                                               row * 2 * k * dz,
-                                               row,
-                                               row * dy,
-                                               row * dz,
-                                               row * (4 * k * k * dy * dy - 2 * k),
-                                               row * 4 * k * k * dy * dz,
-                                               row * (4 * k * k * dz * dz - 2 * k)};
-            float rowFactors[2 * kValues];
-            for (std::size_t v = 0; v < kValues; ++v) {
-                rowFactors[v] = rowFactors[kValues + v] = static_cast<float>(rowValues[v]);
-            }
-            float* out = &samples_[kValues * static_cast<std::size_t>(
-                                                 (z * points_[1] + y) * points_[0] + from)];
-            const float* in = &columnFactors[kValues * static_cast<std::size_t>(from - first[0])];
-            const std::size_t count = kValues * static_cast<std::size_t>(to - from + 1);
-            std::size_t t = 0;
-            for (; t + 2 * kValues <= count; t += 2 * kValues) {
-                for (std::size_t v = 0; v < 2 * kValues; ++v) {
+        // Each value is a factor of the point's x times one of its row (y, z): per column, the x
+        // factors of the ten values in their order (e, 2k e dx, e, e, 4k^2 e dx^2 - 2k e,
+        // 4k^2 e dx, 4k^2 e dx, e, e, e) ...
+        const std::size_t columns = offset[0].size();
+        std::vector<float> columnFactors(kValues * columns);
+        for (std::size_t i = 0; i < columns; ++i) {
+            const double e = factor[0][i], dx = offset[0][i];
+            const float ex = static_cast<float>(e);
+            const float exD2 = static_cast<float>(4 * k * k * e * dx);
+            const float values[kValues] = {ex,
+                                           static_cast<float>(2 * k * e * dx),
+                                           ex,
+                                           ex,
+                                           static_cast<float>((4 * k * k * dx * dx - 2 * k) * e),
+                                           exD2,
+                                           exD2,
+                                           ex,
+                                           ex,
+                                           ex};
+            std::copy(values, values + kValues, &columnFactors[kValues * i]);
+        }
+        // ... and only the points within the reach (a sphere, half the box): the rows of the box
+        // cut to the chord of the sphere at their y and z. A row's samples and its columns' factors
+        // are both runs of ten floats per point, so that a row is one product of two runs, with the
+        // row's ten factors repeated (twice, so that the loop has a whole number of SIMD widths).
+        const double reach2 = reach * reach;
+        for (long z = first[2]; z <= last[2]; ++z) {
+            const double dz = offset[2][z - first[2]];
+            for (long y = first[1]; y <= last[1]; ++y) {
+                const double dy = offset[1][y - first[1]];
+                const double chord2 = reach2 - dy * dy - dz * dz;
+                if (chord2 < 0.0) {
+                    continue;
+                }
+                const double chord = std::sqrt(chord2);
+                const long from = std::max(
+                    first[0],
+                    static_cast<long>(std::ceil((q[0] - chord - origin_[0]) * inverseSpacing_)));
+                const long to = std::min(
+                    last[0],
+                    static_cast<long>(std::floor((q[0] + chord - origin_[0]) * inverseSpacing_)));
+                if (from > to) {
+                    continue;
+                }
+                const double row = C * factor[2][z - first[2]] * factor[1][y - first[1]];
+                const double rowValues[kValues] = {row,
+                                                   row,
+                                                   row * 2 * k * dy,
+                                                   row * 2 * k * dz,
+                                                   row,
+                                                   row * dy,
+                                                   row * dz,
+                                                   row * (4 * k * k * dy * dy - 2 * k),
+                                                   row * 4 * k * k * dy * dz,
+                                                   row * (4 * k * k * dz * dz - 2 * k)};
+                float rowFactors[2 * kValues];
+                for (std::size_t v = 0; v < kValues; ++v) {
+                    rowFactors[v] = rowFactors[kValues + v] = static_cast<float>(rowValues[v]);
+                }
+                float* out = &samples_[kValues * static_cast<std::size_t>(
+                                                     (z * points_[1] + y) * points_[0] + from)];
+                const float* in =
+                    &columnFactors[kValues * static_cast<std::size_t>(from - first[0])];
+                const std::size_t count = kValues * static_cast<std::size_t>(to - from + 1);
+                std::size_t t = 0;
+                for (; t + 2 * kValues <= count; t += 2 * kValues) {
+                    for (std::size_t v = 0; v < 2 * kValues; ++v) {
+                        out[t + v] += rowFactors[v] * in[t + v];
+                    }
+                }
+                for (std::size_t v = 0; t + v < count; ++v) {
                     out[t + v] += rowFactors[v] * in[t + v];
                 }
             }
-            for (std::size_t v = 0; t + v < count; ++v) {
-                out[t + v] += rowFactors[v] * in[t + v];
-            }
         }
-    }
+    });
 }
 
 std::size_t OverlapField::Locate(const double* x, double* delta) const {

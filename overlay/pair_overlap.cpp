@@ -5,6 +5,7 @@
 #include <numeric>
 
 #include "overlay/negative_exp.h"
+#include "overlay/vector_width.h"
 
 namespace hermite::overlay {
 
@@ -94,29 +95,31 @@ struct Partners {
 /// the partners from `first` to before `last`, without its own prefactor.
 double OverlapWithPartners(const double* p, const Partners& partners, std::size_t first,
                            std::size_t last) {
-    constexpr std::size_t kBlock = 64;
-    double sum = 0.0;
-    for (std::size_t block = first; block < last; block += kBlock) {
-        const std::size_t size = std::min(kBlock, last - block);
-        const double* x = partners.x.data() + block;
-        const double* y = partners.y.data() + block;
-        const double* z = partners.z.data() + block;
-        const double* k = partners.k.data() + block;
-        const double* weight = partners.weight.data() + block;
-        double terms[kBlock];
-        for (std::size_t t = 0; t < size; ++t) {
-            const double dx = x[t] - p[0], dy = y[t] - p[1], dz = z[t] - p[2];
-            terms[t] = k[t] * (dx * dx + dy * dy + dz * dz);
+    return RunKernel([&] {
+        constexpr std::size_t kBlock = 64;
+        double sum = 0.0;
+        for (std::size_t block = first; block < last; block += kBlock) {
+            const std::size_t size = std::min(kBlock, last - block);
+            const double* x = partners.x.data() + block;
+            const double* y = partners.y.data() + block;
+            const double* z = partners.z.data() + block;
+            const double* k = partners.k.data() + block;
+            const double* weight = partners.weight.data() + block;
+            double terms[kBlock];
+            for (std::size_t t = 0; t < size; ++t) {
+                const double dx = x[t] - p[0], dy = y[t] - p[1], dz = z[t] - p[2];
+                terms[t] = k[t] * (dx * dx + dy * dy + dz * dz);
+            }
+            CutOffExponentials(terms, size, kPairCutoff);
+            // Four running sums, so that the additions do not wait on one another.
+            double partial[4] = {0.0, 0.0, 0.0, 0.0};
+            for (std::size_t t = 0; t < size; ++t) {
+                partial[t % 4] += weight[t] * terms[t];
+            }
+            sum += (partial[0] + partial[1]) + (partial[2] + partial[3]);
         }
-        CutOffExponentials(terms, size, kPairCutoff);
-        // Four running sums, so that the additions do not wait on one another.
-        double partial[4] = {0.0, 0.0, 0.0, 0.0};
-        for (std::size_t t = 0; t < size; ++t) {
-            partial[t % 4] += weight[t] * terms[t];
-        }
-        sum += (partial[0] + partial[1]) + (partial[2] + partial[3]);
-    }
-    return sum;
+        return sum;
+    });
 }
 
 /// The kinds of the Gaussians of `a`, each once, in order of first appearance.
