@@ -4,6 +4,7 @@
 /// exact refinement walks towards an optimum.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <vector>
 
@@ -82,5 +83,74 @@ private:
     /// kValues per grid point, x fastest, then y, then z.
     std::vector<float> samples_;
 };
+
+// The evaluations are defined here, inline, so that a walk's kernel compiles them into its own
+// loop, at its own vector width (see vector_width.h): a quarter of a Newton step on the field.
+
+inline std::size_t OverlapField::Locate(const double* x, double* delta) const {
+    std::size_t index = 0;
+    for (int a = 2; a >= 0; --a) {
+        // The nearest point is floor(u), and for u >= 0 floor is the truncation.
+        const double u = (x[a] - origin_[a]) * inverseSpacing_ + 0.5;
+        if (!(u >= 0.0 && u < static_cast<double>(points_[a]))) {
+            return kNowhere;  // beyond the reach of every term (or not a finite point)
+        }
+        const long nearest = static_cast<long>(u);
+        index = index * static_cast<std::size_t>(points_[a]) + static_cast<std::size_t>(nearest);
+        delta[a] = x[a] - (origin_[a] + static_cast<double>(nearest) * spacing_);
+    }
+    return index;
+}
+
+inline double OverlapField::At(std::size_t index, const double* delta, double* gradient,
+                               double* hessian) const {
+    if (index == kNowhere) {
+        std::fill(gradient, gradient + 3, 0.0);
+        std::fill(hessian, hessian + 6, 0.0);
+        return 0.0;
+    }
+    const float* s = &samples_[kValues * index];
+    const double H[3][3] = {{s[4], s[5], s[6]}, {s[5], s[7], s[8]}, {s[6], s[8], s[9]}};
+    double value = s[0];
+    for (int a = 0; a < 3; ++a) {
+        const double Hdelta = H[a][0] * delta[0] + H[a][1] * delta[1] + H[a][2] * delta[2];
+        gradient[a] = s[1 + a] + Hdelta;
+        value += (s[1 + a] + 0.5 * Hdelta) * delta[a];
+    }
+    std::copy(s + 4, s + 10, hessian);
+    return value;
+}
+
+inline double OverlapField::At(const double* x, double* gradient, double* hessian) const {
+    double delta[3];
+    return At(Locate(x, delta), delta, gradient, hessian);
+}
+
+inline void OverlapField::At(std::size_t count, const double* const* x, double* value,
+                             double* const* gradient, double* const* hessian) const {
+    constexpr std::size_t kBlock = 64;
+    std::size_t index[kBlock];
+    double delta[kBlock][3];
+    for (std::size_t first = 0; first < count; first += kBlock) {
+        const std::size_t size = std::min(kBlock, count - first);
+        for (std::size_t j = 0; j < size; ++j) {
+            const double point[3] = {x[0][first + j], x[1][first + j], x[2][first + j]};
+            index[j] = Locate(point, delta[j]);
+            if (index[j] != kNowhere) {
+                __builtin_prefetch(&samples_[kValues * index[j]]);
+            }
+        }
+        for (std::size_t j = 0; j < size; ++j) {
+            double g[3], H[6];
+            value[first + j] = At(index[j], delta[j], g, H);
+            for (int a = 0; a < 3; ++a) {
+                gradient[a][first + j] = g[a];
+            }
+            for (int i = 0; i < 6; ++i) {
+                hessian[i][first + j] = H[i];
+            }
+        }
+    }
+}
 
 }  // namespace hermite::overlay
