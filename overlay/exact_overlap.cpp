@@ -1,5 +1,6 @@
 #include "overlay/exact_overlap.h"
 
+#include "overlay/lanes.h"
 #include "overlay/negative_exp.h"
 #include "overlay/vector_width.h"
 
@@ -51,17 +52,6 @@ void Apply(const double* R, const double* p, double* out) {
     for (int i = 0; i < 3; ++i) {
         out[i] = R[3 * i] * p[0] + R[3 * i + 1] * p[1] + R[3 * i + 2] * p[2];
     }
-}
-
-/// Four doubles handled as one value (a GCC and Clang vector extension): sums over centres are
-/// taken four centres at once, each of the four lanes summing its own centres in order, and the
-/// lanes are added at the end. The operations act lane by lane, so every machine rounds alike;
-/// the compiler maps them to vector registers where it can.
-using Lanes = double __attribute__((vector_size(4 * sizeof(double))));
-constexpr std::size_t kLanes = 4;
-
-double SumOfLanes(const Lanes& lanes) {
-    return (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
 }
 
 /// The positions of a block of centres relative to the mean centre, with the gradient f and

@@ -4,6 +4,10 @@
 #include <array>
 #include <cmath>
 
+#include "overlay/lanes.h"
+#include "overlay/negative_exp.h"
+#include "overlay/vector_width.h"
+
 namespace hermite::overlay {
 
 using QVHermiteMath::GetLmnIndex;
@@ -35,44 +39,54 @@ Expansion Expansion::From(const QVHermiteMath::QVHermite& expansion) {
 
 namespace {
 
-/// What the one-axis tables of Gaussians of one exponent a share on each axis: with
-/// r = sqrt(2a) and t = r / lambda, q = 1 / (t^2 + 1), A = 2 (1 - t^2) q, the factor 2 t q of
-/// B and the factor sqrt(2 pi q) of F_0. Computed once per run of Gaussians of one exponent.
+/// What the one-axis tables of a Gaussian of exponent a need on each axis, four Gaussians at a
+/// time (one per lane): with r = sqrt(2a) and t = r / lambda, q = 1 / (t^2 + 1),
+/// A = 2 (1 - t^2) q, the factor 2 t q of B and the factor sqrt(2 pi q) of F_0.
 struct AxisConstants {
-    float exponent = 0.0f;
-    double r = 0.0;
-    double A[3] = {0, 0, 0};
-    double halfQ[3] = {0, 0, 0};  ///< -q / 2
-    double twoTQ[3] = {0, 0, 0};  ///< 2 t q
-    double root[3] = {0, 0, 0};   ///< sqrt(2 pi q)
+    Lanes r = {};
+    Lanes A[3] = {};
+    Lanes halfQ[3] = {};  ///< q / 2
+    Lanes twoTQ[3] = {};  ///< 2 t q
+    Lanes root[3] = {};   ///< sqrt(2 pi q)
 
-    AxisConstants(float a, const double* lambda) : exponent(a) {
-        r = std::sqrt(2.0 * static_cast<double>(a));
+    /// Sets lane `lane` to the constants of exponent `a`.
+    void Set(std::size_t lane, float a, const double* lambda) {
+        r[lane] = std::sqrt(2.0 * static_cast<double>(a));
         for (unsigned int axis = 0; axis < 3; ++axis) {
-            const double t = r / lambda[axis];
+            const double t = r[lane] / lambda[axis];
             const double q = 1.0 / (t * t + 1.0);
-            A[axis] = 2.0 * (1.0 - t * t) * q;
-            halfQ[axis] = -0.5 * q;
-            twoTQ[axis] = 2.0 * t * q;
-            root[axis] = std::sqrt(6.283185307179586 * q);
+            A[axis][lane] = 2.0 * (1.0 - t * t) * q;
+            halfQ[axis][lane] = 0.5 * q;
+            twoTQ[axis][lane] = 2.0 * t * q;
+            root[axis][lane] = std::sqrt(6.283185307179586 * q);
         }
     }
 };
 
-/// F_0..F_N on `axis` of a Gaussian of constants `c` centred at `centre` (angstrom): the
-/// recurrence of the library's one-Gaussian tables (F_1 = B F_0, F_k = (k - 1) A F_(k-2) +
-/// B F_(k-1), with y = centre r and B = 2 t q y) with the same operations.
-void OneAxisTable(unsigned int N, const AxisConstants& c, unsigned int axis, double centre,
-                  double* F) {
-    const double y = centre * c.r;
-    const double A = c.A[axis];
-    const double B = c.twoTQ[axis] * y;
-    F[0] = c.root[axis] * std::exp(c.halfQ[axis] * y * y);
+/// F_0..F_N on `axis` of four Gaussians of constants `c` centred at `centre` (angstrom), each
+/// divided by K_k: the recurrence of the library's one-Gaussian tables, F_0 = sqrt(2 pi q)
+/// e^(-q y^2 / 2), F_1 = B F_0, F_k = (k - 1) A F_(k-2) + B F_(k-1), with y = centre r and
+/// B = 2 t q y.
+void OneAxisTables(unsigned int N, const AxisConstants& c, unsigned int axis, const Lanes& centre,
+                   const std::vector<double>& K, LanesSlot* F) {
+    const Lanes y = centre * c.r;
+    double exponent[kLanes];
+    for (std::size_t lane = 0; lane < kLanes; ++lane) {
+        exponent[lane] = c.halfQ[axis][lane] * y[lane] * y[lane];
+    }
+    CutOffExponentials(exponent, kLanes, kLargestExponent);
+    const Lanes gaussian = {exponent[0], exponent[1], exponent[2], exponent[3]};
+    const Lanes A = c.A[axis];
+    const Lanes B = c.twoTQ[axis] * y;
+    F[0].lanes = c.root[axis] * gaussian;
     if (N >= 1) {
-        F[1] = B * F[0];
+        F[1].lanes = B * F[0].lanes;
     }
     for (unsigned int k = 2; k <= N; ++k) {
-        F[k] = static_cast<double>(k - 1) * A * F[k - 2] + B * F[k - 1];
+        F[k].lanes = static_cast<double>(k - 1) * A * F[k - 2].lanes + B * F[k - 1].lanes;
+    }
+    for (unsigned int k = 0; k <= N; ++k) {
+        F[k].lanes = F[k].lanes / K[k];
     }
 }
 
@@ -98,6 +112,25 @@ struct ShiftValues {
     }
 };
 
+/// The centres of `gaussians` on each axis at each of the axis's shift values, rounded to single
+/// precision as a moved Gaussian's are: [axis][value * gaussians + gaussian]. Made outside the
+/// kernels (not inlined into them): vectorised for AVX2, the round trip from double to float and
+/// back may be dropped, and the moved centres would keep double precision.
+__attribute__((noinline)) std::array<std::vector<double>, 3> MovedCentres(
+    const std::vector<QVSystem::QVGaussian>& gaussians, const ShiftValues& shiftValues) {
+    std::array<std::vector<double>, 3> moved;
+    for (unsigned int axis = 0; axis < 3; ++axis) {
+        for (const double value : shiftValues.values[axis]) {
+            for (const QVSystem::QVGaussian& g : gaussians) {
+                const float centre[3] = {g.GetX(), g.GetY(), g.GetZ()};
+                moved[axis].push_back(value == 0.0 ? centre[axis]
+                                                   : static_cast<float>(centre[axis] + value));
+            }
+        }
+    }
+    return moved;
+}
+
 }  // namespace
 
 Expansion Expansion::Of(const std::vector<QVSystem::QVGaussian>& gaussians, unsigned int order,
@@ -108,59 +141,83 @@ Expansion Expansion::Of(const std::vector<QVSystem::QVGaussian>& gaussians, unsi
 std::vector<Expansion> Expansion::OfShifts(const std::vector<QVSystem::QVGaussian>& gaussians,
                                            unsigned int order, const double* lambda,
                                            const std::vector<std::array<double, 3>>& shifts) {
-    const std::vector<double> K = QVHermiteMath::computeKs(order);
-    std::vector<double> kProduct;
-    for (unsigned int s = 0; s <= order; ++s) {
-        for (unsigned int l = 0; l <= s; ++l) {
-            for (unsigned int m = 0; m <= s - l; ++m) {
-                kProduct.push_back(K[l] * K[m] * K[s - l - m]);
+    return RunKernel([&] {
+        // c_lmn = sum over Gaussians of w X_l Y_m Z_n, with each one-axis table divided by its
+        // K and the prefactor w in the x table; four Gaussians at a time, one per lane. The
+        // sums run in (l, m, n) order, n fastest, so that the innermost loop is a run of
+        // products of one X_l Y_m with the z table; they are put in the coefficients' order
+        // (by total degree) at the end.
+        const std::vector<double> K = QVHermiteMath::computeKs(order);
+        std::vector<std::size_t> position;  // of each (l, m, n) term in the coefficients
+        for (unsigned int l = 0; l <= order; ++l) {
+            for (unsigned int m = 0; m + l <= order; ++m) {
+                for (unsigned int n = 0; n + m + l <= order; ++n) {
+                    position.push_back(GetLmnIndex(l, m, n));
+                }
             }
         }
-    }
-    Expansion blank;
-    blank.order = order;
-    std::copy(lambda, lambda + 3, blank.lambda);
-    blank.coefficients.assign(kProduct.size(), 0.0);
-    std::vector<Expansion> result(shifts.size(), blank);
-
-    const ShiftValues shiftValues(shifts);
-    const std::size_t rows = order + 1;
-    std::array<std::vector<double>, 3> tables;  // per axis: one row per distinct value
-    for (unsigned int axis = 0; axis < 3; ++axis) {
-        tables[axis].resize(shiftValues.values[axis].size() * rows);
-    }
-    AxisConstants constants(gaussians.empty() ? 0.0f : gaussians.front().GetExponent(), lambda);
-    for (const QVSystem::QVGaussian& g : gaussians) {
-        if (g.GetExponent() != constants.exponent) {
-            constants = AxisConstants(g.GetExponent(), lambda);
-        }
-        const float centre[3] = {g.GetX(), g.GetY(), g.GetZ()};
+        const std::size_t terms = position.size();
+        std::vector<LanesSlot> sums(shifts.size() * terms, LanesSlot{});
+        const ShiftValues shiftValues(shifts);
+        const std::size_t rows = order + 1;
+        std::array<std::vector<LanesSlot>, 3> tables;  // per axis: one row per distinct value
         for (unsigned int axis = 0; axis < 3; ++axis) {
-            const std::vector<double>& values = shiftValues.values[axis];
-            for (std::size_t v = 0; v < values.size(); ++v) {
-                // A shifted centre is rounded to single precision, as a moved Gaussian's is.
-                const double moved =
-                    values[v] == 0.0 ? centre[axis] : static_cast<float>(centre[axis] + values[v]);
-                OneAxisTable(order, constants, axis, moved, &tables[axis][v * rows]);
-            }
+            tables[axis].resize(shiftValues.values[axis].size() * rows);
         }
-        const double w = g.GetPrefactor();
-        for (std::size_t j = 0; j < shifts.size(); ++j) {
-            const double* X = &tables[0][shiftValues.slots[j][0] * rows];
-            const double* Y = &tables[1][shiftValues.slots[j][1] * rows];
-            const double* Z = &tables[2][shiftValues.slots[j][2] * rows];
-            double* coefficients = result[j].coefficients.data();
-            std::size_t index = 0;
-            for (unsigned int s = 0; s <= order; ++s) {
-                for (unsigned int l = 0; l <= s; ++l) {
-                    for (unsigned int m = 0; m <= s - l; ++m, ++index) {
-                        coefficients[index] += w * X[l] * Y[m] * Z[s - l - m] / kProduct[index];
+        const std::array<std::vector<double>, 3> movedCentres =
+            MovedCentres(gaussians, shiftValues);
+        AxisConstants constants;
+        for (std::size_t first = 0; first < gaussians.size(); first += kLanes) {
+            // Lanes past the last Gaussian repeat it with no weight.
+            std::size_t index[kLanes];
+            Lanes weight = {};
+            for (std::size_t lane = 0; lane < kLanes; ++lane) {
+                index[lane] = std::min(first + lane, gaussians.size() - 1);
+                const QVSystem::QVGaussian& g = gaussians[index[lane]];
+                constants.Set(lane, g.GetExponent(), lambda);
+                weight[lane] = first + lane < gaussians.size() ? g.GetPrefactor() : 0.0;
+            }
+            for (unsigned int axis = 0; axis < 3; ++axis) {
+                for (std::size_t v = 0; v < shiftValues.values[axis].size(); ++v) {
+                    const double* centres = &movedCentres[axis][v * gaussians.size()];
+                    const Lanes moved = {centres[index[0]], centres[index[1]], centres[index[2]],
+                                         centres[index[3]]};
+                    LanesSlot* F = &tables[axis][v * rows];
+                    OneAxisTables(order, constants, axis, moved, K, F);
+                    for (std::size_t k = 0; axis == 0 && k < rows; ++k) {
+                        F[k].lanes = weight * F[k].lanes;
+                    }
+                }
+            }
+            for (std::size_t j = 0; j < shifts.size(); ++j) {
+                const LanesSlot* X = &tables[0][shiftValues.slots[j][0] * rows];
+                const LanesSlot* Y = &tables[1][shiftValues.slots[j][1] * rows];
+                const LanesSlot* Z = &tables[2][shiftValues.slots[j][2] * rows];
+                LanesSlot* sum = &sums[j * terms];
+                for (unsigned int l = 0; l <= order; ++l) {
+                    for (unsigned int m = 0; m + l <= order; ++m) {
+                        const Lanes xy = X[l].lanes * Y[m].lanes;
+                        const unsigned int run = order - l - m + 1;
+                        for (unsigned int n = 0; n < run; ++n) {
+                            sum[n].lanes += xy * Z[n].lanes;
+                        }
+                        sum += run;
                     }
                 }
             }
         }
-    }
-    return result;
+        Expansion blank;
+        blank.order = order;
+        std::copy(lambda, lambda + 3, blank.lambda);
+        blank.coefficients.assign(terms, 0.0);
+        std::vector<Expansion> result(shifts.size(), blank);
+        for (std::size_t j = 0; j < shifts.size(); ++j) {
+            for (std::size_t t = 0; t < terms; ++t) {
+                result[j].coefficients[position[t]] = SumOfLanes(sums[j * terms + t].lanes);
+            }
+        }
+        return result;
+    });
 }
 
 double Expansion::SelfOverlap() const {

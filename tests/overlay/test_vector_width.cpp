@@ -4,11 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <vector>
 
 #include "../support/test_support.h"
 #include "cdk2_ligands.h"
 #include "overlay/exact_overlap.h"
+#include "overlay/fast_overlap.h"
 #include "overlay/overlap_field.h"
 #include "overlay/overlay.h"
 #include "overlay/pair_overlap.h"
@@ -17,6 +19,7 @@
 namespace {
 
 using hermite::overlay::ExactOverlapObjective;
+using hermite::overlay::Expansion;
 using hermite::overlay::KernelVectorWidth;
 using hermite::overlay::OverlapField;
 using hermite::overlay::Query;
@@ -62,6 +65,24 @@ TEST_F(VectorWidthTest, PairSumsAreTheSame) {
     });
     EXPECT_EQ(sums.first, sums.second);
     EXPECT_GT(sums.first[0], 0.0);
+}
+
+/// The expansions at the scan's shifts round each moved centre to single precision at either
+/// width (a vectorised round trip from double to float and back must not be dropped).
+TEST_F(VectorWidthTest, ExpansionsAtShiftsAreTheSame) {
+    const std::vector<QVGaussian> gaussians = Cloud(23, 5u);
+    const double lambda[3] = {0.5, 0.5, 0.5};
+    const std::vector<std::array<double, 3>> shifts = {
+        {0.0, 0.0, 0.0}, {-1.5, 0.0, 0.0}, {0.0, 1.5, 0.0}, {0.3, 0.0, -1.5}};
+    const auto expansions = AtBothWidths([&] {
+        std::vector<double> coefficients;
+        for (const Expansion& e : Expansion::OfShifts(gaussians, 4, lambda, shifts)) {
+            coefficients.insert(coefficients.end(), e.coefficients.begin(), e.coefficients.end());
+        }
+        return coefficients;
+    });
+    EXPECT_EQ(expansions.first, expansions.second);
+    EXPECT_EQ(expansions.first.size(), 4u * 35u);
 }
 
 TEST_F(VectorWidthTest, NewtonStepsOnPairsAndOnTheFieldAreTheSame) {
