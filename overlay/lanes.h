@@ -12,8 +12,7 @@ namespace hermite::overlay {
 /// the compiler maps them to vector registers where it can. The alignment is stated: left to
 /// the compiler it is 16 bytes in code built for SSE2 and 32 in code built for AVX2, and a
 /// kernel of each width may use the same memory.
-using Lanes =
-    double __attribute__((vector_size(4 * sizeof(double)), aligned(4 * sizeof(double))));
+using Lanes = double __attribute__((vector_size(4 * sizeof(double)), aligned(4 * sizeof(double))));
 constexpr std::size_t kLanes = 4;
 
 /// Lanes as the element of a standard container: a template argument loses the alignment of

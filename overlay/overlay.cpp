@@ -102,6 +102,9 @@ struct Candidate {
     Matrix6 hessian = Matrix6::Zero();
     /// The exact overlap a Newton step is expected to reach (see NewtonPrediction), when known.
     double predicted = INFINITY;
+    /// That Newton step, in the refinement's scaled variables (see NewtonAscent), when the
+    /// curvature is known: the refinement's first step.
+    Vector6 newtonStep = Vector6::Zero();
 };
 
 /// The pose p -> R^T (U p + t) of a Hermite optimum x = (angles, t) reached from the start
@@ -466,12 +469,13 @@ Vector6 RefinementScale(double fitRadius) {
 }
 
 /// The exact overlap that one Newton step from a candidate is expected to reach: the quadratic
-/// model of its gradient and Hessian at the step `NewtonAscent` takes.
-double NewtonPrediction(const Candidate& candidate, double fitRadius) {
+/// model of its gradient and Hessian at the step `NewtonAscent` takes, which is recorded.
+double NewtonPrediction(Candidate& candidate, double fitRadius) {
     const Vector6 scale = RefinementScale(fitRadius);
     const Vector6 g = scale.cwiseProduct(candidate.gradient);
     const Matrix6 H = scale.asDiagonal() * candidate.hessian * scale.asDiagonal();
-    const Vector6 step = NewtonAscent(g, H);
+    candidate.newtonStep = NewtonAscent(g, H);
+    const Vector6& step = candidate.newtonStep;
     return candidate.exactOverlap + g.dot(step) + 0.5 * step.dot(H * step);
 }
 
@@ -560,7 +564,10 @@ double Refine(ExactOverlapObjective& objective, const OverlapField* field,
         if (value < toBeat && ModelTopBelow(g, H, value, toBeat)) {
             break;
         }
-        const Vector6 step = NewtonAscent(g, H);
+        // The first step from a ranked candidate was taken by the ranking (the same gradient
+        // and Hessian, scaled alike).
+        const Vector6 step =
+            iteration == 0 && candidate.curvatureKnown ? candidate.newtonStep : NewtonAscent(g, H);
         bool climbed = false;
         for (double length = 1.0; length >= 1.0 / 16 && !climbed; length /= 2) {
             const Vector6 y = length * scale.cwiseProduct(step);
