@@ -5,9 +5,11 @@
 // Usage:
 //   overlay_pairs FILE.sdf [--order N] [--scan N] [--starts K] [--searches K] [--refine K]
 //                 [--refine-iterations I] [--tolerance T] [--lambda L] [--field-atoms A]
-//                 [--field-spacing H] [--queries Q] [--repeat R]
+//                 [--field-spacing H] [--queries Q] [--repeat R] [--vector-width narrow|wide]
 //       overlays every molecule (first conformer) onto every molecule, query-major (with
-//       --queries, only the first Q are queries: a screen of each against all);
+//       --queries, only the first Q are queries: a screen of each against all; with
+//       --vector-width narrow, the kernels run in SSE2 registers even where AVX2 is present,
+//       with the same results);
 //   overlay_pairs FILE.sdf --score POSES.sdf
 //       POSES holds, query-major, the fit of every pair in the pose another tool found; prints
 //       the mean exact shape Tanimoto of those poses against the queries of FILE.
@@ -23,6 +25,7 @@
 
 #include "io/molecule_io.h"
 #include "overlay/overlay.h"
+#include "overlay/vector_width.h"
 
 namespace {
 
@@ -52,8 +55,8 @@ int Usage() {
     std::fprintf(stderr,
                  "usage: overlay_pairs FILE.sdf [--order N] [--scan N] [--starts K] "
                  "[--searches K] [--refine K] [--refine-iterations I] [--tolerance T] "
-                 "[--lambda L] [--field-atoms A] [--field-spacing H] [--queries Q] [--repeat R] | "
-                 "FILE.sdf --score POSES.sdf\n");
+                 "[--lambda L] [--field-atoms A] [--field-spacing H] [--queries Q] [--repeat R] "
+                 "[--vector-width narrow|wide] | FILE.sdf --score POSES.sdf\n");
     return 2;
 }
 
@@ -121,6 +124,11 @@ int main(int argc, char** argv) {
             settings.relativeTolerance = std::atof(value);
         } else if (option == "--repeat") {
             repeat = static_cast<unsigned int>(std::atoi(value));
+        } else if (option == "--vector-width" &&
+                   (std::strcmp(value, "narrow") == 0 || std::strcmp(value, "wide") == 0)) {
+            hermite::overlay::SetKernelVectorWidth(std::strcmp(value, "narrow") == 0
+                                                       ? hermite::overlay::VectorWidth::Narrow
+                                                       : hermite::overlay::VectorWidth::Wide);
         } else {
             return Usage();
         }
