@@ -11,6 +11,7 @@
 #include "overlay/exact_overlap.h"
 #include "overlay/fast_overlap.h"
 #include "overlay/joint_overlap.h"
+#include "overlay/newton_step.h"
 #include "overlay/overlap_field.h"
 #include "overlay/pair_overlap.h"
 
@@ -19,8 +20,6 @@ namespace hermite::overlay {
 using QVChem::QVMol;
 using QVChem::QVTrans;
 using QVSystem::QVGaussian;
-using Vector6 = Eigen::Matrix<double, 6, 1>;
-using Matrix6 = Eigen::Matrix<double, 6, 6, Eigen::RowMajor>;
 
 namespace {
 
@@ -428,40 +427,6 @@ std::vector<std::size_t> DistinctCandidates(const std::vector<Candidate>& candid
     return chosen;
 }
 
-/// The ascent step of Newton's method on the overlap O from gradient `g` and Hessian `H` in the
-/// scaled variables (angles times the fit's radius, translations), at most a unit long:
-/// -H^-1 g where O is concave (Cholesky, the usual case near a Hermite optimum), else the same
-/// with H's eigenvalues kept at or below -1 % of the largest in magnitude, so that the step
-/// still climbs.
-Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
-    const Matrix6 curvature = -H;
-    const Eigen::LLT<Matrix6> cholesky(curvature);
-    Vector6 step;
-    if (cholesky.info() == Eigen::Success) {
-        step = cholesky.solve(g);
-    } else {
-        const Eigen::SelfAdjointEigenSolver<Matrix6> eigen(curvature);
-        const Vector6 values = eigen.eigenvalues();
-        const double floor = 1e-2 * std::max(values.cwiseAbs().maxCoeff(), 1e-300);
-        step = eigen.eigenvectors() *
-               (eigen.eigenvectors().transpose() * g).cwiseQuotient(values.cwiseMax(floor));
-    }
-    return step.norm() > 1.0 ? Vector6(step / step.norm()) : step;
-}
-
-/// Whether the overlap O (value `value`, gradient g and Hessian H in the scaled variables) is
-/// concave, the top of its quadratic model is a Newton step of at most unit length away, and
-/// the model's value there, O + g^T (-H)^-1 g / 2, is below `bar`. Farther away the model is
-/// not trusted: a long walk climbs past what the model at its start foresees.
-bool ModelTopBelow(const Vector6& g, const Matrix6& H, double value, double bar) {
-    const Eigen::LLT<Matrix6> cholesky(-H);
-    if (cholesky.info() != Eigen::Success) {
-        return false;
-    }
-    const Vector6 step = cholesky.solve(g);
-    return step.norm() <= 1.0 && value + 0.5 * g.dot(step) < bar;
-}
-
 /// The scales of the refinement's variables: angles turn the fit about its own centre and are
 /// scaled by its radius, like translations.
 Vector6 RefinementScale(double fitRadius) {
@@ -509,7 +474,35 @@ void KeepMostPromising(ExactOverlapObjective& objective, const OverlapField* fie
             CurvatureOf(objective, field, candidate.gradient.data(), candidate.hessian.data());
         candidate.curvatureKnown = true;
         ++evaluations;
-        candidate.predicted = NewtonPrediction(candidate, fitRadius);
+    }
+    // The predictions where the overlap is concave first (a Cholesky factorisation each), then
+    // the others (an eigendecomposition each), highest bound first; one whose bound is below the
+    // count-th best prediction so far cannot be kept, and is left at -infinity unpredicted.
+    const Vector6 scale = RefinementScale(fitRadius);
+    std::vector<std::pair<double, std::size_t>> notConcave;  // (bound, index)
+    std::vector<double> best;                                // the predictions so far
+    for (const std::size_t i : distinct) {
+        Candidate& candidate = candidates[i];
+        const Matrix6 H = scale.asDiagonal() * candidate.hessian * scale.asDiagonal();
+        if (Eigen::LLT<Matrix6>(-H).info() == Eigen::Success) {
+            candidate.predicted = NewtonPrediction(candidate, fitRadius);
+            best.push_back(candidate.predicted);
+        } else {
+            notConcave.emplace_back(
+                PredictionBound(candidate.exactOverlap, scale.cwiseProduct(candidate.gradient), H),
+                i);
+        }
+    }
+    std::stable_sort(notConcave.begin(), notConcave.end(),
+                     [](const auto& a, const auto& b) { return a.first > b.first; });
+    for (const auto& [bound, i] : notConcave) {
+        std::sort(best.begin(), best.end(), std::greater<double>());
+        if (best.size() >= count && bound < best[count - 1]) {
+            candidates[i].predicted = -INFINITY;
+            continue;
+        }
+        candidates[i].predicted = NewtonPrediction(candidates[i], fitRadius);
+        best.push_back(candidates[i].predicted);
     }
     // Stable: equal predictions keep the Hermite order.
     std::stable_sort(distinct.begin(), distinct.end(), [&](std::size_t a, std::size_t b) {

@@ -1,0 +1,46 @@
+#include "overlay/newton_step.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace hermite::overlay {
+
+Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
+    const Matrix6 curvature = -H;
+    const Eigen::LLT<Matrix6> cholesky(curvature);
+    Vector6 step;
+    if (cholesky.info() == Eigen::Success) {
+        step = cholesky.solve(g);
+    } else {
+        const Eigen::SelfAdjointEigenSolver<Matrix6> eigen(curvature);
+        const Vector6 values = eigen.eigenvalues();
+        const double floor = 1e-2 * std::max(values.cwiseAbs().maxCoeff(), 1e-300);
+        step = eigen.eigenvectors() *
+               (eigen.eigenvectors().transpose() * g).cwiseQuotient(values.cwiseMax(floor));
+    }
+    return step.norm() > 1.0 ? Vector6(step / step.norm()) : step;
+}
+
+bool ModelTopBelow(const Vector6& g, const Matrix6& H, double value, double bar) {
+    const Eigen::LLT<Matrix6> cholesky(-H);
+    if (cholesky.info() != Eigen::Success) {
+        return false;
+    }
+    const Vector6 step = cholesky.solve(g);
+    return step.norm() <= 1.0 && value + 0.5 * g.dot(step) < bar;
+}
+
+double PredictionBound(double value, const Vector6& g, const Matrix6& H) {
+    double largest = 0.0;
+    for (int r = 0; r < 6; ++r) {
+        double disc = H(r, r);
+        for (int c = 0; c < 6; ++c) {
+            disc += c == r ? 0.0 : std::abs(H(r, c));
+        }
+        largest = std::max(largest, disc);
+    }
+    const double bound = value + g.norm() + 0.5 * largest;
+    return bound + 1e-12 * (std::abs(value) + g.norm() + largest);
+}
+
+}  // namespace hermite::overlay

@@ -1,0 +1,130 @@
+// Newton's method in the six rigid variables: the ascent step where the overlap is concave and
+// where it is not, the test that a refinement has lost, and the bound on what a step promises,
+// against the quadratic model itself on random gradients and Hessians.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "overlay/newton_step.h"
+
+namespace {
+
+using hermite::overlay::Matrix6;
+using hermite::overlay::ModelTopBelow;
+using hermite::overlay::NewtonAscent;
+using hermite::overlay::PredictionBound;
+using hermite::overlay::Vector6;
+
+/// The quadratic model's gain g^T s + s^T H s / 2 at step s.
+double ModelGain(const Vector6& g, const Matrix6& H, const Vector6& s) {
+    return g.dot(s) + 0.5 * s.dot(H * s);
+}
+
+/// A random symmetric matrix with eigenvalues drawn from [low, high], turned by a random
+/// orthogonal matrix.
+Matrix6 RandomSymmetric(std::mt19937& engine, double low, double high) {
+    std::normal_distribution<double> normal;
+    std::uniform_real_distribution<double> uniform(low, high);
+    Matrix6 A;
+    for (int i = 0; i < 36; ++i) {
+        A.data()[i] = normal(engine);
+    }
+    const Eigen::HouseholderQR<Matrix6> qr(A);
+    const Matrix6 Q = qr.householderQ();
+    Vector6 values;
+    for (int i = 0; i < 6; ++i) {
+        values[i] = uniform(engine);
+    }
+    return Q * values.asDiagonal() * Q.transpose();
+}
+
+Vector6 RandomVector(std::mt19937& engine, double scale) {
+    std::normal_distribution<double> normal(0.0, scale);
+    Vector6 v;
+    for (int i = 0; i < 6; ++i) {
+        v[i] = normal(engine);
+    }
+    return v;
+}
+
+TEST(NewtonStepTest, ConcaveOverlapTakesTheNewtonStepCutToUnitLength) {
+    Matrix6 H = Matrix6::Zero();
+    H.diagonal() << -2.0, -4.0, -1.0, -8.0, -5.0, -10.0;
+    Vector6 g;
+    g << 0.2, -0.4, 0.1, 0.8, 0.0, -1.0;
+    // -H^-1 g = (0.1, -0.1, 0.1, 0.1, 0, -0.1): within the unit ball, taken as it is.
+    const Vector6 step = NewtonAscent(g, H);
+    Vector6 expected;
+    expected << 0.1, -0.1, 0.1, 0.1, 0.0, -0.1;
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_NEAR(step[i], expected[i], 1e-15) << i;
+    }
+    // Ten times the gradient: the same direction, unit length.
+    const Vector6 cut = NewtonAscent(10.0 * g, H);
+    EXPECT_NEAR(cut.norm(), 1.0, 1e-15);
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_NEAR(cut[i], expected[i] / expected.norm(), 1e-15) << i;
+    }
+}
+
+TEST(NewtonStepTest, StepsWhereTheOverlapIsNotConcaveStillClimbWithinTheUnitBall) {
+    std::mt19937 engine(7u);
+    for (int trial = 0; trial < 200; ++trial) {
+        const Matrix6 H = RandomSymmetric(engine, -3.0, 1.0);  // mostly indefinite
+        const Vector6 g = RandomVector(engine, 0.5);
+        const Vector6 step = NewtonAscent(g, H);
+        EXPECT_LE(step.norm(), 1.0 + 1e-12) << trial;
+        EXPECT_GT(g.dot(step), 0.0) << trial;  // uphill
+    }
+    // A saddle with no slope along the direction of positive curvature: the step follows the
+    // gradient, across the saddle, to the unit sphere.
+    Matrix6 H = Matrix6::Zero();
+    H.diagonal() << -1.0, -1.0, -1.0, -1.0, -1.0, 2.0;
+    Vector6 g = Vector6::Zero();
+    g[5] = 0.3;
+    const Vector6 step = NewtonAscent(g, H);
+    EXPECT_NEAR(step[5], 1.0, 1e-15);
+    EXPECT_NEAR(step.head<5>().norm(), 0.0, 1e-15);
+}
+
+TEST(NewtonStepTest, ModelTopBelowComparesTheTopOfAConcaveModel) {
+    Matrix6 H = Matrix6::Zero();
+    H.diagonal() << -2.0, -2.0, -2.0, -2.0, -2.0, -2.0;
+    Vector6 g = Vector6::Zero();
+    g[0] = 1.0;  // the top is 0.5 away, 0.25 above the value
+    EXPECT_TRUE(ModelTopBelow(g, H, 10.0, 10.26));
+    EXPECT_FALSE(ModelTopBelow(g, H, 10.0, 10.24));
+    // A top more than a unit away is not trusted, nor a model that is not concave.
+    EXPECT_FALSE(ModelTopBelow(4.0 * g, H, 10.0, 100.0));
+    H(5, 5) = 1.0;
+    EXPECT_FALSE(ModelTopBelow(g, H, 10.0, 100.0));
+}
+
+TEST(NewtonStepTest, PredictionBoundIsAboveTheModelAtTheStepAndNotFarAbove) {
+    std::mt19937 engine(11u);
+    double largestGap = 0.0;
+    for (int trial = 0; trial < 1000; ++trial) {
+        const bool concave = trial % 2 == 0;
+        const Matrix6 H =
+            concave ? RandomSymmetric(engine, -5.0, -0.1) : RandomSymmetric(engine, -5.0, 2.0);
+        const Vector6 g = RandomVector(engine, trial % 3 == 0 ? 5.0 : 0.3);
+        const double value = 40.0;
+        const double bound = PredictionBound(value, g, H);
+        const double predicted = value + ModelGain(g, H, NewtonAscent(g, H));
+        EXPECT_GE(bound, predicted) << trial;
+        // Also above the model at any other step in the unit ball.
+        const Vector6 other = RandomVector(engine, 1.0).normalized();
+        EXPECT_GE(bound, value + ModelGain(g, H, other)) << trial;
+        largestGap = std::max(largestGap, bound - predicted);
+    }
+    // A bound, not a wild one: within the scale of |g| and the curvature.
+    EXPECT_LT(largestGap, 60.0);
+    // Where the model is flat the bound is the value and the slope.
+    Vector6 g = Vector6::Zero();
+    g[2] = 0.5;
+    EXPECT_NEAR(PredictionBound(1.0, g, Matrix6::Zero()), 1.5, 1e-11);
+}
+
+}  // namespace
