@@ -6,6 +6,9 @@ namespace {
 
 bool ProcessorHasAvx2() {
 #if defined(__GNUC__) && defined(__x86_64__)
+    // The width is decided while the program's constructors run, perhaps before the one that
+    // reads the processor's features: read them here first.
+    __builtin_cpu_init();
     return __builtin_cpu_supports("avx2");
 #else
     return false;
