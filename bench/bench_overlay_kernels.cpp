@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <vector>
 
 #include "bench_data.h"
@@ -65,6 +66,12 @@ std::vector<QVSystem::QVGaussian> ChainGaussians(unsigned int count) {
     return chain;
 }
 
+/// The density a benchmark argument names: 0 a drug-sized molecule, else a chain of that many
+/// Gaussians (see ChainGaussians).
+std::vector<QVSystem::QVGaussian> DensityOfArgument(std::int64_t atoms) {
+    return atoms == 0 ? DrugLikeGaussians(1u) : ChainGaussians(static_cast<unsigned int>(atoms));
+}
+
 /// A generic pose: all three angles and translations non-zero.
 constexpr double kPose[6] = {0.3, -0.7, 1.1, 0.4, -0.25, 0.6};
 
@@ -115,9 +122,7 @@ BENCHMARK(BM_TurnExpansion)->ArgName("N")->Arg(4)->Arg(6);
 // axis), made once per fit: a drug-sized density (0) and a 70-atom chain (70).
 void BM_ExpansionsAtShifts(benchmark::State& state) {
     const KernelWidth width(state, 1);
-    const std::vector<QVSystem::QVGaussian> gaussians =
-        state.range(0) == 0 ? DrugLikeGaussians(1u)
-                            : ChainGaussians(static_cast<unsigned int>(state.range(0)));
+    const std::vector<QVSystem::QVGaussian> gaussians = DensityOfArgument(state.range(0));
     const double lambda[3] = {1.6, 1.6, 1.6};
     std::vector<std::array<double, 3>> shifts = {{0.0, 0.0, 0.0}};
     for (unsigned int axis = 0; axis < 3; ++axis) {
@@ -185,9 +190,7 @@ BENCHMARK(BM_FieldOverlapCurvature)->ArgName("wide")->Arg(0)->Arg(1);
 // 70-atom chain (70).
 void BM_SampleOverlapField(benchmark::State& state) {
     const KernelWidth width(state, 1);
-    const std::vector<QVSystem::QVGaussian> fixed =
-        state.range(0) == 0 ? DrugLikeGaussians(1u)
-                            : ChainGaussians(static_cast<unsigned int>(state.range(0)));
+    const std::vector<QVSystem::QVGaussian> fixed = DensityOfArgument(state.range(0));
     for (auto _ : state) {
         if (!width.Usable()) {
             break;
