@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdlib>
+#include <memory>
 #include <vector>
 
 #include "hermite/hermite.h"
@@ -41,7 +43,7 @@ public:
                  double spacing, double cutoff, std::size_t maxPoints);
 
     /// Whether the field has no samples: then it cannot be evaluated.
-    bool Empty() const { return samples_.empty(); }
+    bool Empty() const { return samples_ == nullptr; }
 
     /// The exponent of the moving Gaussians the field is for.
     double MovingExponent() const { return movingExponent_; }
@@ -70,18 +72,26 @@ private:
     /// `Locate`): the second-order Taylor expansion about the sample.
     double At(std::size_t index, const double* delta, double* gradient, double* hessian) const;
 
+    /// The tables of one term along the axes and its rows, kept from term to term.
+    struct TermTables;
+
     /// Adds the terms of one fixed Gaussian, C e^{-k |q - x|^2} at the points x within `reach`
     /// of q, to the samples (summed in single precision: a few 1e-7 relative for the sums of
     /// the tens of terms that reach a point, far below the sampling's own error).
-    void AddTerm(const double* q, double C, double k, double reach);
+    void AddTerm(const double* q, double C, double k, double reach, TermTables& tables);
 
     double movingExponent_ = 0.0;
     double spacing_ = 0.0;
     double inverseSpacing_ = 0.0;
     double origin_[3] = {0.0, 0.0, 0.0};
     long points_[3] = {0, 0, 0};
-    /// kValues per grid point, x fastest, then y, then z.
-    std::vector<float> samples_;
+    /// Releases samples taken from calloc.
+    struct FreeSamples {
+        void operator()(float* samples) const { std::free(samples); }
+    };
+    /// kValues per grid point, x fastest, then y, then z; from calloc, which takes fresh pages
+    /// of a large block from the system already zeroed instead of writing the zeros.
+    std::unique_ptr<float[], FreeSamples> samples_;
 };
 
 // The evaluations are defined here, inline, so that a walk's kernel compiles them into its own
