@@ -21,6 +21,10 @@ Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
     return step.norm() > 1.0 ? Vector6(step / step.norm()) : step;
 }
 
+double ModelGain(const Vector6& g, const Matrix6& H, const Vector6& s) {
+    return g.dot(s) + 0.5 * s.dot(H * s);
+}
+
 bool ModelTopBelow(const Vector6& g, const Matrix6& H, double value, double bar) {
     const Eigen::LLT<Matrix6> cholesky(-H);
     if (cholesky.info() != Eigen::Success) {

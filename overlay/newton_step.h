@@ -17,6 +17,10 @@ using Matrix6 = Eigen::Matrix<double, 6, 6, Eigen::RowMajor>;
 /// that the step still climbs; shortened to unit length when longer.
 Vector6 NewtonAscent(const Vector6& g, const Matrix6& H);
 
+/// The rise g^T s + s^T H s / 2 of O that its quadratic model (gradient `g`, Hessian `H`)
+/// promises for the step `s`.
+double ModelGain(const Vector6& g, const Matrix6& H, const Vector6& s);
+
 /// Whether O (value `value`, gradient g, Hessian H) is concave, the top of its quadratic model
 /// is a Newton step of at most unit length away, and the model's value there,
 /// O + g^T (-H)^-1 g / 2, is below `bar`. Farther away the model is not trusted: a long walk

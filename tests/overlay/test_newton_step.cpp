@@ -12,15 +12,11 @@
 namespace {
 
 using hermite::overlay::Matrix6;
+using hermite::overlay::ModelGain;
 using hermite::overlay::ModelTopBelow;
 using hermite::overlay::NewtonAscent;
 using hermite::overlay::PredictionBound;
 using hermite::overlay::Vector6;
-
-/// The quadratic model's gain g^T s + s^T H s / 2 at step s.
-double ModelGain(const Vector6& g, const Matrix6& H, const Vector6& s) {
-    return g.dot(s) + 0.5 * s.dot(H * s);
-}
 
 /// A random symmetric matrix with eigenvalues drawn from [low, high], turned by a random
 /// orthogonal matrix.
@@ -87,6 +83,32 @@ TEST(NewtonStepTest, StepsWhereTheOverlapIsNotConcaveStillClimbWithinTheUnitBall
     const Vector6 step = NewtonAscent(g, H);
     EXPECT_NEAR(step[5], 1.0, 1e-15);
     EXPECT_NEAR(step.head<5>().norm(), 0.0, 1e-15);
+}
+
+TEST(NewtonStepTest, ModelGainIsTheRiseOfTheQuadraticFromItsTermsOneByOne) {
+    std::mt19937 engine(11);
+    for (int trial = 0; trial < 20; ++trial) {
+        const Matrix6 H = RandomSymmetric(engine, -3.0, 2.0);
+        const Vector6 g = RandomVector(engine, 1.0), s = RandomVector(engine, 0.5);
+        // q(s) - q(0) for q(x) = sum_i g_i x_i + sum_ij H_ij x_i x_j / 2, term by term.
+        double rise = 0.0;
+        for (int i = 0; i < 6; ++i) {
+            rise += g[i] * s[i];
+            for (int j = 0; j < 6; ++j) {
+                rise += 0.5 * H(i, j) * s[i] * s[j];
+            }
+        }
+        EXPECT_NEAR(ModelGain(g, H, s), rise, 1e-12 * (1.0 + std::abs(rise))) << trial;
+        // Where the model is concave, its top is the Newton step (here within the unit ball)
+        // and rises by g^T (-H)^-1 g / 2: no other step rises further.
+        const Matrix6 concave = RandomSymmetric(engine, -3.0, -0.5);
+        const Vector6 small = RandomVector(engine, 0.1);
+        const Vector6 top = NewtonAscent(small, concave);
+        ASSERT_LT(top.norm(), 1.0) << trial;
+        EXPECT_NEAR(ModelGain(small, concave, top), 0.5 * small.dot(top), 1e-14) << trial;
+        EXPECT_GT(ModelGain(small, concave, top), ModelGain(small, concave, top + 0.1 * s))
+            << trial;
+    }
 }
 
 TEST(NewtonStepTest, ModelTopBelowComparesTheTopOfAConcaveModel) {
