@@ -53,6 +53,9 @@ struct Partners {
                 return b[i].GetX() < b[j].GetX();
             });
         }
+        for (std::vector<double>* column : {&x, &y, &z, &k, &weight}) {
+            column->reserve(b.size());
+        }
         double smallestK = INFINITY;
         for (const std::size_t i : order) {
             const QVSystem::QVGaussian& g = b[i];
