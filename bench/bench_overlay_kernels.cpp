@@ -118,8 +118,9 @@ void BM_TurnExpansion(benchmark::State& state) {
 }
 BENCHMARK(BM_TurnExpansion)->ArgName("N")->Arg(4)->Arg(6);
 
-// A fit's expansions at the scan's seven shifts (at rest and 1.5 angstrom both ways along each
-// axis), made once per fit: a drug-sized density (0) and a 70-atom chain (70).
+// A fit's expansions at seven shifts (at rest and 1.5 angstrom both ways along each axis; the
+// scan takes five, along x and y), made once per fit: a drug-sized density (0) and a 70-atom
+// chain (70).
 void BM_ExpansionsAtShifts(benchmark::State& state) {
     const KernelWidth width(state, 1);
     const std::vector<QVSystem::QVGaussian> gaussians = DensityOfArgument(state.range(0));

@@ -200,11 +200,14 @@ struct SearchStart {
 };
 
 /// The shifts of the fit at which every orientation is scanned: none, and `distance` both ways
-/// along each axis of the fit's frame.
+/// along the two longest axes of the fit's frame, x and y. Along the thinnest axis a shift
+/// hardly ever gives the start a search ends best from: without those two shifts every overlay
+/// of CDK2 and FABP4 ended the same, and the means of the other test sets moved by at most
+/// 5e-5 (and rose by 0.001 for the 70-atom chains), for 5 to 15 % more overlays a second.
 std::vector<std::array<double, 3>> ScanShifts(double distance) {
     std::vector<std::array<double, 3>> shifts = {{0.0, 0.0, 0.0}};
     if (distance > 0.0) {
-        for (int axis = 0; axis < 3; ++axis) {
+        for (int axis = 0; axis < 2; ++axis) {
             for (const double sign : {-1.0, 1.0}) {
                 std::array<double, 3> shift = {0.0, 0.0, 0.0};
                 shift[axis] = sign * distance;

@@ -13,10 +13,11 @@
 ///    are equal) and moves the larger, whichever is the query, so that the overlay of a pair
 ///    does not depend on which molecule is the query.
 /// 4. Orientation scan: the Hermite overlap of the two expansions, centroid on centroid and with
-///    the moved molecule shifted by `scanShift` both ways along each of its axes, for it turned
-///    by each of the four proper 180-degree flips of its frame (identity and the half-turns
-///    about x, y and z), `scanRotations` evenly spread rotations and `extraStarts` random ones
-///    (see `OrientationScan`; the query's turned coefficients are made once, for either role).
+///    the moved molecule shifted by `scanShift` both ways along its two longest axes (x and y
+///    of its frame), for it turned by each of the four proper 180-degree flips of its frame
+///    (identity and the half-turns about x, y and z), `scanRotations` evenly spread rotations
+///    and `extraStarts` random ones (see `OrientationScan`; the query's turned coefficients are
+///    made once, for either role).
 /// 5. Local search: from the `searchStarts` orientations with the largest scanned overlaps,
 ///    each at its best shift, the six-variable Hermite overlap (three angles, three
 ///    translations) is maximised with BFGS.
@@ -83,8 +84,8 @@ struct Settings {
     /// Random rotations scanned in addition (seeded by `seed`).
     unsigned int extraStarts = 0;
     /// Every orientation is also scanned with the fit shifted this far (angstrom) both ways along
-    /// each axis of its frame, and the local search from it starts at its best shift; 0 scans
-    /// the centred fit only. (Measured in docs/overlay.md.)
+    /// the two longest axes of its frame (x and y), and the local search from it starts at its
+    /// best shift; 0 scans the centred fit only. (Measured in docs/overlay.md.)
     double scanShift = 1.5;
     /// Seed of the random rotations.
     std::uint64_t seed = 42;

@@ -704,8 +704,8 @@ std::string SettingsDoc() {
         << d.scanRotations << "].\n"
         << "    starts: random rotations scanned besides them [" << d.extraStarts << "].\n"
         << "    scan_shift: every orientation is also scanned with the fit shifted this far "
-           "(angstrom, 0 to 10) both ways along each of its axes, and searched from its best "
-           "shift ["
+           "(angstrom, 0 to 10) both ways along its two longest axes, and searched from its "
+           "best shift ["
         << Repr(d.scanShift) << "].\n"
         << "    search_starts: local searches, from the scanned orientations with the largest "
            "Hermite overlaps (every one when there are no more) ["
@@ -858,7 +858,7 @@ Args:
         flips of the principal frame.
     starts: random rotations scanned besides them.
     scan_shift: every orientation is also scanned with the fit shifted this far (angstrom)
-        both ways along each of its axes.
+        both ways along its two longest axes.
     search_starts: local (BFGS) searches, from the scanned orientations with the largest
         Hermite overlaps.
     colour_search_starts: the same when colour features (or a weighted electrostatic density)
