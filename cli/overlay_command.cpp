@@ -123,6 +123,7 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     settings.order = OrderFrom(line, settings.order);
     request.report.order = settings.order;
     settings.lambda = RealOption(line, "--lambda", settings.lambda, 0.01, 10.0);
+    settings.largeLambda = RealOption(line, "--large-lambda", settings.largeLambda, 0.0, 10.0);
     settings.scanRotations =
         static_cast<unsigned int>(IntegerOption(line, "--scan", settings.scanRotations, 0, 100000));
     settings.extraStarts = static_cast<unsigned int>(IntegerOption(line, "--starts", 0, 0, 1000));
@@ -437,8 +438,14 @@ ArgumentParser OverlayParser() {
                   "(default " +
                       FormatFixed(overlay::Settings().lambda, 2) +
                       "; the same for both molecules, so that an overlay does not depend on "
-                      "which is the query). Smaller values suit molecules of 60 heavy atoms and "
-                      "more (docs/overlay.md).");
+                      "which is the query). Pairs of large molecules take --large-lambda.");
+    parser.Option("--large-lambda", "L",
+                  "Lambda for a pair of large molecules, both with " +
+                      std::to_string(overlay::Settings().largeLambdaAtoms) +
+                      " heavy atoms or more, overlaid by shape only, 0 to 10 (default " +
+                      FormatFixed(overlay::Settings().largeLambda, 2) +
+                      "; 0 keeps --lambda for every pair). Wider functions describe long "
+                      "molecules better at the same order (docs/overlay.md).");
     AddReadOptions(parser, "the random orientations (--starts)");
     parser
         .Flag("--electrostatics",

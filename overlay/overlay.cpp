@@ -833,14 +833,14 @@ PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settin
 
 namespace {
 
-/// The search channel of one density of the query: its expansion, the tables of its Hermite
-/// overlaps and its expansions at the scan's shifts, of which its scans of `rotations` are made
-/// when first needed.
+/// The search channel of one density of the query, expanded at order `order` with lambda
+/// `lambdaValue`: its expansion, the tables of its Hermite overlaps and its expansions at the
+/// scan's shifts, of which its scans of `rotations` are made when first needed.
 SearchChannel MakeSearchChannel(SearchChannel::Density density, unsigned int type, double weight,
                                 const std::vector<QVGaussian>& gaussians, unsigned int order,
-                                const Settings& settings,
+                                double lambdaValue, const Settings& settings,
                                 const std::vector<RotationMatrix>& rotations) {
-    const double lambda[3] = {settings.lambda, settings.lambda, settings.lambda};
+    const double lambda[3] = {lambdaValue, lambdaValue, lambdaValue};
     auto scans = std::make_shared<SearchChannel::Scans>();
     scans->shifted = Expansion::OfShifts(gaussians, order, lambda, ScanShifts(settings.scanShift));
     return {density,
@@ -887,21 +887,37 @@ Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatur
       prepared_(molecule, settings, features),
 
       shape_(MakeSearchChannel(
-          SearchChannel::Density::Shape, 0, 1.0, prepared_.shape, settings.order, settings,
+          SearchChannel::Density::Shape, 0, 1.0, prepared_.shape, settings.order, settings.lambda,
+          settings,
           StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed))) {
     const std::vector<RotationMatrix>& rotations = shape_.rotations;
     for (const unsigned int type : TypesOf(prepared_.colour)) {
         channels_.push_back(MakeSearchChannel(SearchChannel::Density::Colour, type,
                                               settings.colourWeight, OfType(prepared_.colour, type),
                                               std::min(settings.colourOrder, settings.order),
-                                              settings, rotations));
+                                              settings.lambda, settings, rotations));
     }
     if (settings.electrostatics && settings.electrostaticWeight > 0.0 &&
         !prepared_.electrostatic.empty()) {
-        channels_.push_back(MakeSearchChannel(SearchChannel::Density::Electrostatic, 0,
-                                              settings.electrostaticWeight, prepared_.electrostatic,
-                                              settings.order, settings, rotations));
+        channels_.push_back(MakeSearchChannel(
+            SearchChannel::Density::Electrostatic, 0, settings.electrostaticWeight,
+            prepared_.electrostatic, settings.order, settings.lambda, settings, rotations));
     }
+}
+
+const SearchChannel& Query::ShapeChannelFor(const PreparedMolecule& fit) const {
+    const bool large =
+        settings_.largeLambda > 0.0 && channels_.empty() &&
+        std::min(prepared_.shape.size(), fit.shape.size()) >= settings_.largeLambdaAtoms;
+    if (!large) {
+        return shape_;
+    }
+    std::call_once(largeShape_->made, [&] {
+        largeShape_->channel.emplace(
+            MakeSearchChannel(SearchChannel::Density::Shape, 0, 1.0, prepared_.shape,
+                              settings_.order, settings_.largeLambda, settings_, shape_.rotations));
+    });
+    return *largeShape_->channel;
 }
 
 Result Query::Overlay(const QVMol& molecule, const ColourFeatures& features) const {
@@ -919,7 +935,8 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
     const PreparedMolecule& mover = exchanged ? prepared_ : fit;
 
     // The query's densities that the fit has too, the shape first, with the fit's expansions.
-    std::vector<const SearchChannel*> channels = {&shape_};
+    const SearchChannel& shape = ShapeChannelFor(fit);
+    std::vector<const SearchChannel*> channels = {&shape};
     std::vector<std::vector<QVGaussian>> fitGaussians = {fit.shape};
     for (const SearchChannel& channel : channels_) {
         std::vector<QVGaussian> gaussians = ChannelGaussians(fit, channel);
@@ -945,7 +962,7 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
                              channels[c]->turns.get()});
     }
     const auto scannedAt = [&](std::size_t j) {
-        std::vector<double> sum(shape_.rotations.size(), 0.0);
+        std::vector<double> sum(shape.rotations.size(), 0.0);
         for (std::size_t c = 0; c < channels.size(); ++c) {
             const std::vector<double> overlaps =
                 exchanged ? channels[c]->TurnedScans()[j].Overlaps(fitExpansions[c].front())
@@ -963,7 +980,7 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
 
     Result result;
     std::vector<Candidate> candidates = HermiteSearch(
-        densities, shape_.rotations, scannedAt,
+        densities, shape.rotations, scannedAt,
         joint ? std::min(settings_.searchStarts, settings_.colourSearchStarts)
               : settings_.searchStarts,
         Radius(reference.shape), settings_,
@@ -985,7 +1002,7 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
     // the other channels).
     double fitHermiteSelfOverlap = fitExpansions.front().front().SelfOverlap();
     const double hermiteOverlap =
-        joint ? HermiteShapeOverlap(shape_.plan, shape_.expansion, fit.shape,
+        joint ? HermiteShapeOverlap(shape.plan, shape.expansion, fit.shape,
                                     fitToQuery(candidates.front().pose), fitHermiteSelfOverlap)
               : candidates.front().hermiteOverlap;
     const double overlap = PairOverlap(prepared_.shape, MovedGaussians(fit.shape, pose));
@@ -1019,10 +1036,11 @@ Result Query::Score(const QVMol& molecule, const ColourFeatures& features) const
 Result Query::Score(const PreparedMolecule& fit) const {
     // The fit as it lies, seen from the query's frame.
     const QVTrans pose = fit.toFrame.Inverse().Then(prepared_.toFrame);
-    const Expansion& query = shape_.expansion;
+    const SearchChannel& shape = ShapeChannelFor(fit);
+    const Expansion& query = shape.expansion;
     const Expansion fitExpansion =
         Expansion::Of(MovedGaussians(fit.shape, pose), query.order, query.lambda);
-    FastOverlap objective(shape_.plan, query.coefficients, fitExpansion.coefficients);
+    FastOverlap objective(shape.plan, query.coefficients, fitExpansion.coefficients);
     const double zero[6] = {0, 0, 0, 0, 0, 0};
     const double hermiteOverlap = -objective(zero);
     const double overlap = PairOverlap(prepared_.shape, MovedGaussians(fit.shape, pose));
@@ -1072,9 +1090,10 @@ Scores Query::ScorePose(const PreparedMolecule& fit, const QVTrans& pose, double
         colour = Overlaps{ColourOverlap(prepared_.colour, MovedGaussians(fit.colour, pose)),
                           prepared_.colourSelfOverlap, fit.colourSelfOverlap};
     }
-    return ScoresOf({overlap, prepared_.shapeSelfOverlap, fit.shapeSelfOverlap},
-                    {hermiteOverlap, shape_.expansion.SelfOverlap(), fitHermiteSelfOverlap},
-                    electrostatic, colour);
+    return ScoresOf(
+        {overlap, prepared_.shapeSelfOverlap, fit.shapeSelfOverlap},
+        {hermiteOverlap, ShapeChannelFor(fit).expansion.SelfOverlap(), fitHermiteSelfOverlap},
+        electrostatic, colour);
 }
 
 std::optional<Effort> ParseEffort(std::string_view name) {

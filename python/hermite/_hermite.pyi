@@ -290,6 +290,8 @@ class OverlaySettings:
         *,
         order: int = ...,
         lambda_: float = ...,
+        large_lambda: float = ...,
+        large_lambda_atoms: int = ...,
         effort: str = ...,
         scan_rotations: int = ...,
         starts: int = ...,
@@ -314,6 +316,8 @@ class OverlaySettings:
     ) -> None: ...
     order: int
     lambda_: float
+    large_lambda: float
+    large_lambda_atoms: int
     scan_rotations: int
     starts: int
     scan_shift: float
@@ -413,6 +417,8 @@ def overlay(
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
     lambda_: float = ...,
+    large_lambda: float = ...,
+    large_lambda_atoms: int = ...,
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,
@@ -442,6 +448,8 @@ def score(
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
     lambda_: float = ...,
+    large_lambda: float = ...,
+    large_lambda_atoms: int = ...,
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,
@@ -475,6 +483,8 @@ def screen(
     settings: Optional[OverlaySettings] = None,
     order: int = ...,
     lambda_: float = ...,
+    large_lambda: float = ...,
+    large_lambda_atoms: int = ...,
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,

@@ -183,6 +183,8 @@ const MoleculeObject& MoleculeArgument(py::handle object, const std::string& nam
 /// hermite.OverlaySettings.
 const char* const kSettingNames[] = {"order",
                                      "lambda_",
+                                     "large_lambda",
+                                     "large_lambda_atoms",
                                      "scan_rotations",
                                      "starts",
                                      "scan_shift",
@@ -296,6 +298,7 @@ Settings ResolveSettings(py::handle settings, const py::kwargs& kwargs) {
 std::string SettingsRepr(const Settings& s) {
     std::ostringstream out;
     out << "OverlaySettings(order=" << s.order << ", lambda_=" << Repr(s.lambda)
+        << ", large_lambda=" << Repr(s.largeLambda) << ", large_lambda_atoms=" << s.largeLambdaAtoms
         << ", scan_rotations=" << s.scanRotations << ", starts=" << s.extraStarts
         << ", scan_shift=" << Repr(s.scanShift) << ", search_starts=" << s.searchStarts
         << ", colour_search_starts=" << s.colourSearchStarts << ", seed=" << s.seed
@@ -370,6 +373,8 @@ py::dict SettingsState(const Settings& s) {
     py::dict d;
     d["order"] = s.order;
     d["lambda_"] = s.lambda;
+    d["large_lambda"] = s.largeLambda;
+    d["large_lambda_atoms"] = s.largeLambdaAtoms;
     d["scan_rotations"] = s.scanRotations;
     d["starts"] = s.extraStarts;
     d["scan_shift"] = s.scanShift;
@@ -699,6 +704,13 @@ std::string SettingsDoc() {
            "both molecules, so that an overlay does not depend on which is the query; smaller "
            "for molecules of 60 heavy atoms and more) ["
         << Repr(d.lambda) << "].\n"
+        << "    large_lambda: lambda for a pair of large molecules (both with large_lambda_atoms "
+           "heavy atoms or more) overlaid by shape only, 0 to 10; 0 keeps lambda_ for every "
+           "pair ["
+        << Repr(d.largeLambda) << "].\n"
+        << "    large_lambda_atoms: the size in heavy atoms from which a molecule counts as "
+           "large ["
+        << d.largeLambdaAtoms << "].\n"
         << "    scan_rotations: evenly spread rotations scanned besides the four flips of the "
            "principal frame ["
         << d.scanRotations << "].\n"
@@ -853,7 +865,11 @@ Args:
         and refine_candidates (the other arguments override them).
     order: Hermite expansion order, 0 to 100.
     lambda_: lambda of the Hermite functions of every expansion (1/angstrom), the same for
-        both molecules; smaller values suit molecules of 60 heavy atoms and more.
+        both molecules; pairs of large molecules take large_lambda.
+    large_lambda: lambda for a pair of large molecules overlaid by shape only (both with
+        large_lambda_atoms heavy atoms or more), 0 to 10; 0 keeps lambda_ for every pair.
+        Wider functions describe long molecules better at the same order.
+    large_lambda_atoms: the size in heavy atoms from which a molecule counts as large.
     scan_rotations: evenly spread rotations whose Hermite overlap is scanned besides the four
         flips of the principal frame.
     starts: random rotations scanned besides them.
@@ -899,6 +915,13 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
         .def_property("lambda_", Getter(&Settings::lambda),
                       PositiveSetter(&Settings::lambda, "lambda_"),
                       "Lambda of the Hermite functions of every expansion (1/angstrom).")
+        .def_property("large_lambda", Getter(&Settings::largeLambda),
+                      WeightSetter(&Settings::largeLambda, "large_lambda", 10.0),
+                      "Lambda for a pair of large molecules overlaid by shape only (1/angstrom; "
+                      "0: lambda_ for every pair).")
+        .def_property("large_lambda_atoms", Getter(&Settings::largeLambdaAtoms),
+                      CountSetter(&Settings::largeLambdaAtoms, "large_lambda_atoms", 100000),
+                      "Heavy atoms from which both molecules of a pair count as large.")
         .def_property("scan_rotations", Getter(&Settings::scanRotations),
                       CountSetter(&Settings::scanRotations, "scan_rotations", 100000),
                       "Evenly spread rotations scanned besides the four flips.")

@@ -98,6 +98,7 @@ OVERLAY_INTEGERS = [
     ("refine_candidates", 0, 1000),
     ("refine_iteration_limit", 0, 1000000),
     ("refine_field_atoms", 0, 100000),
+    ("large_lambda_atoms", 0, 100000),
 ]
 
 

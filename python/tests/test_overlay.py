@@ -99,7 +99,8 @@ def test_score_keeps_the_pose(cdk2: List[hermite.Molecule]) -> None:
 def test_settings_by_keyword_or_object(cdk2: List[hermite.Molecule]) -> None:
     settings = hermite.OverlaySettings(order=4, starts=3, seed=7)
     assert settings.order == 4 and settings.starts == 3 and settings.seed == 7
-    assert repr(settings).startswith("OverlaySettings(order=4, lambda_=0.5, scan_rotations=")
+    assert repr(settings).startswith("OverlaySettings(order=4, lambda_=0.5, large_lambda=0.3, "
+                                     "large_lambda_atoms=50, scan_rotations=")
     assert ", starts=3, scan_shift=" in repr(settings) and ", seed=7," in repr(settings)
     by_object = hermite.overlay(cdk2[2], cdk2[3], settings=settings)
     by_keywords = hermite.overlay(cdk2[2], cdk2[3], order=4, starts=3, seed=7)
@@ -216,6 +217,26 @@ def test_refine_field_walks_to_the_exact_poses(cdk2: List[hermite.Molecule]) -> 
     never = hermite.overlay(cdk2[4], cdk2[9], refine_field_atoms=1, refine_field_spacing=0.0)
     assert never.exact_evaluations == exact.exact_evaluations
     assert never.scores.shape_tanimoto == exact.scores.shape_tanimoto
+
+
+def test_large_lambda_applies_to_pairs_of_large_molecules(cdk2: List[hermite.Molecule]) -> None:
+    # CDK2 ligands are below the default size of large molecules: one lambda for all.
+    settings = hermite.OverlaySettings()
+    assert (settings.lambda_, settings.large_lambda, settings.large_lambda_atoms) == (0.5, 0.3, 50)
+    default = hermite.overlay(cdk2[4], cdk2[9])
+    one_lambda = hermite.overlay(cdk2[4], cdk2[9], large_lambda=0.0)
+    assert default.scores.hermite_tanimoto == one_lambda.scores.hermite_tanimoto
+    # Counted as large, the pair is searched and scored at the large lambda.
+    large = hermite.overlay(cdk2[4], cdk2[9], large_lambda_atoms=1)
+    at_large = hermite.overlay(cdk2[4], cdk2[9], lambda_=0.3, large_lambda=0.0)
+    assert large.scores.hermite_tanimoto == at_large.scores.hermite_tanimoto
+    assert large.scores.shape_tanimoto == at_large.scores.shape_tanimoto
+    assert large.scores.hermite_tanimoto != default.scores.hermite_tanimoto
+    scored = hermite.score(cdk2[4], cdk2[9], large_lambda_atoms=1)
+    assert scored.scores.hermite_tanimoto == \
+        hermite.score(cdk2[4], cdk2[9], lambda_=0.3, large_lambda=0.0).scores.hermite_tanimoto
+    with pytest.raises(ValueError, match="large_lambda must lie in 0..10, got 11.0"):
+        hermite.overlay(cdk2[4], cdk2[9], large_lambda=11.0)
 
 
 def test_colour_search_starts_default_and_override() -> None:

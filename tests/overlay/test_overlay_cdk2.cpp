@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <random>
@@ -140,8 +141,10 @@ TEST(OverlayCdk2Test, OverlaysAreTheSameWhicheverMoleculeIsTheQuery) {
     const std::vector<hermite::overlay::ColourFeatures> features = Cdk2Features();
     Settings colour;
     colour.colour = true;
+    Settings large;  // every ligand counts as large: the pairs are searched at the large lambda
+    large.largeLambdaAtoms = 1;
     std::mt19937_64 engine(11);
-    for (const Settings& settings : {Settings(), colour}) {
+    for (const Settings& settings : {Settings(), colour, large}) {
         for (std::size_t q = 0; q < 8; ++q) {
             for (std::size_t f = q + 1; f < 8; ++f) {
                 const QVTrans motion = RandomMotion(engine);
@@ -162,6 +165,56 @@ TEST(OverlayCdk2Test, OverlaysAreTheSameWhicheverMoleculeIsTheQuery) {
             }
         }
     }
+}
+
+/// A pair of large molecules is overlaid and scored as with the large lambda for every pair;
+/// a pair with a smaller molecule, or one overlaid with colour, as with one lambda for all.
+TEST(OverlayCdk2Test, OnlyPairsOfLargeMoleculesTakeTheLargeLambda) {
+    const std::vector<QVMol>& ligands = hermite_test::Cdk2Ligands();
+    const std::vector<hermite::overlay::ColourFeatures> features = Cdk2Features();
+    Settings oneLambda;
+    oneLambda.largeLambda = 0.0;
+    Settings atLargeLambda = oneLambda;
+    atLargeLambda.lambda = Settings().largeLambda;
+    bool lambdaMatters = false;
+    for (std::size_t q = 0; q < 3; ++q) {
+        for (std::size_t f = 10; f < 13; ++f) {
+            const std::size_t querySize = Query(ligands[q], oneLambda).Prepared().shape.size();
+            const std::size_t fitSize = Query(ligands[f], oneLambda).Prepared().shape.size();
+            Settings bothLarge;
+            bothLarge.largeLambdaAtoms = static_cast<unsigned int>(std::min(querySize, fitSize));
+            const Result large = Query(ligands[q], bothLarge).Overlay(ligands[f]);
+            const Result reference = Query(ligands[q], atLargeLambda).Overlay(ligands[f]);
+            EXPECT_EQ(large.scores.shapeTanimoto, reference.scores.shapeTanimoto) << q << ", " << f;
+            EXPECT_EQ(large.scores.hermiteTanimoto, reference.scores.hermiteTanimoto)
+                << q << ", " << f;
+            EXPECT_EQ(Query(ligands[q], bothLarge).Score(ligands[f]).scores.hermiteTanimoto,
+                      Query(ligands[q], atLargeLambda).Score(ligands[f]).scores.hermiteTanimoto)
+                << q << ", " << f;
+
+            const Result plain = Query(ligands[q], oneLambda).Overlay(ligands[f]);
+            lambdaMatters |= plain.scores.hermiteTanimoto != large.scores.hermiteTanimoto;
+            Settings oneLarge;  // only the larger molecule of the pair is large
+            oneLarge.largeLambdaAtoms = static_cast<unsigned int>(std::max(querySize, fitSize));
+            if (querySize != fitSize) {
+                EXPECT_EQ(Query(ligands[q], oneLarge).Overlay(ligands[f]).scores.hermiteTanimoto,
+                          plain.scores.hermiteTanimoto)
+                    << q << ", " << f;
+            }
+            Settings colour = bothLarge;
+            colour.colour = true;
+            Settings colourOneLambda = oneLambda;
+            colourOneLambda.colour = true;
+            EXPECT_EQ(Query(ligands[q], colour, features[q])
+                          .Overlay(ligands[f], features[f])
+                          .scores.hermiteTanimoto,
+                      Query(ligands[q], colourOneLambda, features[q])
+                          .Overlay(ligands[f], features[f])
+                          .scores.hermiteTanimoto)
+                << q << ", " << f;
+        }
+    }
+    EXPECT_TRUE(lambdaMatters);
 }
 
 /// Scoring in place gives the exact scores of the input pose: a ligand against itself scores 1,
