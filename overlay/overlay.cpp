@@ -907,7 +907,8 @@ Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatur
 
 const SearchChannel& Query::ShapeChannelFor(const PreparedMolecule& fit) const {
     const bool large =
-        settings_.largeLambda > 0.0 && channels_.empty() &&
+        settings_.largeLambda > 0.0 && settings_.largeLambda != settings_.lambda &&
+        channels_.empty() &&
         std::min(prepared_.shape.size(), fit.shape.size()) >= settings_.largeLambdaAtoms;
     if (!large) {
         return shape_;
