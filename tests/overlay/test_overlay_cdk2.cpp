@@ -306,4 +306,25 @@ TEST(OverlayFarFromTheOrigin, AtomsThatAreNotOneCloudAreNamed) {
     EXPECT_NE(hermite::overlay::CloudProblem(halves), "");
 }
 
+TEST(OverlayFarFromTheOrigin, AChainOfNearNeighboursIsOneCloud) {
+    // Atoms 9 angstrom apart along a line, visited out of order: each is reached only through
+    // its neighbours, so the cloud grows one link at a time.
+    const int order[] = {5, 0, 9, 3, 7, 1, 8, 2, 6, 4};
+    QVMol chain;
+    for (const int i : order) {
+        chain.AddAtom(6, 9.0 * i, 0.0, 0.0, 0.0);
+    }
+    EXPECT_EQ(hermite::overlay::CloudProblem(chain), "");
+    // One link of 11 angstrom cuts the chain: the three atoms beyond it are named.
+    QVMol cut;
+    for (const int i : order) {
+        cut.AddAtom(6, 9.0 * i + (i >= 7 ? 2.0 : 0.0), 0.0, 0.0, 0.0);
+    }
+    const std::string problem = hermite::overlay::CloudProblem(cut);
+    EXPECT_NE(problem.find("its atoms are not one cloud: 3 of 10 atoms (atom 5) lie 11.0 angstrom"),
+              std::string::npos)
+        << problem;
+    EXPECT_EQ(hermite::overlay::CloudProblem(QVMol()), "");
+}
+
 }  // namespace
