@@ -206,19 +206,32 @@ BENCHMARK(BM_SampleOverlapField)
     ->ArgsProduct({{0, 70}, {0, 1}})
     ->Unit(benchmark::kMicrosecond);
 
-// The exact overlap of two densities as a pose is scored, summed over every pair of Gaussians:
-// by the overlay's vectorised pair sum and by the library's term-by-term sum.
+// The exact overlap of two densities as a pose is scored, summed over every pair of Gaussians
+// by the overlay's vectorised pair sum (self 0), and the self-overlap of one (self 1), each pair
+// taken once: of drug-sized densities (atoms 0) and of 70-atom chains, the second chain the
+// first moved by half a bond.
 void BM_PairOverlap(benchmark::State& state) {
-    const KernelWidth width(state, 0);
-    const std::vector<QVSystem::QVGaussian> a = DrugLikeGaussians(1u), b = DrugLikeGaussians(2u);
+    const KernelWidth width(state, 2);
+    const std::vector<QVSystem::QVGaussian> a =
+        state.range(0) == 0 ? DrugLikeGaussians(1u) : DensityOfArgument(state.range(0));
+    std::vector<QVSystem::QVGaussian> b = state.range(0) == 0 ? DrugLikeGaussians(2u) : a;
+    if (state.range(0) != 0) {
+        for (QVSystem::QVGaussian& g : b) {
+            g.SetX(g.GetX() + 0.75f);
+        }
+    }
+    const bool self = state.range(1) == 1;
     for (auto _ : state) {
         if (!width.Usable()) {
             break;
         }
-        benchmark::DoNotOptimize(hermite::overlay::PairOverlap(a, b));
+        benchmark::DoNotOptimize(self ? hermite::overlay::SelfOverlap(a)
+                                      : hermite::overlay::PairOverlap(a, b));
     }
 }
-BENCHMARK(BM_PairOverlap)->ArgName("wide")->Arg(0)->Arg(1);
+BENCHMARK(BM_PairOverlap)
+    ->ArgNames({"atoms", "self", "wide"})
+    ->ArgsProduct({{0, 70}, {0, 1}, {0, 1}});
 
 void BM_TermByTermOverlap(benchmark::State& state) {
     const std::vector<QVSystem::QVGaussian> a = DrugLikeGaussians(1u), b = DrugLikeGaussians(2u);

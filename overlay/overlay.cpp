@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <numeric>
+#include <optional>
 #include <string>
 
 #include "overlay/exact_overlap.h"
@@ -75,9 +76,13 @@ QVTrans PrincipalFrame(const std::vector<QVGaussian>& gaussians) {
     return QVTrans(rotation, translation);
 }
 
+double SquaredDistance(const std::array<double, 3>& a, const std::array<double, 3>& b) {
+    return (a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) +
+           (a[2] - b[2]) * (a[2] - b[2]);
+}
+
 double Distance(const std::array<double, 3>& a, const std::array<double, 3>& b) {
-    return std::sqrt((a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) +
-                     (a[2] - b[2]) * (a[2] - b[2]));
+    return std::sqrt(SquaredDistance(a, b));
 }
 
 /// A 3 x 3 row-major rotation as a transform.
@@ -741,20 +746,21 @@ std::string CloudProblem(const QVMol& molecule, double gap) {
         molecule.GetAtom(i).GetCoords(positions[i].data());
     }
     // Grow one cloud from the first atom through neighbours closer than `gap`. Each atom taken
-    // from the frontier is compared only with the atoms not reached yet, which the first few
-    // mostly use up: the check costs about a few passes over the atoms, not one per atom.
+    // from the frontier is compared only with the atoms not reached yet, so that the work
+    // shrinks as the cloud grows (squared distances: no square root per pair).
     std::vector<unsigned int> unreached(n > 0 ? n - 1 : 0);
     std::iota(unreached.begin(), unreached.end(), 1u);
     std::vector<unsigned int> frontier;
     if (n > 0) {
         frontier.push_back(0);
     }
+    const double gapSquared = gap * gap;
     while (!frontier.empty() && !unreached.empty()) {
-        const unsigned int i = frontier.back();
+        const std::array<double, 3> p = positions[frontier.back()];
         frontier.pop_back();
         std::size_t kept = 0;
         for (const unsigned int j : unreached) {
-            if (Distance(positions[i], positions[j]) < gap) {
+            if (SquaredDistance(p, positions[j]) < gapSquared) {
                 frontier.push_back(j);
             } else {
                 unreached[kept++] = j;
@@ -793,14 +799,14 @@ PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settin
 
 namespace {
 
-/// `frame`, a principal frame of `molecule`, turned if need be by a half-turn about one of its
-/// axes, so that the third moments of the atoms along x and along y are not negative. The axes
-/// of the second moments have no sign of their own: without this, two poses of one molecule
-/// could get frames a half-turn apart, the orientation scan would look at the molecule from
-/// other directions, and the overlay would depend on the input pose.
-QVTrans WithCanonicalSigns(const QVTrans& frame, const QVMol& molecule) {
+/// The half-turn about x, y or z that makes the third moments of the atoms of `inFrame`, a
+/// molecule in a principal frame, along x and along y not negative; none when they are. The axes of
+/// the second moments have no sign of their own: without this, two poses of one molecule could
+/// get frames a half-turn apart, the orientation scan would look at the molecule from other
+/// directions, and the overlay would depend on the input pose.
+std::optional<QVTrans> CanonicalHalfTurn(const QVMol& inFrame) {
     double third[2] = {0.0, 0.0};
-    for (const QVChem::QVAtom& atom : MovedMolecule(molecule, frame)) {
+    for (const QVChem::QVAtom& atom : inFrame) {
         double p[3];
         atom.GetCoords(p);
         third[0] += p[0] * p[0] * p[0];
@@ -809,21 +815,27 @@ QVTrans WithCanonicalSigns(const QVTrans& frame, const QVMol& molecule) {
     const double sx = third[0] < 0.0 ? -1.0 : 1.0;
     const double sy = third[1] < 0.0 ? -1.0 : 1.0;
     if (sx > 0.0 && sy > 0.0) {
-        return frame;
+        return std::nullopt;
     }
     const double halfTurn[9] = {sx, 0, 0, 0, sy, 0, 0, 0, sx * sy};
     const double zero[3] = {0.0, 0.0, 0.0};
-    return frame.Then(QVTrans(halfTurn, zero));
+    return QVTrans(halfTurn, zero);
 }
 
 }  // namespace
 
 PreparedMolecule::PreparedMolecule(const QVMol& molecule, const Settings& settings,
-                                   const QVTrans& frame, const ColourFeatures& features)
-    : toFrame(WithCanonicalSigns(frame, molecule)) {
+                                   const QVTrans& frame, const ColourFeatures& features) {
     // The frame is applied to the double-precision coordinates before the Gaussians (single
-    // precision) are made, so that the densities do not depend on where the molecule lay.
-    const QVMol inFrame = MovedMolecule(molecule, toFrame);
+    // precision) are made, so that the densities do not depend on where the molecule lay. A
+    // half-turn only changes signs, exactly: turning the moved molecule gives the same
+    // coordinates as moving it by the turned frame.
+    QVMol inFrame = MovedMolecule(molecule, frame);
+    toFrame = frame;
+    if (const std::optional<QVTrans> halfTurn = CanonicalHalfTurn(inFrame)) {
+        toFrame = frame.Then(*halfTurn);
+        TransformMolecule(inFrame, *halfTurn);
+    }
     shape = QVHermiteMath::QVMolToGaussians(inFrame);
     shapeSelfOverlap = SelfOverlap(shape);
     if (settings.electrostatics) {
