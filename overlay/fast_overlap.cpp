@@ -49,8 +49,17 @@ struct AxisConstants {
     Lanes twoTQ[3] = {};  ///< 2 t q
     Lanes root[3] = {};   ///< sqrt(2 pi q)
 
-    /// Sets lane `lane` to the constants of exponent `a`.
+    /// The exponent of each lane's constants (none yet: NaN equals nothing).
+    float exponent[kLanes] = {NAN, NAN, NAN, NAN};
+
+    /// Sets lane `lane` to the constants of exponent `a`. A molecule's Gaussians share a few
+    /// exponents, and a lane that holds them already keeps them: the square roots and divisions
+    /// are most of the cost of a lane otherwise.
     void Set(std::size_t lane, float a, const double* lambda) {
+        if (a == exponent[lane]) {
+            return;
+        }
+        exponent[lane] = a;
         r[lane] = std::sqrt(2.0 * static_cast<double>(a));
         for (unsigned int axis = 0; axis < 3; ++axis) {
             const double t = r[lane] / lambda[axis];

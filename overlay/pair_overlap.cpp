@@ -57,17 +57,25 @@ struct Partners {
             column->reserve(b.size());
         }
         double smallestK = INFINITY;
+        // The constants of the last kind met: a molecule's Gaussians share a few kinds, and the
+        // divisions and the square root are most of the cost of a partner otherwise.
+        Kind last{NAN, 0u};
+        double pairK = 0.0, pairFactor = 0.0;  // k, (pi / (a_i + a_j))^(3/2)
         for (const std::size_t i : order) {
             const QVSystem::QVGaussian& g = b[i];
             const Kind other = KindOf(g, pairing);
-            const double exponentSum = kind.exponent + other.exponent;
-            const double piOverP = kPi / exponentSum;
+            if (!(other == last)) {
+                last = other;
+                const double exponentSum = kind.exponent + other.exponent;
+                const double piOverP = kPi / exponentSum;
+                pairK = kind.exponent * other.exponent / exponentSum;
+                pairFactor = piOverP * std::sqrt(piOverP);
+            }
             x.push_back(g.GetX());
             y.push_back(g.GetY());
             z.push_back(g.GetZ());
-            k.push_back(kind.exponent * other.exponent / exponentSum);
-            weight.push_back(
-                other.tag == kind.tag ? g.GetPrefactor() * (piOverP * std::sqrt(piOverP)) : 0.0);
+            k.push_back(pairK);
+            weight.push_back(other.tag == kind.tag ? g.GetPrefactor() * pairFactor : 0.0);
             if (weight.back() != 0.0) {
                 smallestK = std::min(smallestK, k.back());
             }
