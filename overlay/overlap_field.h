@@ -68,9 +68,6 @@ private:
     /// The index of the sample nearest to `x` and the offset `delta` of `x` from it; kNowhere
     /// beyond the grid (or for a point that is not finite).
     std::size_t Locate(const double* x, double* delta) const;
-    /// phi, its gradient and Hessian at the offset `delta` from the sample `index` (from
-    /// `Locate`): the second-order Taylor expansion about the sample.
-    double At(std::size_t index, const double* delta, double* gradient, double* hessian) const;
 
     /// The tables of one term along the axes and its rows, kept from term to term.
     struct TermTables;
@@ -112,55 +109,63 @@ inline std::size_t OverlapField::Locate(const double* x, double* delta) const {
     return index;
 }
 
-inline double OverlapField::At(std::size_t index, const double* delta, double* gradient,
-                               double* hessian) const {
-    if (index == kNowhere) {
-        std::fill(gradient, gradient + 3, 0.0);
-        std::fill(hessian, hessian + 6, 0.0);
-        return 0.0;
-    }
-    const float* s = &samples_[kValues * index];
-    const double H[3][3] = {{s[4], s[5], s[6]}, {s[5], s[7], s[8]}, {s[6], s[8], s[9]}};
-    double value = s[0];
-    for (int a = 0; a < 3; ++a) {
-        const double Hdelta = H[a][0] * delta[0] + H[a][1] * delta[1] + H[a][2] * delta[2];
-        gradient[a] = s[1 + a] + Hdelta;
-        value += (s[1 + a] + 0.5 * Hdelta) * delta[a];
-    }
-    std::copy(s + 4, s + 10, hessian);
-    return value;
-}
-
-inline double OverlapField::At(const double* x, double* gradient, double* hessian) const {
-    double delta[3];
-    return At(Locate(x, delta), delta, gradient, hessian);
-}
-
 inline void OverlapField::At(std::size_t count, const double* const* x, double* value,
                              double* const* gradient, double* const* hessian) const {
     constexpr std::size_t kBlock = 64;
     std::size_t index[kBlock];
-    double delta[kBlock][3];
+    double delta[3][kBlock];
+    double sample[kValues][kBlock];
     for (std::size_t first = 0; first < count; first += kBlock) {
         const std::size_t size = std::min(kBlock, count - first);
         for (std::size_t j = 0; j < size; ++j) {
             const double point[3] = {x[0][first + j], x[1][first + j], x[2][first + j]};
-            index[j] = Locate(point, delta[j]);
-            if (index[j] != kNowhere) {
+            double offset[3] = {0.0, 0.0, 0.0};
+            index[j] = Locate(point, offset);
+            if (index[j] == kNowhere) {
+                std::fill(offset, offset + 3, 0.0);
+            } else {
                 __builtin_prefetch(&samples_[kValues * index[j]]);
+            }
+            for (int a = 0; a < 3; ++a) {
+                delta[a][j] = offset[a];
+            }
+        }
+        // The samples side by side, zeros beyond the grid (with zero offsets, so that the
+        // expansion below gives 0 there), then the second-order Taylor expansions about them of
+        // all the points at once, in vector registers.
+        for (std::size_t j = 0; j < size; ++j) {
+            for (std::size_t v = 0; v < kValues; ++v) {
+                sample[v][j] = index[j] == kNowhere ? 0.0 : samples_[kValues * index[j] + v];
             }
         }
         for (std::size_t j = 0; j < size; ++j) {
-            double g[3], H[6];
-            value[first + j] = At(index[j], delta[j], g, H);
+            const double d[3] = {delta[0][j], delta[1][j], delta[2][j]};
+            const double s[kValues] = {sample[0][j], sample[1][j], sample[2][j], sample[3][j],
+                                       sample[4][j], sample[5][j], sample[6][j], sample[7][j],
+                                       sample[8][j], sample[9][j]};
+            const double H[3][3] = {{s[4], s[5], s[6]}, {s[5], s[7], s[8]}, {s[6], s[8], s[9]}};
+            double v = s[0];
             for (int a = 0; a < 3; ++a) {
-                gradient[a][first + j] = g[a];
+                const double Hdelta = H[a][0] * d[0] + H[a][1] * d[1] + H[a][2] * d[2];
+                gradient[a][first + j] = s[1 + a] + Hdelta;
+                v += (s[1 + a] + 0.5 * Hdelta) * d[a];
             }
+            value[first + j] = v;
             for (int i = 0; i < 6; ++i) {
-                hessian[i][first + j] = H[i];
+                hessian[i][first + j] = s[4 + i];
             }
         }
     }
+}
+
+inline double OverlapField::At(const double* x, double* gradient, double* hessian) const {
+    const double* const point[3] = {x, x + 1, x + 2};
+    double value;
+    double* const gradients[3] = {gradient, gradient + 1, gradient + 2};
+    double* const hessians[6] = {hessian,     hessian + 1, hessian + 2,
+                                 hessian + 3, hessian + 4, hessian + 5};
+    At(1, point, &value, gradients, hessians);
+    return value;
 }
 
 }  // namespace hermite::overlay
