@@ -10,12 +10,14 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <random>
 #include <vector>
 
 #include "bench_data.h"
 #include "overlay/exact_overlap.h"
 #include "overlay/expansion_turn.h"
 #include "overlay/fast_overlap.h"
+#include "overlay/newton_step.h"
 #include "overlay/overlap_field.h"
 #include "overlay/pair_overlap.h"
 #include "overlay/vector_width.h"
@@ -232,6 +234,32 @@ void BM_PairOverlap(benchmark::State& state) {
 BENCHMARK(BM_PairOverlap)
     ->ArgNames({"atoms", "self", "wide"})
     ->ArgsProduct({{0, 70}, {0, 1}, {0, 1}});
+
+// A Newton step of the refinement where the overlap is not concave (a Hessian with eigenvalues
+// of both signs): the Cholesky factorisation fails, and the step comes from the eigenvectors,
+// by the overlay's own 6 x 6 solver (solver 0) or by Eigen's general one (1).
+void BM_NewtonStepNotConcave(benchmark::State& state) {
+    std::mt19937 engine(9u);
+    std::normal_distribution<double> normal;
+    hermite::overlay::Matrix6 A;
+    hermite::overlay::Vector6 g;
+    for (int i = 0; i < 36; ++i) {
+        A.data()[i] = normal(engine);
+    }
+    for (int i = 0; i < 6; ++i) {
+        g[i] = normal(engine);
+    }
+    const hermite::overlay::Matrix6 H = A + A.transpose();
+    for (auto _ : state) {
+        if (state.range(0) == 0) {
+            benchmark::DoNotOptimize(hermite::overlay::NewtonAscent(g, H));
+        } else {
+            benchmark::DoNotOptimize(
+                Eigen::SelfAdjointEigenSolver<hermite::overlay::Matrix6>(-H).eigenvectors());
+        }
+    }
+}
+BENCHMARK(BM_NewtonStepNotConcave)->ArgName("solver")->Arg(0)->Arg(1);
 
 void BM_TermByTermOverlap(benchmark::State& state) {
     const std::vector<QVSystem::QVGaussian> a = DrugLikeGaussians(1u), b = DrugLikeGaussians(2u);

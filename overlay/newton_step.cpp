@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "overlay/symmetric_eigen.h"
+
 namespace hermite::overlay {
 
 Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
@@ -12,11 +14,15 @@ Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
     if (cholesky.info() == Eigen::Success) {
         step = cholesky.solve(g);
     } else {
-        const Eigen::SelfAdjointEigenSolver<Matrix6> eigen(curvature);
-        const Vector6 values = eigen.eigenvalues();
-        const double floor = 1e-2 * std::max(values.cwiseAbs().maxCoeff(), 1e-300);
-        step = eigen.eigenvectors() *
-               (eigen.eigenvectors().transpose() * g).cwiseQuotient(values.cwiseMax(floor));
+        SymmetricEigen6 eigen = SymmetricEigenOf(curvature);
+        if (!eigen.converged) {
+            const Eigen::SelfAdjointEigenSolver<Matrix6> general(curvature);
+            eigen.values = general.eigenvalues();
+            eigen.vectors = general.eigenvectors();
+        }
+        const double floor = 1e-2 * std::max(eigen.values.cwiseAbs().maxCoeff(), 1e-300);
+        step = eigen.vectors *
+               (eigen.vectors.transpose() * g).cwiseQuotient(eigen.values.cwiseMax(floor));
     }
     return step.norm() > 1.0 ? Vector6(step / step.norm()) : step;
 }
