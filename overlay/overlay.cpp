@@ -745,8 +745,19 @@ std::string CloudProblem(const QVMol& molecule, double gap) {
     for (unsigned int i = 0; i < n; ++i) {
         molecule.GetAtom(i).GetCoords(positions[i].data());
     }
-    // Grow one cloud from the first atom through neighbours closer than `gap`. Each atom taken
-    // from the frontier is compared only with the atoms not reached yet, so that the work
+    // Files list most molecules with each atom within `gap` of the one before it (bonded
+    // neighbours, hydrogens after their heavy atoms): then every atom is linked to the first
+    // through those before it, and the cloud is whole.
+    const double gapSquared = gap * gap;
+    bool chained = true;
+    for (unsigned int i = 1; i < n && chained; ++i) {
+        chained = SquaredDistance(positions[i - 1], positions[i]) < gapSquared;
+    }
+    if (chained) {
+        return "";
+    }
+    // Else grow one cloud from the first atom through neighbours closer than `gap`. Each atom
+    // taken from the frontier is compared only with the atoms not reached yet, so that the work
     // shrinks as the cloud grows (squared distances: no square root per pair).
     std::vector<unsigned int> unreached(n > 0 ? n - 1 : 0);
     std::iota(unreached.begin(), unreached.end(), 1u);
@@ -754,7 +765,6 @@ std::string CloudProblem(const QVMol& molecule, double gap) {
     if (n > 0) {
         frontier.push_back(0);
     }
-    const double gapSquared = gap * gap;
     while (!frontier.empty() && !unreached.empty()) {
         const std::array<double, 3> p = positions[frontier.back()];
         frontier.pop_back();
