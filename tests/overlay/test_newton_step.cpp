@@ -85,6 +85,38 @@ TEST(NewtonStepTest, StepsWhereTheOverlapIsNotConcaveStillClimbWithinTheUnitBall
     EXPECT_NEAR(step.head<5>().norm(), 0.0, 1e-15);
 }
 
+TEST(NewtonStepTest, StepsWhereTheOverlapIsNotConcaveFloorTheCurvature) {
+    // The step is -H^-1 g with -H's eigenvalues raised to at least 1 % of the largest in
+    // magnitude, cut to unit length: against the same from Eigen's general eigensolver.
+    std::mt19937 engine(13u);
+    int compared = 0;
+    for (int trial = 0; trial < 200; ++trial) {
+        const Matrix6 H = RandomSymmetric(engine, -3.0, 1.0);
+        const Vector6 g = RandomVector(engine, trial % 2 == 0 ? 0.05 : 2.0);
+        if (Eigen::LLT<Matrix6>(-H).info() == Eigen::Success) {
+            continue;  // concave: the plain Newton step (see the test above)
+        }
+        ++compared;
+        const Eigen::SelfAdjointEigenSolver<Matrix6> eigen(-H);
+        const Vector6 values = eigen.eigenvalues();
+        const double floor = 1e-2 * values.cwiseAbs().maxCoeff();
+        Vector6 expected =
+            eigen.eigenvectors() *
+            (eigen.eigenvectors().transpose() * g).cwiseQuotient(values.cwiseMax(floor));
+        if (expected.norm() > 1.0) {
+            expected /= expected.norm();
+        }
+        const Vector6 step = NewtonAscent(g, H);
+        EXPECT_LE((step - expected).cwiseAbs().maxCoeff(), 1e-12 * (1.0 + expected.norm()))
+            << trial;
+    }
+    EXPECT_GT(compared, 150);
+    // A Hessian that is not a number gives a step that is not one either, which no walk takes.
+    Matrix6 broken = RandomSymmetric(engine, -3.0, 1.0);
+    broken(1, 4) = broken(4, 1) = NAN;
+    EXPECT_FALSE(NewtonAscent(RandomVector(engine, 1.0), broken).allFinite());
+}
+
 TEST(NewtonStepTest, ModelGainIsTheRiseOfTheQuadraticFromItsTermsOneByOne) {
     std::mt19937 engine(11);
     for (int trial = 0; trial < 20; ++trial) {
