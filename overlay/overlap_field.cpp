@@ -109,13 +109,20 @@ void OverlapField::AddTerm(const double* q, double C, double k, double reach, Te
             last[a] = std::min(
                 points_[a] - 1,
                 static_cast<long>(std::floor((q[a] + reach - origin_[a]) * inverseSpacing_)));
-            offset[a].clear();
-            factor[a].clear();
-            for (long i = first[a]; i <= last[a]; ++i) {
-                const double d = q[a] - (origin_[a] + static_cast<double>(i) * spacing_);
-                offset[a].push_back(d);
-                // The polynomial exponential: the same bits on every machine (k d^2 <= cutoff).
-                factor[a].push_back(ExpOfNegative(-k * d * d));
+            const std::size_t count =
+                static_cast<std::size_t>(std::max(0L, last[a] - first[a] + 1));
+            offset[a].resize(count);
+            factor[a].resize(count);
+            double* const d = offset[a].data();
+            double* const e = factor[a].data();
+            for (std::size_t i = 0; i < count; ++i) {
+                d[i] = q[a] - (origin_[a] +
+                               static_cast<double>(first[a] + static_cast<long>(i)) * spacing_);
+            }
+            // The polynomial exponential, all of the axis's at once in vector registers: the
+            // same bits on every machine (k d^2 <= cutoff).
+            for (std::size_t i = 0; i < count; ++i) {
+                e[i] = ExpOfNegative(-k * d[i] * d[i]);
             }
         }
         // Each value is a factor of the point's x times one of its row (y, z): per column, the x
