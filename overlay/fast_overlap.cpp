@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <iterator>
 
 #include "overlay/lanes.h"
 #include "overlay/negative_exp.h"
@@ -50,7 +51,9 @@ struct AxisConstants {
     Lanes root[3] = {};   ///< sqrt(2 pi q)
 
     /// The exponent of each lane's constants (none yet: NaN equals nothing).
-    float exponent[kLanes] = {NAN, NAN, NAN, NAN};
+    float exponent[kLanes];
+
+    AxisConstants() { std::fill(std::begin(exponent), std::end(exponent), NAN); }
 
     /// Sets lane `lane` to the constants of exponent `a`. A molecule's Gaussians share a few
     /// exponents, and a lane that holds them already keeps them: the square roots and divisions
