@@ -234,25 +234,40 @@ auto Getter(T Settings::*member) {
     return [member](const Settings& s) { return s.*member; };
 }
 
-/// The setter of a flag.
-auto FlagSetter(bool Settings::*member) {
-    return [member](Settings& s, bool v) { s.*member = v; };
+using SettingsClass = py::class_<Settings>;
+
+/// Defines the property `name` of a flag of the settings.
+void FlagProperty(SettingsClass& settings, const char* name, bool Settings::*member,
+                  const char* doc) {
+    settings.def_property(
+        name, Getter(member), [member](Settings& s, bool v) { s.*member = v; }, doc);
 }
 
-/// The setter of a count, checked to lie in 0..maximum.
-auto CountSetter(unsigned int Settings::*member, const char* name, long long maximum) {
-    return
-        [member, name, maximum](Settings& s, py::object v) { s.*member = Count(v, name, maximum); };
+/// Defines the property `name` of a count of the settings, checked to lie in 0..maximum.
+void CountProperty(SettingsClass& settings, const char* name, unsigned int Settings::*member,
+                   long long maximum, const char* doc) {
+    settings.def_property(
+        name, Getter(member),
+        [member, name, maximum](Settings& s, py::object v) { s.*member = Count(v, name, maximum); },
+        doc);
 }
 
-/// The setter of a positive real.
-auto PositiveSetter(double Settings::*member, const char* name) {
-    return [member, name](Settings& s, double v) { s.*member = RequirePositive(v, name); };
+/// Defines the property `name` of a positive real of the settings.
+void PositiveProperty(SettingsClass& settings, const char* name, double Settings::*member,
+                      const char* doc) {
+    settings.def_property(
+        name, Getter(member),
+        [member, name](Settings& s, double v) { s.*member = RequirePositive(v, name); }, doc);
 }
 
-/// The setter of a weight (or length) checked to lie in 0..maximum.
-auto WeightSetter(double Settings::*member, const char* name, double maximum) {
-    return [member, name, maximum](Settings& s, double v) { s.*member = Weight(v, name, maximum); };
+/// Defines the property `name` of a weight (or length) of the settings, checked to lie in
+/// 0..maximum.
+void WeightProperty(SettingsClass& settings, const char* name, double Settings::*member,
+                    double maximum, const char* doc) {
+    settings.def_property(
+        name, Getter(member),
+        [member, name, maximum](Settings& s, double v) { s.*member = Weight(v, name, maximum); },
+        doc);
 }
 
 /// `settings` (or the defaults) with the keyword arguments applied through the properties, so
@@ -857,7 +872,7 @@ Args:
                                     state.size() > 4 ? py::object(state[4]) : py::none());
             }));
 
-    py::class_<Settings>(m, "OverlaySettings", R"doc(
+    SettingsClass settings(m, "OverlaySettings", R"doc(
 Settings of an overlay; every argument is keyword-only and also a property.
 
 Args:
@@ -907,108 +922,86 @@ Args:
         most ``order``; the exact refinement then places them exactly).
 
 Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
-)doc")
-        .def(py::init([](py::kwargs kwargs) { return ResolveSettings(py::none(), kwargs); }))
-        .def_property(
-            "order", Getter(&Settings::order),
-            [](Settings& s, py::object v) { s.order = Order(v); }, "Hermite expansion order.")
-        .def_property("lambda_", Getter(&Settings::lambda),
-                      PositiveSetter(&Settings::lambda, "lambda_"),
-                      "Lambda of the Hermite functions of every expansion (1/angstrom).")
-        .def_property("large_lambda", Getter(&Settings::largeLambda),
-                      WeightSetter(&Settings::largeLambda, "large_lambda", 10.0),
-                      "Lambda for a pair of large molecules overlaid by shape only (1/angstrom; "
-                      "0: lambda_ for every pair).")
-        .def_property("large_lambda_atoms", Getter(&Settings::largeLambdaAtoms),
-                      CountSetter(&Settings::largeLambdaAtoms, "large_lambda_atoms", 100000),
-                      "Heavy atoms from which both molecules of a pair count as large.")
-        .def_property("scan_rotations", Getter(&Settings::scanRotations),
-                      CountSetter(&Settings::scanRotations, "scan_rotations", 100000),
-                      "Evenly spread rotations scanned besides the four flips.")
-        .def_property("starts", Getter(&Settings::extraStarts),
-                      CountSetter(&Settings::extraStarts, "starts", 100000),
-                      "Random rotations scanned besides the four flips.")
-        .def_property(
-            "scan_shift", Getter(&Settings::scanShift),
-            WeightSetter(&Settings::scanShift, "scan_shift", 10.0),
-            "Shift of the fit along each of its axes, both ways, at which every orientation is "
-            "also scanned (angstrom; 0: centred only).")
-        .def_property(
-            "search_starts", Getter(&Settings::searchStarts),
-            CountSetter(&Settings::searchStarts, "search_starts", 100000),
-            "Local searches, from the scanned orientations with the largest Hermite overlaps.")
-        .def_property(
-            "colour_search_starts", Getter(&Settings::colourSearchStarts),
-            CountSetter(&Settings::colourSearchStarts, "colour_search_starts", 100000),
-            "Local searches when colour features (or a weighted electrostatic density) join the "
-            "search (at most search_starts).")
-        .def_property(
-            "seed", Getter(&Settings::seed),
-            [](Settings& s, py::object v) {
-                s.seed = Unsigned(v, "seed", std::numeric_limits<std::uint64_t>::max());
-            },
-            "Seed of the random starts (0..2**64 - 1).")
-        .def_property(
-            "relative_tolerance", Getter(&Settings::relativeTolerance),
-            PositiveSetter(&Settings::relativeTolerance, "relative_tolerance"),
-            "BFGS gradient tolerance of the Hermite search relative to the self-overlap of the "
-            "smaller molecule.")
-        .def_property("iteration_limit", Getter(&Settings::iterationLimit),
-                      CountSetter(&Settings::iterationLimit, "iteration_limit", 1000000),
-                      "BFGS iteration limit per start.")
-        .def_property("refine_candidates", Getter(&Settings::refineCandidates),
-                      CountSetter(&Settings::refineCandidates, "refine_candidates", 1000),
-                      "Best Hermite poses refined on the exact overlap (0: none).")
-        .def_property(
-            "colour_refine_candidates", Getter(&Settings::colourRefineCandidates),
-            CountSetter(&Settings::colourRefineCandidates, "colour_refine_candidates", 1000),
-            "Best Hermite poses refined when colour features join the search (at most "
-            "refine_candidates).")
-        .def_property(
-            "refine_iteration_limit", Getter(&Settings::refineIterationLimit),
-            CountSetter(&Settings::refineIterationLimit, "refine_iteration_limit", 1000000),
-            "Newton iteration limit of the exact refinement.")
-        .def_property(
-            "refine_tolerance", Getter(&Settings::refineTolerance),
-            PositiveSetter(&Settings::refineTolerance, "refine_tolerance"),
-            "Gradient tolerance of the exact refinement relative to the smaller molecule's "
-            "self-overlap.")
-        .def_property("refine_field_atoms", Getter(&Settings::refineFieldAtoms),
-                      CountSetter(&Settings::refineFieldAtoms, "refine_field_atoms", 100000),
-                      "Molecules of this many atoms or more (both of a pair) are refined on the "
-                      "query's overlap field before the last exact steps.")
-        .def_property("refine_field_spacing", Getter(&Settings::refineFieldSpacing),
-                      WeightSetter(&Settings::refineFieldSpacing, "refine_field_spacing", 2.0),
-                      "Spacing of the overlap field's samples (angstrom; 0: never used).")
-        .def_property("electrostatics", Getter(&Settings::electrostatics),
-                      FlagSetter(&Settings::electrostatics), "Compute the electrostatic scores.")
-        .def_property("electrostatic_width", Getter(&Settings::electrostaticWidth),
-                      PositiveSetter(&Settings::electrostaticWidth, "electrostatic_width"),
-                      "Width of the electrostatic Gaussians, angstrom.")
-        .def_property(
-            "electrostatic_weight", Getter(&Settings::electrostaticWeight),
-            WeightSetter(&Settings::electrostaticWeight, "electrostatic_weight", 100000.0),
-            "Weight of the electrostatic overlap against the shape overlap in the search "
-            "(0 to 100000, with electrostatics; 0: not optimised).")
-        .def_property("colour", Getter(&Settings::colour), FlagSetter(&Settings::colour),
-                      "Match the colour features and compute the colour scores.")
-        .def_property(
-            "colour_weight", Getter(&Settings::colourWeight),
-            WeightSetter(&Settings::colourWeight, "colour_weight", 100.0),
-            "Weight of the colour overlap against the shape overlap in the search (0 to 100).")
-        .def_property(
-            "colour_order", Getter(&Settings::colourOrder),
-            [](Settings& s, py::object v) { s.colourOrder = Order(v); },
-            "Order of the Hermite expansions of the colour features in the search.")
-        .def("__repr__", &SettingsRepr)
-        .def(
-            "copy", [](const Settings& s) { return s; }, "A copy.")
-        .def("__copy__", [](const Settings& s) { return s; })
-        .def("__deepcopy__", [](const Settings& s, py::dict) { return s; })
-        .def(py::pickle(&SettingsState, [](const py::dict& state) {
-            // Through the properties, so that a tampered state is checked like arguments.
-            return ResolveSettings(py::none(), py::reinterpret_borrow<py::kwargs>(state));
-        }));
+)doc");
+    settings.def(py::init([](py::kwargs kwargs) { return ResolveSettings(py::none(), kwargs); }));
+    settings.def_property(
+        "order", Getter(&Settings::order), [](Settings& s, py::object v) { s.order = Order(v); },
+        "Hermite expansion order.");
+    PositiveProperty(settings, "lambda_", &Settings::lambda,
+                     "Lambda of the Hermite functions of every expansion (1/angstrom).");
+    WeightProperty(settings, "large_lambda", &Settings::largeLambda, 10.0,
+                   "Lambda for a pair of large molecules overlaid by shape only (1/angstrom; "
+                   "0: lambda_ for every pair).");
+    CountProperty(settings, "large_lambda_atoms", &Settings::largeLambdaAtoms, 100000,
+                  "Heavy atoms from which both molecules of a pair count as large.");
+    CountProperty(settings, "scan_rotations", &Settings::scanRotations, 100000,
+                  "Evenly spread rotations scanned besides the four flips.");
+    CountProperty(settings, "starts", &Settings::extraStarts, 100000,
+                  "Random rotations scanned besides the four flips.");
+    WeightProperty(
+        settings, "scan_shift", &Settings::scanShift, 10.0,
+        "Shift of the fit along each of its axes, both ways, at which every orientation is "
+        "also scanned (angstrom; 0: centred only).");
+    CountProperty(
+        settings, "search_starts", &Settings::searchStarts, 100000,
+        "Local searches, from the scanned orientations with the largest Hermite overlaps.");
+    CountProperty(
+        settings, "colour_search_starts", &Settings::colourSearchStarts, 100000,
+        "Local searches when colour features (or a weighted electrostatic density) join the "
+        "search (at most search_starts).");
+    settings.def_property(
+        "seed", Getter(&Settings::seed),
+        [](Settings& s, py::object v) {
+            s.seed = Unsigned(v, "seed", std::numeric_limits<std::uint64_t>::max());
+        },
+        "Seed of the random starts (0..2**64 - 1).");
+    PositiveProperty(
+        settings, "relative_tolerance", &Settings::relativeTolerance,
+        "BFGS gradient tolerance of the Hermite search relative to the self-overlap of the "
+        "smaller molecule.");
+    CountProperty(settings, "iteration_limit", &Settings::iterationLimit, 1000000,
+                  "BFGS iteration limit per start.");
+    CountProperty(settings, "refine_candidates", &Settings::refineCandidates, 1000,
+                  "Best Hermite poses refined on the exact overlap (0: none).");
+    CountProperty(settings, "colour_refine_candidates", &Settings::colourRefineCandidates, 1000,
+                  "Best Hermite poses refined when colour features join the search (at most "
+                  "refine_candidates).");
+    CountProperty(settings, "refine_iteration_limit", &Settings::refineIterationLimit, 1000000,
+                  "Newton iteration limit of the exact refinement.");
+    PositiveProperty(
+        settings, "refine_tolerance", &Settings::refineTolerance,
+        "Gradient tolerance of the exact refinement relative to the smaller molecule's "
+        "self-overlap.");
+    CountProperty(settings, "refine_field_atoms", &Settings::refineFieldAtoms, 100000,
+                  "Molecules of this many atoms or more (both of a pair) are refined on the "
+                  "query's overlap field before the last exact steps.");
+    WeightProperty(settings, "refine_field_spacing", &Settings::refineFieldSpacing, 2.0,
+                   "Spacing of the overlap field's samples (angstrom; 0: never used).");
+    FlagProperty(settings, "electrostatics", &Settings::electrostatics,
+                 "Compute the electrostatic scores.");
+    PositiveProperty(settings, "electrostatic_width", &Settings::electrostaticWidth,
+                     "Width of the electrostatic Gaussians, angstrom.");
+    WeightProperty(settings, "electrostatic_weight", &Settings::electrostaticWeight, 100000.0,
+                   "Weight of the electrostatic overlap against the shape overlap in the search "
+                   "(0 to 100000, with electrostatics; 0: not optimised).");
+    FlagProperty(settings, "colour", &Settings::colour,
+                 "Match the colour features and compute the colour scores.");
+    WeightProperty(
+        settings, "colour_weight", &Settings::colourWeight, 100.0,
+        "Weight of the colour overlap against the shape overlap in the search (0 to 100).");
+    settings.def_property(
+        "colour_order", Getter(&Settings::colourOrder),
+        [](Settings& s, py::object v) { s.colourOrder = Order(v); },
+        "Order of the Hermite expansions of the colour features in the search.");
+    settings.def("__repr__", &SettingsRepr);
+    settings.def(
+        "copy", [](const Settings& s) { return s; }, "A copy.");
+    settings.def("__copy__", [](const Settings& s) { return s; });
+    settings.def("__deepcopy__", [](const Settings& s, py::dict) { return s; });
+    settings.def(py::pickle(&SettingsState, [](const py::dict& state) {
+        // Through the properties, so that a tampered state is checked like arguments.
+        return ResolveSettings(py::none(), py::reinterpret_borrow<py::kwargs>(state));
+    }));
 
     py::class_<Scores>(m, "Scores", R"doc(
 Scores of an overlay, from exact overlap integrals of the atom Gaussians at the final pose
