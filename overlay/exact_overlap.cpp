@@ -338,38 +338,45 @@ void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& m
 
 void ExactOverlapObjective::PlaceMoving(const std::vector<QVSystem::QVGaussian>& moving,
                                         const QVChem::QVTrans* motion) {
-    placed_.resize(3 * moving.size());
-    for (std::size_t j = 0; j < moving.size(); ++j) {
-        const QVSystem::QVGaussian& g = moving[j];
-        placed_[3 * j] = g.GetX();
-        placed_[3 * j + 1] = g.GetY();
-        placed_[3 * j + 2] = g.GetZ();
-    }
+    moving_.resize(moving.size());
+    double centre[3] = {0.0, 0.0, 0.0};
+    const auto place = [&](const auto& position) {
+        for (std::size_t j = 0; j < moving.size(); ++j) {
+            Point& m = moving_[j];
+            position(moving[j], m.x);
+            for (int a = 0; a < 3; ++a) {
+                centre[a] += m.x[a];
+            }
+            m.prefactor = moving[j].GetPrefactor();
+            m.exponent = moving[j].GetExponent();
+        }
+    };
     if (motion != nullptr) {
         // Moved in double precision and rounded to float, as MovedGaussians places them.
-        motion->Apply(placed_.data(), moving.size());
-        for (double& coordinate : placed_) {
-            coordinate = static_cast<float>(coordinate);
-        }
-    }
-    centre_[0] = centre_[1] = centre_[2] = 0.0;
-    for (std::size_t j = 0; j < moving.size(); ++j) {
-        for (int a = 0; a < 3; ++a) {
-            centre_[a] += placed_[3 * j + a];
-        }
+        double R[9], t[3];
+        motion->Extract(R, t, true);
+        place([&](const QVSystem::QVGaussian& g, double* x) {
+            const double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
+            for (int a = 0; a < 3; ++a) {
+                x[a] = static_cast<float>(R[3 * a] * p[0] + R[3 * a + 1] * p[1] +
+                                          R[3 * a + 2] * p[2] + t[a]);
+            }
+        });
+    } else {
+        place([](const QVSystem::QVGaussian& g, double* x) {
+            x[0] = g.GetX();
+            x[1] = g.GetY();
+            x[2] = g.GetZ();
+        });
     }
     const double count = moving.empty() ? 1.0 : static_cast<double>(moving.size());
-    for (double& c : centre_) {
-        c /= count;
+    for (int a = 0; a < 3; ++a) {
+        centre_[a] = centre[a] / count;
     }
-    moving_.resize(moving.size());
-    for (std::size_t j = 0; j < moving.size(); ++j) {
-        Point& m = moving_[j];
+    for (Point& m : moving_) {
         for (int a = 0; a < 3; ++a) {
-            m.x[a] = placed_[3 * j + a] - centre_[a];
+            m.x[a] -= centre_[a];
         }
-        m.prefactor = moving[j].GetPrefactor();
-        m.exponent = moving[j].GetExponent();
     }
 }
 

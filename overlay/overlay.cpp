@@ -745,13 +745,22 @@ std::string CloudProblem(const QVMol& molecule, double gap) {
     for (unsigned int i = 0; i < n; ++i) {
         molecule.GetAtom(i).GetCoords(positions[i].data());
     }
-    // Files list most molecules with each atom within `gap` of the one before it (bonded
-    // neighbours, hydrogens after their heavy atoms): then every atom is linked to the first
-    // through those before it, and the cloud is whole.
+    // In a file's order nearly every atom lies within `gap` of the one before it (bonded
+    // neighbours, hydrogens after their heavy atoms), and the others, where a branch or a ring
+    // closes, near one a little further back. If each atom is within `gap` of some atom before
+    // it, every atom is linked to the first through those before it, and the cloud is whole.
     const double gapSquared = gap * gap;
+    const auto nearOneBefore = [&](unsigned int i) {
+        for (unsigned int j = i; j-- > 0;) {
+            if (SquaredDistance(positions[j], positions[i]) < gapSquared) {
+                return true;
+            }
+        }
+        return false;
+    };
     bool chained = true;
     for (unsigned int i = 1; i < n && chained; ++i) {
-        chained = SquaredDistance(positions[i - 1], positions[i]) < gapSquared;
+        chained = nearOneBefore(i);
     }
     if (chained) {
         return "";

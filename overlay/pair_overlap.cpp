@@ -122,10 +122,18 @@ double OverlapWithPartners(const double* p, const Partners& partners, std::size_
                 terms[t] = k[t] * (dx * dx + dy * dy + dz * dz);
             }
             CutOffExponentials(terms, size, kPairCutoff);
-            // Four running sums, so that the additions do not wait on one another.
+            // Four running sums, so that the additions do not wait on one another: sum l takes
+            // the terms l, l + 4, l + 8... Written four at a time, so that they are one vector
+            // register.
             double partial[4] = {0.0, 0.0, 0.0, 0.0};
-            for (std::size_t t = 0; t < size; ++t) {
-                partial[t % 4] += weight[t] * terms[t];
+            std::size_t t = 0;
+            for (; t + 4 <= size; t += 4) {
+                for (std::size_t l = 0; l < 4; ++l) {
+                    partial[l] += weight[t + l] * terms[t + l];
+                }
+            }
+            for (std::size_t l = 0; t + l < size; ++l) {
+                partial[l] += weight[t + l] * terms[t + l];
             }
             sum += (partial[0] + partial[1]) + (partial[2] + partial[3]);
         }

@@ -327,4 +327,21 @@ TEST(OverlayFarFromTheOrigin, AChainOfNearNeighboursIsOneCloud) {
     EXPECT_EQ(hermite::overlay::CloudProblem(QVMol()), "");
 }
 
+TEST(OverlayFarFromTheOrigin, AnAtomNearOneListedLongBeforeItIsInTheCloud) {
+    // A chain listed in order, then a branch atom 9 angstrom beyond its first atom: far from
+    // the atom listed before it, near the first.
+    QVMol branched;
+    for (int i = 0; i < 10; ++i) {
+        branched.AddAtom(6, 9.0 * i, 0.0, 0.0, 0.0);
+    }
+    branched.AddAtom(6, -9.0, 0.0, 0.0, 0.0);
+    EXPECT_EQ(hermite::overlay::CloudProblem(branched), "");
+    // 11 angstrom beyond it, it is near no atom: it alone is named.
+    QVMol detached = branched;
+    detached.GetAtom(10).SetCoords(-11.0, 0.0, 0.0);
+    const std::string problem = hermite::overlay::CloudProblem(detached);
+    EXPECT_NE(problem.find("1 of 11 atoms (atom 11) lie 11.0 angstrom"), std::string::npos)
+        << problem;
+}
+
 }  // namespace
