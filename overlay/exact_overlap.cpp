@@ -338,45 +338,50 @@ void ExactOverlapObjective::SetMoving(const std::vector<QVSystem::QVGaussian>& m
 
 void ExactOverlapObjective::PlaceMoving(const std::vector<QVSystem::QVGaussian>& moving,
                                         const QVChem::QVTrans* motion) {
-    moving_.resize(moving.size());
-    double centre[3] = {0.0, 0.0, 0.0};
-    const auto place = [&](const auto& position) {
-        for (std::size_t j = 0; j < moving.size(); ++j) {
-            Point& m = moving_[j];
-            position(moving[j], m.x);
-            for (int a = 0; a < 3; ++a) {
-                centre[a] += m.x[a];
-            }
-            m.prefactor = moving[j].GetPrefactor();
-            m.exponent = moving[j].GetExponent();
-        }
-    };
+    const std::size_t n = moving.size();
+    for (std::vector<double>& column : placed_) {
+        column.resize(n);
+    }
+    double* const x = placed_[0].data();
+    double* const y = placed_[1].data();
+    double* const z = placed_[2].data();
+    for (std::size_t j = 0; j < n; ++j) {
+        x[j] = moving[j].GetX();
+        y[j] = moving[j].GetY();
+        z[j] = moving[j].GetZ();
+    }
     if (motion != nullptr) {
-        // Moved in double precision and rounded to float, as MovedGaussians places them.
+        // Moved in double precision and rounded to float, as MovedGaussians places them; one
+        // coordinate array each, so that the compiler moves several centres at once.
         double R[9], t[3];
         motion->Extract(R, t, true);
-        place([&](const QVSystem::QVGaussian& g, double* x) {
-            const double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
-            for (int a = 0; a < 3; ++a) {
-                x[a] = static_cast<float>(R[3 * a] * p[0] + R[3 * a + 1] * p[1] +
-                                          R[3 * a + 2] * p[2] + t[a]);
+        RunKernel([&] {
+            for (std::size_t j = 0; j < n; ++j) {
+                const double p[3] = {x[j], y[j], z[j]};
+                x[j] = static_cast<float>(R[0] * p[0] + R[1] * p[1] + R[2] * p[2] + t[0]);
+                y[j] = static_cast<float>(R[3] * p[0] + R[4] * p[1] + R[5] * p[2] + t[1]);
+                z[j] = static_cast<float>(R[6] * p[0] + R[7] * p[1] + R[8] * p[2] + t[2]);
             }
         });
-    } else {
-        place([](const QVSystem::QVGaussian& g, double* x) {
-            x[0] = g.GetX();
-            x[1] = g.GetY();
-            x[2] = g.GetZ();
-        });
     }
-    const double count = moving.empty() ? 1.0 : static_cast<double>(moving.size());
+    double centre[3] = {0.0, 0.0, 0.0};
+    for (std::size_t j = 0; j < n; ++j) {
+        centre[0] += x[j];
+        centre[1] += y[j];
+        centre[2] += z[j];
+    }
+    const double count = n == 0 ? 1.0 : static_cast<double>(n);
     for (int a = 0; a < 3; ++a) {
         centre_[a] = centre[a] / count;
     }
-    for (Point& m : moving_) {
-        for (int a = 0; a < 3; ++a) {
-            m.x[a] -= centre_[a];
-        }
+    moving_.resize(n);
+    for (std::size_t j = 0; j < n; ++j) {
+        Point& m = moving_[j];
+        m.x[0] = x[j] - centre_[0];
+        m.x[1] = y[j] - centre_[1];
+        m.x[2] = z[j] - centre_[2];
+        m.prefactor = moving[j].GetPrefactor();
+        m.exponent = moving[j].GetExponent();
     }
 }
 

@@ -175,6 +175,8 @@ private:
     /// The x, y and z coordinates of `fixed_`, each in one array, for distances taken in blocks.
     std::vector<double> fixedCoords_[3];
     std::vector<Point> moving_;  // relative to g
+    /// The moving centres as placed, x, y and z in one array each (room kept between placements).
+    std::vector<double> placed_[3];
     /// The kind of each fixed and moving centre, and the constants of each pair of kinds,
     /// moving-major: kindPairs_[movingKind * fixedKindCount_ + fixedKind].
     std::vector<unsigned int> fixedKind_;
