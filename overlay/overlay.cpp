@@ -522,9 +522,12 @@ void KeepMostPromising(ExactOverlapObjective& objective, const OverlapField* fie
 /// The smallest relative rise of the overlap a walk on the field tries to take. Near an optimum
 /// the field's value steps by 2e-4 to 2e-3 of the overlap from one sample's Taylor expansion to
 /// the next, so that a step promising less falls as often as it climbs, and the walk would spend
-/// its halvings on the field's error: on the 70-atom chain this bar takes 28 % of the walks'
-/// trial steps away and changes the mean Tanimoto by 1e-5.
-constexpr double kFieldResolution = 1e-4;
+/// its halvings on the field's error. A bar of 1e-4 took 28 % of the walks' trial steps away on
+/// the 70-atom chain and changed the mean Tanimoto by 1e-5; this one, at the low end of the
+/// field's steps, makes its overlays 3 % faster again, and over 761 pairs of 60- and 70-atom
+/// conformers lowers the mean Tanimoto by 2.5e-5 and no pair's by more than 4e-4 (1e-3: 4 %
+/// faster, 1.1e-4 and 1e-3 lower).
+constexpr double kFieldResolution = 3e-4;
 
 /// Maximises the exact overlap from a candidate's pose by Newton's method, records the refined
 /// pose and returns the overlap there as the objective computes it (pairs beyond its cut-off
