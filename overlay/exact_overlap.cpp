@@ -54,6 +54,11 @@ void Apply(const double* R, const double* p, double* out) {
     }
 }
 
+/// The doubles of an array of lanes, lane after lane: element e, lane l at index e * kLanes + l.
+double* Doubles(Lanes* lanes) {
+    return reinterpret_cast<double*>(lanes);
+}
+
 /// The positions of a block of centres relative to the mean centre, with the gradient f and
 /// the Hessian A (upper triangle xx, xy, xz, yy, yz, zz) of each centre's overlap with respect
 /// to its position: one array of lanes per component, centre j in lane j % kLanes of element
@@ -583,30 +588,40 @@ double ExactOverlapObjective::Curvature(const OverlapField& field, double* gradi
         CentreBlock block;
         for (std::size_t first = 0; first < moving_.size(); first += CentreBlock::kCapacity) {
             const std::size_t count = std::min(CentreBlock::kCapacity, moving_.size() - first);
+            // The field writes each centre's gradient and Hessian straight into the block's
+            // lanes (centre j at element j / kLanes, lane j % kLanes: index j of each
+            // component's doubles), where they are then scaled by the centre's prefactor.
+            double* const m[3] = {Doubles(block.m[0]), Doubles(block.m[1]), Doubles(block.m[2])};
+            double* const f[3] = {Doubles(block.f[0]), Doubles(block.f[1]), Doubles(block.f[2])};
+            double* const A[6] = {Doubles(block.A[0]), Doubles(block.A[1]), Doubles(block.A[2]),
+                                  Doubles(block.A[3]), Doubles(block.A[4]), Doubles(block.A[5])};
             double position[3][CentreBlock::kCapacity];
+            double prefactor[CentreBlock::kCapacity];
             for (std::size_t j = 0; j < count; ++j) {
+                const Point& point = moving_[first + j];
                 for (int a = 0; a < 3; ++a) {
-                    position[a][j] = moving_[first + j].x[a] + centre_[a];
+                    m[a][j] = point.x[a];
+                    position[a][j] = point.x[a] + centre_[a];
                 }
+                prefactor[j] = point.prefactor;
             }
             const double* const positions[3] = {position[0], position[1], position[2]};
             double value[CentreBlock::kCapacity];
-            double f[3][CentreBlock::kCapacity], A[6][CentreBlock::kCapacity];
-            double* const gradients[3] = {f[0], f[1], f[2]};
-            double* const hessians[6] = {A[0], A[1], A[2], A[3], A[4], A[5]};
-            field.At(count, positions, value, gradients, hessians);
-            block.count = 0;
+            field.At(count, positions, value, f, A);
             for (std::size_t j = 0; j < count; ++j) {
-                const Point& m = moving_[first + j];
-                overlap += m.prefactor * value[j];
-                const double scaledF[3] = {m.prefactor * f[0][j], m.prefactor * f[1][j],
-                                           m.prefactor * f[2][j]};
-                double scaledA[6];
-                for (int i = 0; i < 6; ++i) {
-                    scaledA[i] = m.prefactor * A[i][j];
-                }
-                block.Push(m.x, scaledF, scaledA);
+                overlap += prefactor[j] * value[j];
             }
+            for (int a = 0; a < 3; ++a) {
+                for (std::size_t j = 0; j < count; ++j) {
+                    f[a][j] = prefactor[j] * f[a][j];
+                }
+            }
+            for (int i = 0; i < 6; ++i) {
+                for (std::size_t j = 0; j < count; ++j) {
+                    A[i][j] = prefactor[j] * A[i][j];
+                }
+            }
+            block.count = count;
             block.PadLanes();
             sums.Add(block);
         }

@@ -375,9 +375,7 @@ OverlayResultObject MakeResult(const Result& result, const QVMol& fit, const std
     object.colour = settings.colour;
     object.aligned.resize(3 * static_cast<std::size_t>(fit.NumAtoms()));
     fit.GetCoords(object.aligned.data());
-    for (std::size_t i = 0; i < fit.NumAtoms(); ++i) {
-        result.transform.Apply(&object.aligned[3 * i]);
-    }
+    result.transform.Apply(object.aligned.data(), fit.NumAtoms());
     return object;
 }
 
