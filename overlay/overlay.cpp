@@ -752,9 +752,11 @@ std::string CloudProblem(const QVMol& molecule, double gap) {
     // neighbours, hydrogens after their heavy atoms), and the others, where a branch or a ring
     // closes, near one a little further back. If each atom is within `gap` of some atom before
     // it, every atom is linked to the first through those before it, and the cloud is whole.
+    // The look back is bounded, so that this pass stays linear in the atoms.
+    constexpr unsigned int kLookBack = 64;
     const double gapSquared = gap * gap;
     const auto nearOneBefore = [&](unsigned int i) {
-        for (unsigned int j = i; j-- > 0;) {
+        for (unsigned int j = i; j-- > 0 && i - j <= kLookBack;) {
             if (SquaredDistance(positions[j], positions[i]) < gapSquared) {
                 return true;
             }

@@ -342,6 +342,14 @@ TEST(OverlayFarFromTheOrigin, AnAtomNearOneListedLongBeforeItIsInTheCloud) {
     const std::string problem = hermite::overlay::CloudProblem(detached);
     EXPECT_NE(problem.find("1 of 11 atoms (atom 11) lie 11.0 angstrom"), std::string::npos)
         << problem;
+    // Its one neighbour a hundred atoms back, beyond the quick pass's look back: the cloud is
+    // grown and found whole all the same.
+    QVMol longChain;
+    for (int i = 0; i < 100; ++i) {
+        longChain.AddAtom(6, 9.0 * i, 0.0, 0.0, 0.0);
+    }
+    longChain.AddAtom(6, -9.0, 0.0, 0.0, 0.0);
+    EXPECT_EQ(hermite::overlay::CloudProblem(longChain), "");
 }
 
 }  // namespace
