@@ -754,7 +754,8 @@ std::string SettingsDoc() {
            "the self-overlap of the smaller molecule ["
         << Repr(d.refineTolerance) << "].\n"
         << "    refine_field_atoms: molecules of this many atoms or more, both of them, are "
-           "refined on the query's sampled overlap field before the last exact steps ["
+           "refined on the query's sampled overlap field instead of the exact pair sums (the "
+           "scores stay exact) ["
         << d.refineFieldAtoms << "].\n"
         << "    refine_field_spacing: spacing of the field's samples in angstrom, 0 to 2; 0 "
            "never uses the field ["
@@ -904,8 +905,9 @@ Args:
     refine_tolerance: gradient tolerance of the exact refinement, relative to the
         self-overlap of the smaller molecule.
     refine_field_atoms: molecules of this many atoms or more (both of a pair) are refined on
-        the query's overlap field, sampled once per query, before the last exact steps: for
-        large molecules, fewer costly exact evaluations for the same poses.
+        the query's overlap field, sampled once per query, instead of the exact pair sums: one
+        lookup per atom instead of a sum over its neighbours, for the same poses; the scores
+        stay exact.
     refine_field_spacing: spacing of the field's samples, angstrom (0 to 2; 0: never).
     electrostatics: also compute electrostatic scores (needs partial charges).
     electrostatic_width: width of the electrostatic Gaussians, angstrom.
@@ -972,7 +974,8 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
         "self-overlap.");
     CountProperty(settings, "refine_field_atoms", &Settings::refineFieldAtoms, 100000,
                   "Molecules of this many atoms or more (both of a pair) are refined on the "
-                  "query's overlap field before the last exact steps.");
+                  "query's overlap field instead of the exact pair sums (the scores stay "
+                  "exact).");
     WeightProperty(settings, "refine_field_spacing", &Settings::refineFieldSpacing, 2.0,
                    "Spacing of the overlap field's samples (angstrom; 0: never used).");
     FlagProperty(settings, "electrostatics", &Settings::electrostatics,

@@ -192,7 +192,7 @@ FieldErrors CurvatureErrors(ExactOverlapObjective& objective, const std::vector<
 // pair sums, from the field's per-centre values, converging with the spacing. The Hessian is
 // the nearest sample's, off by O(h), and in the angles' block by that times the squared lever
 // arms (a quarter of the largest entry at h = 0.1 here): good enough to choose Newton steps,
-// which the exact finish corrects.
+// whose trial values the walk compares before it takes them.
 TEST(OverlapFieldTest, CurvatureOnTheFieldConvergesToTheExactCurvature) {
     const std::vector<QVGaussian> fixed = Shape();
     const std::vector<QVGaussian> moving = hermite_test::MakeDensity(18, 6u, 3.5f, 2.5f, 2.0f);
