@@ -20,7 +20,9 @@ CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)} \
 
 "$venv/bin/hermite" --version
 package=$("$venv/bin/python" -c 'import hermite, os; print(os.path.dirname(hermite.__file__))')
-cd "$(mktemp -d)"
+workdir=$(mktemp -d)
+trap 'rm -rf "$workdir"' EXIT
+cd "$workdir"
 # The tests run the tool itself, not its launcher: name the interpreter its reports use.
 HERMITE_CLI="$package/bin/hermite" HERMITE_PYTHON="$venv/bin/python" PYTHONDONTWRITEBYTECODE=1 \
     "$venv/bin/python" -m pytest -q -p no:cacheprovider "$root/python/tests"

@@ -4,9 +4,11 @@ The binary comes from the environment variable HERMITE_CLI (set by CTest), the C
 of Debian's rdkit-data from HERMITE_CDK2_SDF.
 """
 
+import atexit
 import csv
 import math
 import os
+import shutil
 import subprocess
 import tempfile
 from pathlib import Path
@@ -47,8 +49,9 @@ def cdk2_records():
 
 def query_file():
     """A file holding the first CDK2 ligand alone (every molecule of a query file is a query),
-    in a temporary directory that lives as long as the test process."""
+    in a temporary directory that lives as long as the test process and is removed at its exit."""
     directory = Path(tempfile.mkdtemp(prefix="hermite-query-"))
+    atexit.register(shutil.rmtree, directory, ignore_errors=True)
     return write_sdf(directory / "query.sdf", cdk2_records()[:1])
 
 
