@@ -165,19 +165,24 @@ SymmetricEigen6 SymmetricEigenOf(const Matrix6ByRows& A) {
         result.converged = finite;
         return result;
     }
-    // A power of two, so that scaling and scaling back are exact.
+    // A power of two, so that scaling and scaling back are exact: multiplications by the power
+    // and its inverse where both are normal numbers (always, but for matrices of entries beyond
+    // 1e300 or below 1e-300), else the library's ldexp, a function call per entry.
     int exponent = 0;
     std::frexp(largest, &exponent);
+    const bool normalPowers = std::abs(exponent) < 1000;
+    const double down = normalPowers ? std::ldexp(1.0, -exponent) : 0.0;
+    const double up = normalPowers ? std::ldexp(1.0, exponent) : 0.0;
     double a[kN][kN], d[kN], e[kN];
     for (int i = 0; i < kN; ++i) {
         for (int j = 0; j < kN; ++j) {
-            a[i][j] = std::ldexp(A(i, j), -exponent);
+            a[i][j] = normalPowers ? A(i, j) * down : std::ldexp(A(i, j), -exponent);
         }
     }
     Tridiagonalise(a, d, e);
     result.converged = DiagonaliseTridiagonal(d, e, a);
     for (int i = 0; i < kN; ++i) {
-        result.values[i] = std::ldexp(d[i], exponent);
+        result.values[i] = normalPowers ? d[i] * up : std::ldexp(d[i], exponent);
         for (int j = 0; j < kN; ++j) {
             result.vectors(i, j) = a[i][j];
         }
