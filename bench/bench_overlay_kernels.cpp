@@ -252,7 +252,7 @@ void BM_NewtonStepNotConcave(benchmark::State& state) {
     const hermite::overlay::Matrix6 H = A + A.transpose();
     for (auto _ : state) {
         if (state.range(0) == 0) {
-            benchmark::DoNotOptimize(hermite::overlay::NewtonAscent(g, H));
+            benchmark::DoNotOptimize(hermite::overlay::NewtonAscent(g, H, 1.0));
         } else {
             benchmark::DoNotOptimize(
                 Eigen::SelfAdjointEigenSolver<hermite::overlay::Matrix6>(-H).eigenvectors());

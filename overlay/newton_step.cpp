@@ -7,7 +7,7 @@
 
 namespace hermite::overlay {
 
-Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
+Vector6 NewtonAscent(const Vector6& g, const Matrix6& H, double maxLength) {
     const Matrix6 curvature = -H;
     const Eigen::LLT<Matrix6> cholesky(curvature);
     Vector6 step;
@@ -24,20 +24,21 @@ Vector6 NewtonAscent(const Vector6& g, const Matrix6& H) {
         step = eigen.vectors *
                (eigen.vectors.transpose() * g).cwiseQuotient(eigen.values.cwiseMax(floor));
     }
-    return step.norm() > 1.0 ? Vector6(step / step.norm()) : step;
+    const double length = step.norm();
+    return length > maxLength ? Vector6(step / length * maxLength) : step;
 }
 
 double ModelGain(const Vector6& g, const Matrix6& H, const Vector6& s) {
     return g.dot(s) + 0.5 * s.dot(H * s);
 }
 
-bool ModelTopBelow(const Vector6& g, const Matrix6& H, double value, double bar) {
+bool ModelTopBelow(const Vector6& g, const Matrix6& H, double value, double bar, double reach) {
     const Eigen::LLT<Matrix6> cholesky(-H);
     if (cholesky.info() != Eigen::Success) {
         return false;
     }
     const Vector6 step = cholesky.solve(g);
-    return step.norm() <= 1.0 && value + 0.5 * g.dot(step) < bar;
+    return step.norm() <= reach && value + 0.5 * g.dot(step) < bar;
 }
 
 double PredictionBound(double value, const Vector6& g, const Matrix6& H) {

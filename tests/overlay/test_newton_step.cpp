@@ -45,23 +45,29 @@ Vector6 RandomVector(std::mt19937& engine, double scale) {
     return v;
 }
 
-TEST(NewtonStepTest, ConcaveOverlapTakesTheNewtonStepCutToUnitLength) {
+TEST(NewtonStepTest, ConcaveOverlapTakesTheNewtonStepCutToTheLongestStep) {
     Matrix6 H = Matrix6::Zero();
     H.diagonal() << -2.0, -4.0, -1.0, -8.0, -5.0, -10.0;
     Vector6 g;
     g << 0.2, -0.4, 0.1, 0.8, 0.0, -1.0;
     // -H^-1 g = (0.1, -0.1, 0.1, 0.1, 0, -0.1): within the unit ball, taken as it is.
-    const Vector6 step = NewtonAscent(g, H);
+    const Vector6 step = NewtonAscent(g, H, 1.0);
     Vector6 expected;
     expected << 0.1, -0.1, 0.1, 0.1, 0.0, -0.1;
     for (int i = 0; i < 6; ++i) {
         EXPECT_NEAR(step[i], expected[i], 1e-15) << i;
     }
     // Ten times the gradient: the same direction, unit length.
-    const Vector6 cut = NewtonAscent(10.0 * g, H);
+    const Vector6 cut = NewtonAscent(10.0 * g, H, 1.0);
     EXPECT_NEAR(cut.norm(), 1.0, 1e-15);
     for (int i = 0; i < 6; ++i) {
         EXPECT_NEAR(cut[i], expected[i] / expected.norm(), 1e-15) << i;
+    }
+    // Allowed twice as far: the same direction, twice the length (the uncut step is 2.24 long).
+    const Vector6 twice = NewtonAscent(10.0 * g, H, 2.0);
+    EXPECT_NEAR(twice.norm(), 2.0, 1e-15);
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_NEAR(twice[i], 2.0 * cut[i], 1e-15) << i;
     }
 }
 
@@ -70,7 +76,7 @@ TEST(NewtonStepTest, StepsWhereTheOverlapIsNotConcaveStillClimbWithinTheUnitBall
     for (int trial = 0; trial < 200; ++trial) {
         const Matrix6 H = RandomSymmetric(engine, -3.0, 1.0);  // mostly indefinite
         const Vector6 g = RandomVector(engine, 0.5);
-        const Vector6 step = NewtonAscent(g, H);
+        const Vector6 step = NewtonAscent(g, H, 1.0);
         EXPECT_LE(step.norm(), 1.0 + 1e-12) << trial;
         EXPECT_GT(g.dot(step), 0.0) << trial;  // uphill
     }
@@ -80,7 +86,7 @@ TEST(NewtonStepTest, StepsWhereTheOverlapIsNotConcaveStillClimbWithinTheUnitBall
     H.diagonal() << -1.0, -1.0, -1.0, -1.0, -1.0, 2.0;
     Vector6 g = Vector6::Zero();
     g[5] = 0.3;
-    const Vector6 step = NewtonAscent(g, H);
+    const Vector6 step = NewtonAscent(g, H, 1.0);
     EXPECT_NEAR(step[5], 1.0, 1e-15);
     EXPECT_NEAR(step.head<5>().norm(), 0.0, 1e-15);
 }
@@ -106,7 +112,7 @@ TEST(NewtonStepTest, StepsWhereTheOverlapIsNotConcaveFloorTheCurvature) {
         if (expected.norm() > 1.0) {
             expected /= expected.norm();
         }
-        const Vector6 step = NewtonAscent(g, H);
+        const Vector6 step = NewtonAscent(g, H, 1.0);
         EXPECT_LE((step - expected).cwiseAbs().maxCoeff(), 1e-12 * (1.0 + expected.norm()))
             << trial;
     }
@@ -114,7 +120,7 @@ TEST(NewtonStepTest, StepsWhereTheOverlapIsNotConcaveFloorTheCurvature) {
     // A Hessian that is not a number gives a step that is not one either, which no walk takes.
     Matrix6 broken = RandomSymmetric(engine, -3.0, 1.0);
     broken(1, 4) = broken(4, 1) = NAN;
-    EXPECT_FALSE(NewtonAscent(RandomVector(engine, 1.0), broken).allFinite());
+    EXPECT_FALSE(NewtonAscent(RandomVector(engine, 1.0), broken, 1.0).allFinite());
 }
 
 TEST(NewtonStepTest, ModelGainIsTheRiseOfTheQuadraticFromItsTermsOneByOne) {
@@ -135,7 +141,7 @@ TEST(NewtonStepTest, ModelGainIsTheRiseOfTheQuadraticFromItsTermsOneByOne) {
         // and rises by g^T (-H)^-1 g / 2: no other step rises further.
         const Matrix6 concave = RandomSymmetric(engine, -3.0, -0.5);
         const Vector6 small = RandomVector(engine, 0.1);
-        const Vector6 top = NewtonAscent(small, concave);
+        const Vector6 top = NewtonAscent(small, concave, 1.0);
         ASSERT_LT(top.norm(), 1.0) << trial;
         EXPECT_NEAR(ModelGain(small, concave, top), 0.5 * small.dot(top), 1e-14) << trial;
         EXPECT_GT(ModelGain(small, concave, top), ModelGain(small, concave, top + 0.1 * s))
@@ -148,12 +154,15 @@ TEST(NewtonStepTest, ModelTopBelowComparesTheTopOfAConcaveModel) {
     H.diagonal() << -2.0, -2.0, -2.0, -2.0, -2.0, -2.0;
     Vector6 g = Vector6::Zero();
     g[0] = 1.0;  // the top is 0.5 away, 0.25 above the value
-    EXPECT_TRUE(ModelTopBelow(g, H, 10.0, 10.26));
-    EXPECT_FALSE(ModelTopBelow(g, H, 10.0, 10.24));
-    // A top more than a unit away is not trusted, nor a model that is not concave.
-    EXPECT_FALSE(ModelTopBelow(4.0 * g, H, 10.0, 100.0));
+    EXPECT_TRUE(ModelTopBelow(g, H, 10.0, 10.26, 1.0));
+    EXPECT_FALSE(ModelTopBelow(g, H, 10.0, 10.24, 1.0));
+    // A top farther away than the reach is not trusted, nor a model that is not concave: this
+    // one is 2 away, 4 above the value.
+    EXPECT_FALSE(ModelTopBelow(4.0 * g, H, 10.0, 100.0, 1.0));
+    EXPECT_TRUE(ModelTopBelow(4.0 * g, H, 10.0, 14.01, 2.0));
+    EXPECT_FALSE(ModelTopBelow(4.0 * g, H, 10.0, 13.99, 2.0));
     H(5, 5) = 1.0;
-    EXPECT_FALSE(ModelTopBelow(g, H, 10.0, 100.0));
+    EXPECT_FALSE(ModelTopBelow(g, H, 10.0, 100.0, 1.0));
 }
 
 TEST(NewtonStepTest, PredictionBoundIsAboveTheModelAtTheStepAndNotFarAbove) {
@@ -166,7 +175,7 @@ TEST(NewtonStepTest, PredictionBoundIsAboveTheModelAtTheStepAndNotFarAbove) {
         const Vector6 g = RandomVector(engine, trial % 3 == 0 ? 5.0 : 0.3);
         const double value = 40.0;
         const double bound = PredictionBound(value, g, H);
-        const double predicted = value + ModelGain(g, H, NewtonAscent(g, H));
+        const double predicted = value + ModelGain(g, H, NewtonAscent(g, H, 1.0));
         EXPECT_GE(bound, predicted) << trial;
         // Also above the model at any other step in the unit ball.
         const Vector6 other = RandomVector(engine, 1.0).normalized();

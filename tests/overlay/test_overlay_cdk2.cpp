@@ -229,9 +229,9 @@ TEST(OverlayCdk2Test, ScoreInPlaceMatchesTheOverlay) {
     EXPECT_NEAR(inPlace.scores.overlap, overlay.scores.overlap, 1e-6 * overlay.scores.overlap);
 }
 
-/// Refining more of the candidate poses never loses the pose refined alone: the first candidate
-/// is refined the same either way, and the later ones, which stop as soon as they cannot beat
-/// the best so far, are kept only when they do.
+/// Refining more of the candidate poses never loses the pose refined alone: that candidate is
+/// among those refined, and the others, which stop as soon as they cannot beat the best so far,
+/// are kept only when they do.
 TEST(OverlayCdk2Test, MoreRefinedPosesNeverScoreLower) {
     Settings one;
     one.refineCandidates = 1;
@@ -244,7 +244,9 @@ TEST(OverlayCdk2Test, MoreRefinedPosesNeverScoreLower) {
         for (std::size_t f = 10; f < 15; ++f) {
             const Result first = alone.Overlay(ligands[f]);
             const Result best = more.Overlay(ligands[f]);
-            EXPECT_GE(best.scores.overlap, first.scores.overlap * (1.0 - 1e-6)) << q << ", " << f;
+            // Up to where walks stop: at a scaled gradient of the refinement's tolerance, which
+            // along a nearly flat direction is a few 1e-6 of the overlap below its optimum.
+            EXPECT_GE(best.scores.overlap, first.scores.overlap * (1.0 - 1e-5)) << q << ", " << f;
             improved += best.scores.overlap > first.scores.overlap * (1.0 + 1e-6) ? 1 : 0;
             EXPECT_EQ(best.hermiteEvaluations, first.hermiteEvaluations) << q << ", " << f;
         }
