@@ -60,6 +60,34 @@ TEST(SymmetricEigenTest, RandomMatricesOfEverySignAndScale) {
     }
 }
 
+TEST(SymmetricEigenTest, ScalingByAPowerOfTwoScalesTheValuesExactly) {
+    // Entries of magnitude 1/2 to 2, so that even scaled by 2^-1002 they stay normal numbers.
+    // The solver works on the matrix scaled to entries of at most 1, which is the same matrix
+    // for every power: the vectors come out the same and the values scaled exactly, both where
+    // the power's scaling is a multiplication (2^-600, 2^600) and where it is ldexp's (2^-1002,
+    // 2^1010).
+    std::mt19937 engine(17u);
+    std::uniform_real_distribution<double> magnitude(0.25, 1.0);
+    Matrix6ByRows A;
+    for (int i = 0; i < 6; ++i) {
+        for (int j = 0; j <= i; ++j) {
+            A(i, j) = A(j, i) = (engine() % 2 == 0 ? 1.0 : -1.0) * magnitude(engine);
+        }
+    }
+    const SymmetricEigen6 unscaled = SymmetricEigenOf(A);
+    ASSERT_TRUE(unscaled.converged);
+    for (const int power : {-1002, -600, 600, 1010}) {
+        const SymmetricEigen6 scaled = SymmetricEigenOf(std::ldexp(1.0, power) * A);
+        ASSERT_TRUE(scaled.converged) << power;
+        for (int i = 0; i < 6; ++i) {
+            EXPECT_EQ(scaled.values[i], std::ldexp(unscaled.values[i], power)) << power;
+            for (int j = 0; j < 6; ++j) {
+                EXPECT_EQ(scaled.vectors(i, j), unscaled.vectors(i, j)) << power;
+            }
+        }
+    }
+}
+
 TEST(SymmetricEigenTest, RepeatedAndZeroEigenvalues) {
     std::mt19937 engine(5u);
     const double spectra[][6] = {
