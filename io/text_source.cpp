@@ -24,6 +24,16 @@ std::string CannotOpen(int errorNumber) {
     return std::string("cannot open file: ") + std::strerror(errorNumber);
 }
 
+/// zlib's message without the name it gives a file opened from a descriptor ("<fd:4>: "): the
+/// number depends on what else the process has open, and the caller names the file itself.
+std::string WithoutDescriptorName(const std::string& message) {
+    const std::string::size_type end = message.find(">: ");
+    if (message.compare(0, 4, "<fd:") != 0 || end == std::string::npos) {
+        return message;
+    }
+    return message.substr(end + 3);
+}
+
 }  // namespace
 
 TextSource::TextSource(const std::string& path) : buffer_(LineBufferSize) {
@@ -68,7 +78,7 @@ bool TextSource::ReadLine(std::string& line) {
             const char* message = ::gzerror(file_, &code);
             if (code != Z_OK) {
                 error_ = std::string("read error: ") +
-                         (code == Z_ERRNO ? std::strerror(errno) : message);
+                         (code == Z_ERRNO ? std::strerror(errno) : WithoutDescriptorName(message));
                 return false;
             }
             break;  // end of file
