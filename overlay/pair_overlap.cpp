@@ -33,35 +33,54 @@ Kind KindOf(const QVSystem::QVGaussian& g, Pairing pairing) {
 /// along x, about 9.4 angstrom for two carbon-sized Gaussians, no pair is formed at all.
 constexpr double kPairCutoff = 40.0;
 
-/// The Gaussians of `b` as the inner loop reads them, for one kind of Gaussian of `a`, in the
-/// order of their x coordinates: the coordinates, and per Gaussian its exponent factor
-/// k = a_i a_j / (a_i + a_j) and its prefactor times (pi / (a_i + a_j))^(3/2) (zero for pairs
-/// of different tags). A Gaussian of `a` meets only those within `reach` of it along x.
-struct Partners {
-    std::vector<std::size_t> order;  ///< positions in `b`, by x
-    std::vector<double> x, y, z, k, weight;
-    double reach = INFINITY;
+/// The centres of the Gaussians of `b` in the order of their x coordinates (ties in their own
+/// order), as the inner loop reads them; sorted only when every x is finite (`sorted`), else
+/// in their own order. Made once for all kinds of Gaussian of `a`.
+struct CentresByX {
+    std::vector<std::size_t> order;  ///< positions in `b`
+    std::vector<double> x, y, z;
+    bool sorted = false;
 
-    Partners(const std::vector<QVSystem::QVGaussian>& b, const Kind& kind, Pairing pairing)
-        : order(b.size()) {
+    explicit CentresByX(const std::vector<QVSystem::QVGaussian>& b) : order(b.size()) {
         std::iota(order.begin(), order.end(), std::size_t{0});
-        const bool finite = std::all_of(b.begin(), b.end(), [](const QVSystem::QVGaussian& g) {
-            return std::isfinite(g.GetX());
-        });
-        if (finite) {
+        sorted = std::all_of(b.begin(), b.end(),
+                             [](const QVSystem::QVGaussian& g) { return std::isfinite(g.GetX()); });
+        if (sorted) {
             std::stable_sort(order.begin(), order.end(), [&](std::size_t i, std::size_t j) {
                 return b[i].GetX() < b[j].GetX();
             });
         }
-        for (std::vector<double>* column : {&x, &y, &z, &k, &weight}) {
+        for (std::vector<double>* column : {&x, &y, &z}) {
             column->reserve(b.size());
         }
+        for (const std::size_t i : order) {
+            x.push_back(b[i].GetX());
+            y.push_back(b[i].GetY());
+            z.push_back(b[i].GetZ());
+        }
+    }
+};
+
+/// The Gaussians of `b` for one kind of Gaussian of `a`, in the order of `centres`: per
+/// Gaussian its exponent factor k = a_i a_j / (a_i + a_j) and its prefactor times
+/// (pi / (a_i + a_j))^(3/2) (zero for pairs of different tags). A Gaussian of `a` meets only
+/// those within `reach` of it along x (when the centres are sorted; else every one).
+struct Partners {
+    const CentresByX& centres;
+    std::vector<double> k, weight;
+    double reach = INFINITY;
+
+    Partners(const std::vector<QVSystem::QVGaussian>& b, const CentresByX& sorted, const Kind& kind,
+             Pairing pairing)
+        : centres(sorted) {
+        k.reserve(b.size());
+        weight.reserve(b.size());
         double smallestK = INFINITY;
         // The constants of the last kind met: a molecule's Gaussians share a few kinds, and the
         // divisions and the square root are most of the cost of a partner otherwise.
         Kind last{NAN, 0u};
         double pairK = 0.0, pairFactor = 0.0;  // k, (pi / (a_i + a_j))^(3/2)
-        for (const std::size_t i : order) {
+        for (const std::size_t i : centres.order) {
             const QVSystem::QVGaussian& g = b[i];
             const Kind other = KindOf(g, pairing);
             if (!(other == last)) {
@@ -71,22 +90,20 @@ struct Partners {
                 pairK = kind.exponent * other.exponent / exponentSum;
                 pairFactor = piOverP * std::sqrt(piOverP);
             }
-            x.push_back(g.GetX());
-            y.push_back(g.GetY());
-            z.push_back(g.GetZ());
             k.push_back(pairK);
             weight.push_back(other.tag == kind.tag ? g.GetPrefactor() * pairFactor : 0.0);
             if (weight.back() != 0.0) {
                 smallestK = std::min(smallestK, k.back());
             }
         }
-        if (finite && smallestK > 0.0) {
+        if (centres.sorted && smallestK > 0.0) {
             reach = std::sqrt(kPairCutoff / smallestK);
         }
     }
 
     /// The first partner within reach of x coordinate `at`.
     std::size_t From(double at) const {
+        const std::vector<double>& x = centres.x;
         return std::isfinite(reach) && std::isfinite(at)
                    ? static_cast<std::size_t>(std::lower_bound(x.begin(), x.end(), at - reach) -
                                               x.begin())
@@ -95,6 +112,7 @@ struct Partners {
 
     /// One past the last partner within reach of x coordinate `at`.
     std::size_t To(double at) const {
+        const std::vector<double>& x = centres.x;
         return std::isfinite(reach) && std::isfinite(at)
                    ? static_cast<std::size_t>(std::upper_bound(x.begin(), x.end(), at + reach) -
                                               x.begin())
@@ -111,9 +129,9 @@ double OverlapWithPartners(const double* p, const Partners& partners, std::size_
         double sum = 0.0;
         for (std::size_t block = first; block < last; block += kBlock) {
             const std::size_t size = std::min(kBlock, last - block);
-            const double* x = partners.x.data() + block;
-            const double* y = partners.y.data() + block;
-            const double* z = partners.z.data() + block;
+            const double* x = partners.centres.x.data() + block;
+            const double* y = partners.centres.y.data() + block;
+            const double* z = partners.centres.z.data() + block;
             const double* k = partners.k.data() + block;
             const double* weight = partners.weight.data() + block;
             double terms[kBlock];
@@ -156,11 +174,12 @@ std::vector<Kind> KindsOf(const std::vector<QVSystem::QVGaussian>& a, Pairing pa
 
 double PairOverlap(const std::vector<QVSystem::QVGaussian>& a,
                    const std::vector<QVSystem::QVGaussian>& b, Pairing pairing) {
-    // Molecules repeat a few kinds of Gaussian (one per element), so the partners' constants
-    // are made once per kind of `a`.
+    // Molecules repeat a few kinds of Gaussian (one per element): the centres of `b` are
+    // sorted once, and the partners' constants made once per kind of `a`.
+    const CentresByX centres(b);
     double overlap = 0.0;
     for (const Kind& kind : KindsOf(a, pairing)) {
-        const Partners partners(b, kind, pairing);
+        const Partners partners(b, centres, kind, pairing);
         for (const QVSystem::QVGaussian& g : a) {
             if (KindOf(g, pairing) == kind) {
                 const double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
@@ -173,13 +192,13 @@ double PairOverlap(const std::vector<QVSystem::QVGaussian>& a,
 }
 
 double SelfOverlap(const std::vector<QVSystem::QVGaussian>& a, Pairing pairing) {
-    // Each pair once: a Gaussian with itself, and twice with each Gaussian after it in the
-    // partners' order.
+    // Each pair once: a Gaussian with itself, and twice with each Gaussian after it in x order.
+    const CentresByX centres(a);
     double overlap = 0.0;
     for (const Kind& kind : KindsOf(a, pairing)) {
-        const Partners partners(a, kind, pairing);
+        const Partners partners(a, centres, kind, pairing);
         for (std::size_t s = 0; s < a.size(); ++s) {
-            const QVSystem::QVGaussian& g = a[partners.order[s]];
+            const QVSystem::QVGaussian& g = a[centres.order[s]];
             if (KindOf(g, pairing) == kind) {
                 const double p[3] = {g.GetX(), g.GetY(), g.GetZ()};
                 const double after =
