@@ -1,10 +1,13 @@
 #!/usr/bin/env python3
-"""Quality and speed of the overlay search against the best poses known, on CDK2 and FABP4 pairs.
+"""Quality and speed of the overlay search against the best poses known, on pairs of ligands.
 
 Pairs: every ordered pair of the 47 CDK2 ligands of Debian's rdkit-data (2,162 overlays, both
-directions of each pair), and 200 random ordered pairs of FABP4 actives
-(../shared/data/dude-fabp4, one ETKDGv3 conformer each, seeded). Every fit is first moved by a
-random rigid motion (seeded). Heavy atoms, the library's carbon Gaussians.
+directions of each pair), 200 random ordered pairs of FABP4 actives
+(../shared/data/dude-fabp4, one ETKDGv3 conformer each, seeded), and 440 ordered pairs of large
+molecules (51 to 74 heavy atoms: three natural products and seventeen peptides, four ETKDGv3
+conformers each, seeded; each molecule's first conformer against its three others and against
+the second conformer of each other molecule). Every fit is first moved by a random rigid
+motion (seeded). Heavy atoms, the library's carbon Gaussians.
 
 Scores come from an independent exact scorer (numpy): the analytic overlap of the atom Gaussians
 at the final pose, shape Tanimoto O_qf / (O_qq + O_ff - O_qf).
@@ -14,8 +17,9 @@ spread rotations, 50 local searches, 4 poses refined) and of every configuration
 cached in DATA_DIR/search-reference.json and improved whenever a run finds better.
 
 For each configuration (order, scanned rotations, local searches, refined poses): the mean exact
-Tanimoto on CDK2 and on FABP4, its gap to the best-known mean (target <= 0.003), the share of
-CDK2 pairs with |T(q, f) - T(f, q)| <= 0.01 (target >= 99 %), overlays per second on one thread
+Tanimoto on CDK2, on FABP4 and on the large molecules, its gap to the best-known mean (target
+<= 0.003 on CDK2 and FABP4), the share of CDK2 pairs with |T(q, f) - T(f, q)| <= 0.01 (target
+>= 99 %), overlays per second on one thread
 (the CDK2 all-against-all through hermite.screen, one call per query, threads=1; target >= 5,000;
 each query's set-up, chiefly its scans, is shared by only 46 fits here),
 the same for a screen of one query against 1,880 fits (the CDK2 set forty times: a screen shares
@@ -64,7 +68,34 @@ EXHAUSTIVE = (8, 200, 50, 4)
 FABP4_PAIRS = 200
 # The entries of the reference cache: pairs are numbered by molecule, so a set drawn otherwise
 # is cached under another name.
-CACHE_NAMES = {"cdk2": "cdk2", "fabp4": "fabp4-47-actives"}
+CACHE_NAMES = {"cdk2": "cdk2", "fabp4": "fabp4-47-actives", "large": "large-20-molecules"}
+
+# The large molecules: pairs of them are searched with their own lambda and refined on the
+# query's overlap field (50 heavy atoms and more).
+LARGE_SMILES = {
+    "paclitaxel": "CC1=C2[C@@]([C@]([C@H]([C@@H]3[C@]4([C@H](OC4)C[C@@H]([C@]3(C(=O)[C@@H]2"
+                  "OC(=O)C)C)O)OC(=O)C)OC(=O)c5ccccc5)(C[C@@H]1OC(=O)[C@H](O)[C@@H]"
+                  "(NC(=O)c6ccccc6)c7ccccc7)O)(C)C",
+    "erythromycin": "CC[C@@H]1[C@@]([C@@H]([C@H](C(=O)[C@@H](C[C@@]([C@@H]([C@H]([C@@H]([C@H]"
+                    "(C(=O)O1)C)O[C@H]2C[C@@]([C@H]([C@@H](O2)C)O)(C)OC)C)O[C@H]3[C@@H]"
+                    "([C@H](C[C@H](O3)C)N(C)C)O)(C)O)C)C)O)(C)O",
+    "digoxin": "C[C@@H]1[C@H]([C@@H](C[C@@H](O1)O[C@@H]2[C@H](O[C@H](C[C@@H]2O)O[C@@H]3"
+               "[C@H](O[C@H](C[C@@H]3O)O[C@H]4CC[C@]5([C@@H](C4)CC[C@@H]6[C@@H]5C[C@H]"
+               "([C@]7([C@@]6(CC[C@@H]7C8=CC(=O)OC8)O)C)O)C)C)C)O)O",
+}
+LARGE_PEPTIDES = ["TLPTETVR", "ALKEFQD", "WFGTFQ", "SREPQSPP", "SWWKSS", "YLFDRVV", "QSRSYALY",
+                  "WVTLAY", "EYKTLSKK", "GYGTLEQ", "DPQLQW", "KGTSWF", "PFREKL", "RDYPKAWT",
+                  "EYGQAFLD", "VLYSPAVS", "KSTGAWDR"]
+# The residues of the peptides, each as written at its place in a chain from the N terminus.
+RESIDUES = {
+    "A": "N[C@@H](C)C(=O)", "D": "N[C@@H](CC(=O)O)C(=O)", "E": "N[C@@H](CCC(=O)O)C(=O)",
+    "F": "N[C@@H](Cc1ccccc1)C(=O)", "G": "NCC(=O)", "K": "N[C@@H](CCCCN)C(=O)",
+    "L": "N[C@@H](CC(C)C)C(=O)", "P": "N1[C@@H](CCC1)C(=O)", "Q": "N[C@@H](CCC(N)=O)C(=O)",
+    "R": "N[C@@H](CCCNC(N)=N)C(=O)", "S": "N[C@@H](CO)C(=O)", "T": "N[C@@H]([C@H](O)C)C(=O)",
+    "V": "N[C@@H](C(C)C)C(=O)", "W": "N[C@@H](Cc1c[nH]c2ccccc12)C(=O)",
+    "Y": "N[C@@H](Cc1ccc(O)cc1)C(=O)",
+}
+LARGE_CONFORMERS = 4
 
 # Cost against molecule size: conformers of small amides (15 and 16 heavy atoms) and of a
 # decapeptide-like chain (70 heavy atoms; 60 with its tryptophan a glycine), each overlaid onto
@@ -136,6 +167,24 @@ def fabp4_actives(hermite, count, seed):
     return [molecules[i] for i in sorted(chosen)]
 
 
+def large_molecules(hermite):
+    """LARGE_CONFORMERS conformers of each large molecule, as lists of hermite molecules."""
+    from rdkit import Chem
+    from rdkit.Chem import AllChem
+    import hermite.rdkit
+
+    smiles = list(LARGE_SMILES.values()) + [
+        "".join(RESIDUES[r] for r in sequence) + "O" for sequence in LARGE_PEPTIDES]
+    conformers = []
+    for text in smiles:
+        mol = Chem.AddHs(Chem.MolFromSmiles(text))
+        ids = AllChem.EmbedMultipleConfs(mol, LARGE_CONFORMERS, randomSeed=7)
+        if len(ids) != LARGE_CONFORMERS:
+            raise RuntimeError(f"ETKDG gave {len(ids)} conformers of {text}")
+        conformers.append([hermite.rdkit.from_rdkit(mol, conf_id=i, charges=None) for i in ids])
+    return conformers
+
+
 def pair_sets(hermite, seed):
     rng = np.random.default_rng(seed)
     cdk2 = hermite.read_molecules(CDK2)
@@ -148,7 +197,17 @@ def pair_sets(hermite, seed):
         q, f = rng.choice(len(actives), size=2, replace=False)
         pairs.add((int(q), int(f)))
     sets["fabp4"] = sorted(pairs)
-    return {"cdk2": (cdk2, moved), "fabp4": (actives, fabp4_moved)}, sets
+    # Conformer c of large molecule m is molecule LARGE_CONFORMERS * m + c.
+    large = [c for conformers in large_molecules(hermite) for c in conformers]
+    large_moved = [random_motion(rng, m, hermite) for m in large]
+    count = len(large) // LARGE_CONFORMERS
+    sets["large"] = []
+    for m in range(count):
+        for n in range(count):
+            fits = range(1, LARGE_CONFORMERS) if n == m else [1]
+            sets["large"] += [(LARGE_CONFORMERS * m, LARGE_CONFORMERS * n + c) for c in fits]
+    return {"cdk2": (cdk2, moved), "fabp4": (actives, fabp4_moved),
+            "large": (large, large_moved)}, sets
 
 
 def run_config(hermite, config, molecules, pairs):
@@ -279,13 +338,15 @@ def main():
     reference = {name: float(np.mean(list(best[name].values()))) for name in sets}
     print(f"best-known mean exact shape Tanimoto: CDK2 {reference['cdk2']:.4f} "
           f"({len(sets['cdk2'])} ordered pairs), FABP4 {reference['fabp4']:.4f} "
-          f"({len(sets['fabp4'])} pairs)\n")
+          f"({len(sets['fabp4'])} pairs), large molecules {reference['large']:.4f} "
+          f"({len(sets['large'])} pairs)\n")
     size_columns = "".join(
         f" time at {sizes[large][1]} / at {sizes[small][1]} heavy atoms | the same per fit of a "
         f"long screen |" for large, small in SIZE_PAIRS)
-    print("| search | CDK2 mean | gap | FABP4 mean | gap | symmetric within 0.01 | "
+    print("| search | CDK2 mean | gap | FABP4 mean | gap | large mean | gap | "
+          "symmetric within 0.01 | "
           f"overlays/s, all against all | overlays/s, screen |{size_columns}")
-    print("|---|--:|--:|--:|--:|--:|--:|--:|" + "--:|--:|" * len(SIZE_PAIRS))
+    print("|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|" + "--:|--:|" * len(SIZE_PAIRS))
     summary = []
     for row in rows:
         cdk2 = row["cdk2"]
@@ -293,6 +354,7 @@ def main():
         mean = {name: float(np.mean(list(row[name].values()))) for name in sets}
         print(f"| {row['config']} | {mean['cdk2']:.4f} | {reference['cdk2'] - mean['cdk2']:.4f} | "
               f"{mean['fabp4']:.4f} | {reference['fabp4'] - mean['fabp4']:.4f} | "
+              f"{mean['large']:.4f} | {reference['large'] - mean['large']:.4f} | "
               f"{100 * symmetric:.1f} % | {row['rates']['cdk2']:,.0f} | "
               f"{row['rates']['screen']:,.0f} |" +
               "".join(f" {row['rates'][small] / row['rates'][large]:.2f} | "
