@@ -107,11 +107,14 @@ int main(int argc, char** argv) {
         } else if (option == "--starts") {
             settings.extraStarts = static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--scan") {
-            settings.scanRotations = static_cast<unsigned int>(std::atoi(value));
+            settings.scanRotations = settings.largeScanRotations =
+                static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--searches") {
-            settings.searchStarts = static_cast<unsigned int>(std::atoi(value));
+            settings.searchStarts = settings.largeSearchStarts =
+                static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--refine") {
-            settings.refineCandidates = static_cast<unsigned int>(std::atoi(value));
+            settings.refineCandidates = settings.largeRefineCandidates =
+                static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--refine-iterations") {
             settings.refineIterationLimit = static_cast<unsigned int>(std::atoi(value));
         } else if (option == "--queries") {

@@ -124,16 +124,21 @@ OverlayRequest RequestFrom(const CommandLine& line) {
     request.report.order = settings.order;
     settings.lambda = RealOption(line, "--lambda", settings.lambda, 0.01, 10.0);
     settings.largeLambda = RealOption(line, "--large-lambda", settings.largeLambda, 0.0, 10.0);
-    settings.scanRotations =
-        static_cast<unsigned int>(IntegerOption(line, "--scan", settings.scanRotations, 0, 100000));
+    // The search options, when given, set the search of every kind of pair: with and without
+    // colour, and of large molecules.
+    if (line.Has("--scan")) {
+        settings.scanRotations = settings.largeScanRotations =
+            static_cast<unsigned int>(IntegerOption(line, "--scan", 0, 0, 100000));
+    }
     settings.extraStarts = static_cast<unsigned int>(IntegerOption(line, "--starts", 0, 0, 1000));
-    if (line.Has("--searches")) {  // with and without colour
-        settings.searchStarts = settings.colourSearchStarts =
+    if (line.Has("--searches")) {
+        settings.searchStarts = settings.colourSearchStarts = settings.largeSearchStarts =
             static_cast<unsigned int>(IntegerOption(line, "--searches", 0, 1, 1000));
     }
-    if (line.Has("--refine")) {  // with and without colour
+    if (line.Has("--refine")) {
         settings.refineCandidates = settings.colourRefineCandidates =
-            static_cast<unsigned int>(IntegerOption(line, "--refine", 0, 0, 1000));
+            settings.largeRefineCandidates =
+                static_cast<unsigned int>(IntegerOption(line, "--refine", 0, 0, 1000));
     }
     settings.seed = request.read.seed;
     settings.electrostaticWeight =
@@ -479,12 +484,14 @@ ArgumentParser OverlayParser() {
         .Flag("--score-only", "Do not optimise: score each database molecule in its input pose.")
         .Option("--effort", "LEVEL",
                 "How hard the pose search tries: fast, default or thorough (presets of --order, "
-                "--scan, --searches and --refine, which override them; speed and quality of "
-                "each in docs/overlay.md).")
+                "--scan, --searches and --refine, for pairs of large molecules their own, which "
+                "those options override; speed and quality of each in docs/overlay.md).")
         .Option("--scan", "N",
                 "Evenly spread orientations whose Hermite overlap is scanned besides the four "
                 "principal-axis flips, 0 to 100000; default " +
-                    std::to_string(overlay::Settings().scanRotations) + ".")
+                    std::to_string(overlay::Settings().scanRotations) + ", " +
+                    std::to_string(overlay::Settings().largeScanRotations) +
+                    " for a pair of large molecules (see --large-lambda).")
         .Option("--starts", "K",
                 "Random orientations scanned besides them, 0 to 1000 (seeded by --seed); "
                 "default 0.")
@@ -492,13 +499,17 @@ ArgumentParser OverlayParser() {
                 "Local searches (BFGS on the Hermite overlap), started from the scanned "
                 "orientations with the largest overlaps, 1 to 1000; default " +
                     std::to_string(overlay::Settings().searchStarts) + ", " +
-                    std::to_string(overlay::Settings().colourSearchStarts) + " with colour.")
+                    std::to_string(overlay::Settings().colourSearchStarts) + " with colour, " +
+                    std::to_string(overlay::Settings().largeSearchStarts) +
+                    " for a pair of large molecules.")
         .Option("--refine", "R",
                 "Distinct poses of the local searches refined on the exact overlap of the atom "
                 "Gaussians, the best one kept; 0 (no refinement) to 1000; default " +
                     std::to_string(overlay::Settings().refineCandidates) + ", " +
                     std::to_string(overlay::Settings().colourRefineCandidates) +
-                    " with colour (the features set the poses apart).")
+                    " with colour (the features set the poses apart), " +
+                    std::to_string(overlay::Settings().largeRefineCandidates) +
+                    " for a pair of large molecules.")
         .Option("--report", "DIR",
                 "Also write a report into DIR (created if missing): the hits (hits.sdf), the "
                 "score table (scores.tsv), the query records (query.sdf), a score "

@@ -64,7 +64,9 @@ std::shared_ptr<const TurnMaps> TurnMapsOf(unsigned int order,
         std::vector<RotationMatrix> rotations;
         std::shared_ptr<const TurnMaps> maps;
     };
-    constexpr std::size_t kKept = 4;
+    // Enough for a run's shape scans (both turnings) at both lambdas' rotation sets and its
+    // colour scans.
+    constexpr std::size_t kKept = 8;
     static std::mutex mutex;
     static std::deque<Entry> kept;  // the last used first
     const std::lock_guard<std::mutex> lock(mutex);

@@ -965,18 +965,22 @@ Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatur
     }
 }
 
+bool Query::SearchedAsLarge(const PreparedMolecule& fit) const {
+    return settings_.largeLambda > 0.0 && settings_.largeLambda != settings_.lambda &&
+           channels_.empty() &&
+           std::min(prepared_.shape.size(), fit.shape.size()) >= settings_.largeLambdaAtoms;
+}
+
 const SearchChannel& Query::ShapeChannelFor(const PreparedMolecule& fit) const {
-    const bool large =
-        settings_.largeLambda > 0.0 && settings_.largeLambda != settings_.lambda &&
-        channels_.empty() &&
-        std::min(prepared_.shape.size(), fit.shape.size()) >= settings_.largeLambdaAtoms;
-    if (!large) {
+    if (!SearchedAsLarge(fit)) {
         return shape_;
     }
     std::call_once(largeShape_->made, [&] {
         largeShape_->channel.emplace(
             MakeSearchChannel(SearchChannel::Density::Shape, 0, 1.0, prepared_.shape,
-                              settings_.order, settings_.largeLambda, settings_, shape_.rotations));
+                              settings_.order, settings_.largeLambda, settings_,
+                              StartOrientations(settings_.largeScanRotations, settings_.extraStarts,
+                                                settings_.seed)));
     });
     return *largeShape_->channel;
 }
@@ -1039,16 +1043,20 @@ Result Query::Overlay(const PreparedMolecule& fit) const {
         return channel->density == SearchChannel::Density::Colour;
     });
 
+    const bool large = SearchedAsLarge(fit);
+    unsigned int searchStarts = large ? settings_.largeSearchStarts : settings_.searchStarts;
+    unsigned int refineCount = large ? settings_.largeRefineCandidates : settings_.refineCandidates;
+    if (joint) {
+        searchStarts = std::min(searchStarts, settings_.colourSearchStarts);
+    }
+    if (colour) {
+        refineCount = std::min(refineCount, settings_.colourRefineCandidates);
+    }
+
     Result result;
     std::vector<Candidate> candidates = HermiteSearch(
-        densities, shape.rotations, scannedAt,
-        joint ? std::min(settings_.searchStarts, settings_.colourSearchStarts)
-              : settings_.searchStarts,
-        Radius(reference.shape), settings_,
+        densities, shape.rotations, scannedAt, searchStarts, Radius(reference.shape), settings_,
         settings_.relativeTolerance * reference.shapeSelfOverlap, result.hermiteEvaluations);
-    const unsigned int refineCount =
-        colour ? std::min(settings_.refineCandidates, settings_.colourRefineCandidates)
-               : settings_.refineCandidates;
     const OverlapField* field = refineCount > 0 ? FieldFor(fit) : nullptr;
     const std::size_t winner =
         field != nullptr
@@ -1173,7 +1181,7 @@ std::optional<Effort> ParseEffort(std::string_view name) {
 namespace {
 
 /// The search settings of a preset: order, scanned rotations, local searches (without and with
-/// colour), refined poses (without and with colour).
+/// colour), refined poses (without and with colour), and the three of a pair searched as large.
 struct SearchPreset {
     unsigned int order;
     unsigned int scanRotations;
@@ -1181,15 +1189,18 @@ struct SearchPreset {
     unsigned int colourSearchStarts;
     unsigned int refineCandidates;
     unsigned int colourRefineCandidates;
+    unsigned int largeScanRotations;
+    unsigned int largeSearchStarts;
+    unsigned int largeRefineCandidates;
 };
 
 SearchPreset PresetOf(Effort effort) {
     const Settings defaults;
     switch (effort) {
         case Effort::Fast:
-            return {4, 100, 2, 2, 1, 1};
+            return {4, 100, 2, 2, 1, 1, 20, 2, 2};
         case Effort::Thorough:
-            return {4, 300, 10, 6, 3, 3};
+            return {4, 300, 10, 6, 3, 3, 60, 8, 4};
         case Effort::Default:
             break;
     }
@@ -1198,7 +1209,10 @@ SearchPreset PresetOf(Effort effort) {
             defaults.searchStarts,
             defaults.colourSearchStarts,
             defaults.refineCandidates,
-            defaults.colourRefineCandidates};
+            defaults.colourRefineCandidates,
+            defaults.largeScanRotations,
+            defaults.largeSearchStarts,
+            defaults.largeRefineCandidates};
 }
 
 }  // namespace
@@ -1211,6 +1225,9 @@ Settings WithEffort(Settings settings, Effort effort) {
     settings.colourSearchStarts = preset.colourSearchStarts;
     settings.refineCandidates = preset.refineCandidates;
     settings.colourRefineCandidates = preset.colourRefineCandidates;
+    settings.largeScanRotations = preset.largeScanRotations;
+    settings.largeSearchStarts = preset.largeSearchStarts;
+    settings.largeRefineCandidates = preset.largeRefineCandidates;
     return settings;
 }
 

@@ -34,6 +34,10 @@
 /// and refined with it on the exact overlaps (see overlay/colour.h), with
 /// `colourSearchStarts` searches and `colourRefineCandidates` refined poses.
 ///
+/// A pair of large molecules overlaid by shape (both with `largeLambdaAtoms` heavy atoms or
+/// more) is expanded with `largeLambda` instead, and searched with its own `largeScanRotations`,
+/// `largeSearchStarts` and `largeRefineCandidates`.
+///
 /// Scores (all at the final pose, from exact analytic overlap integrals unless named Hermite):
 /// - shape Tanimoto O_qf / (O_qq + O_ff - O_qf), in [0, 1];
 /// - shape Tversky, query-weighted O_qf / (0.95 O_qq + 0.05 O_ff) and fit-weighted
@@ -90,6 +94,19 @@ struct Settings {
     /// The size, in heavy atoms, from which both molecules of a pair count as large (see
     /// `largeLambda`).
     unsigned int largeLambdaAtoms = 50;
+    /// The search of a pair searched at `largeLambda`: evenly spread rotations scanned, local
+    /// searches and refined poses, in place of `scanRotations`, `searchStarts` and
+    /// `refineCandidates`. The wide functions of the large lambda change slowly with the
+    /// orientation, so that a few dozen scanned rotations find the basins that two hundred
+    /// find, while the misses of such pairs are right basins ranked below wrong ones before
+    /// the refinement, which one more refined pose catches. On three sets of 440 pairs of
+    /// molecules of 50 to 80 heavy atoms, 30 rotations, 4 searches and 3 refined poses found
+    /// poses 0.0011 better in mean shape Tanimoto than 200, 5 and 2, in less time.
+    unsigned int largeScanRotations = 30;
+    /// Local searches of a pair searched at `largeLambda` (see `largeScanRotations`).
+    unsigned int largeSearchStarts = 4;
+    /// Refined poses of a pair searched at `largeLambda` (see `largeScanRotations`).
+    unsigned int largeRefineCandidates = 3;
     /// Evenly spread rotations scanned in addition to the four flips of the principal frame.
     unsigned int scanRotations = 200;
     /// Random rotations scanned in addition (seeded by `seed`).
@@ -328,8 +345,12 @@ private:
     Settings settings_;
     PreparedMolecule prepared_;
 
-    /// The shape's search channel for overlays with `fit`: at `Settings::largeLambda` for a
-    /// pair of large molecules, else at `Settings::lambda`.
+    /// Whether the query and `fit` are searched as a pair of large molecules: both large, by
+    /// shape only, with a `Settings::largeLambda` of its own.
+    bool SearchedAsLarge(const PreparedMolecule& fit) const;
+
+    /// The shape's search channel for overlays with `fit`: at `Settings::largeLambda`, with its
+    /// own scanned rotations, for a pair searched as large, else at `Settings::lambda`.
     const SearchChannel& ShapeChannelFor(const PreparedMolecule& fit) const;
 
     SearchChannel shape_;

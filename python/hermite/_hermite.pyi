@@ -292,6 +292,9 @@ class OverlaySettings:
         lambda_: float = ...,
         large_lambda: float = ...,
         large_lambda_atoms: int = ...,
+        large_scan_rotations: int = ...,
+        large_search_starts: int = ...,
+        large_refine_candidates: int = ...,
         effort: str = ...,
         scan_rotations: int = ...,
         starts: int = ...,
@@ -318,6 +321,9 @@ class OverlaySettings:
     lambda_: float
     large_lambda: float
     large_lambda_atoms: int
+    large_scan_rotations: int
+    large_search_starts: int
+    large_refine_candidates: int
     scan_rotations: int
     starts: int
     scan_shift: float
@@ -419,6 +425,9 @@ def overlay(
     lambda_: float = ...,
     large_lambda: float = ...,
     large_lambda_atoms: int = ...,
+    large_scan_rotations: int = ...,
+    large_search_starts: int = ...,
+    large_refine_candidates: int = ...,
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,
@@ -450,6 +459,9 @@ def score(
     lambda_: float = ...,
     large_lambda: float = ...,
     large_lambda_atoms: int = ...,
+    large_scan_rotations: int = ...,
+    large_search_starts: int = ...,
+    large_refine_candidates: int = ...,
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,
@@ -485,6 +497,9 @@ def screen(
     lambda_: float = ...,
     large_lambda: float = ...,
     large_lambda_atoms: int = ...,
+    large_scan_rotations: int = ...,
+    large_search_starts: int = ...,
+    large_refine_candidates: int = ...,
     effort: str = ...,
     scan_rotations: int = ...,
     starts: int = ...,

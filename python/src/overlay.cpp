@@ -185,6 +185,9 @@ const char* const kSettingNames[] = {"order",
                                      "lambda_",
                                      "large_lambda",
                                      "large_lambda_atoms",
+                                     "large_scan_rotations",
+                                     "large_search_starts",
+                                     "large_refine_candidates",
                                      "scan_rotations",
                                      "starts",
                                      "scan_shift",
@@ -314,6 +317,9 @@ std::string SettingsRepr(const Settings& s) {
     std::ostringstream out;
     out << "OverlaySettings(order=" << s.order << ", lambda_=" << Repr(s.lambda)
         << ", large_lambda=" << Repr(s.largeLambda) << ", large_lambda_atoms=" << s.largeLambdaAtoms
+        << ", large_scan_rotations=" << s.largeScanRotations
+        << ", large_search_starts=" << s.largeSearchStarts
+        << ", large_refine_candidates=" << s.largeRefineCandidates
         << ", scan_rotations=" << s.scanRotations << ", starts=" << s.extraStarts
         << ", scan_shift=" << Repr(s.scanShift) << ", search_starts=" << s.searchStarts
         << ", colour_search_starts=" << s.colourSearchStarts << ", seed=" << s.seed
@@ -388,6 +394,9 @@ py::dict SettingsState(const Settings& s) {
     d["lambda_"] = s.lambda;
     d["large_lambda"] = s.largeLambda;
     d["large_lambda_atoms"] = s.largeLambdaAtoms;
+    d["large_scan_rotations"] = s.largeScanRotations;
+    d["large_search_starts"] = s.largeSearchStarts;
+    d["large_refine_candidates"] = s.largeRefineCandidates;
     d["scan_rotations"] = s.scanRotations;
     d["starts"] = s.extraStarts;
     d["scan_shift"] = s.scanShift;
@@ -711,7 +720,8 @@ std::string SettingsDoc() {
     out << "\nSettings (keyword arguments, or ``settings=hermite.OverlaySettings(...)``; "
            "defaults in brackets):\n"
         << "    effort: 'fast', 'default' or 'thorough': presets of order, scan_rotations, "
-           "search_starts and refine_candidates, which other keywords override.\n"
+           "search_starts and refine_candidates and of their large_ counterparts, which other "
+           "keywords override.\n"
         << "    order: Hermite expansion order, 0 to 100 [" << d.order << "].\n"
         << "    lambda_: lambda of the Hermite functions of every expansion (1/angstrom, one for "
            "both molecules, so that an overlay does not depend on which is the query; smaller "
@@ -724,6 +734,12 @@ std::string SettingsDoc() {
         << "    large_lambda_atoms: the size in heavy atoms from which a molecule counts as "
            "large ["
         << d.largeLambdaAtoms << "].\n"
+        << "    large_scan_rotations, large_search_starts, large_refine_candidates: "
+           "scan_rotations, search_starts and refine_candidates of a pair searched at "
+           "large_lambda (fewer rotations find its basins, a pose more refined the best of "
+           "them) ["
+        << d.largeScanRotations << ", " << d.largeSearchStarts << ", " << d.largeRefineCandidates
+        << "].\n"
         << "    scan_rotations: evenly spread rotations scanned besides the four flips of the "
            "principal frame ["
         << d.scanRotations << "].\n"
@@ -876,7 +892,8 @@ Settings of an overlay; every argument is keyword-only and also a property.
 
 Args:
     effort: 'fast', 'default' or 'thorough': presets of order, scan_rotations, search_starts
-        and refine_candidates (the other arguments override them).
+        and refine_candidates, and of their large_ counterparts (the other arguments override
+        them).
     order: Hermite expansion order, 0 to 100.
     lambda_: lambda of the Hermite functions of every expansion (1/angstrom), the same for
         both molecules; pairs of large molecules take large_lambda.
@@ -884,6 +901,10 @@ Args:
         large_lambda_atoms heavy atoms or more), 0 to 10; 0 keeps lambda_ for every pair.
         Wider functions describe long molecules better at the same order.
     large_lambda_atoms: the size in heavy atoms from which a molecule counts as large.
+    large_scan_rotations, large_search_starts, large_refine_candidates: scan_rotations,
+        search_starts and refine_candidates of a pair searched at large_lambda: fewer
+        scanned rotations find its basins, and a pose more refined finds the best of them
+        more often.
     scan_rotations: evenly spread rotations whose Hermite overlap is scanned besides the four
         flips of the principal frame.
     starts: random rotations scanned besides them.
@@ -934,6 +955,12 @@ Without arguments, the library's defaults: see repr(hermite.OverlaySettings()).
                    "0: lambda_ for every pair).");
     CountProperty(settings, "large_lambda_atoms", &Settings::largeLambdaAtoms, 100000,
                   "Heavy atoms from which both molecules of a pair count as large.");
+    CountProperty(settings, "large_scan_rotations", &Settings::largeScanRotations, 100000,
+                  "Evenly spread rotations scanned for a pair searched at large_lambda.");
+    CountProperty(settings, "large_search_starts", &Settings::largeSearchStarts, 100000,
+                  "Local searches for a pair searched at large_lambda.");
+    CountProperty(settings, "large_refine_candidates", &Settings::largeRefineCandidates, 1000,
+                  "Best Hermite poses refined for a pair searched at large_lambda (0: none).");
     CountProperty(settings, "scan_rotations", &Settings::scanRotations, 100000,
                   "Evenly spread rotations scanned besides the four flips.");
     CountProperty(settings, "starts", &Settings::extraStarts, 100000,

@@ -100,7 +100,9 @@ def test_settings_by_keyword_or_object(cdk2: List[hermite.Molecule]) -> None:
     settings = hermite.OverlaySettings(order=4, starts=3, seed=7)
     assert settings.order == 4 and settings.starts == 3 and settings.seed == 7
     assert repr(settings).startswith("OverlaySettings(order=4, lambda_=0.5, large_lambda=0.3, "
-                                     "large_lambda_atoms=50, scan_rotations=")
+                                     "large_lambda_atoms=50, large_scan_rotations=30, "
+                                     "large_search_starts=4, large_refine_candidates=3, "
+                                     "scan_rotations=")
     assert ", starts=3, scan_shift=" in repr(settings) and ", seed=7," in repr(settings)
     by_object = hermite.overlay(cdk2[2], cdk2[3], settings=settings)
     by_keywords = hermite.overlay(cdk2[2], cdk2[3], order=4, starts=3, seed=7)
@@ -188,6 +190,14 @@ def test_effort_presets_set_the_search_and_other_keywords_override_them() -> Non
     assert fast.refine_candidates < default.refine_candidates < thorough.refine_candidates
     assert fast.search_starts <= default.search_starts < thorough.search_starts
     assert hermite.OverlaySettings(effort="thorough", refine_candidates=1).refine_candidates == 1
+    # Pairs of large molecules scan fewer rotations and refine one pose more, at every effort.
+    large = [(s.large_scan_rotations, s.large_search_starts, s.large_refine_candidates)
+             for s in (fast, default, thorough)]
+    assert large == [(20, 2, 2), (30, 4, 3), (60, 8, 4)]
+    overridden = hermite.OverlaySettings(effort="fast", large_refine_candidates=5)
+    assert overridden.large_refine_candidates == 5
+    restored = pickle.loads(pickle.dumps(thorough))
+    assert (restored.large_scan_rotations, restored.large_refine_candidates) == (60, 4)
     with pytest.raises(ValueError, match="effort must be 'fast', 'default' or 'thorough'"):
         hermite.OverlaySettings(effort="maximal")
     with pytest.raises(ValueError, match="effort must be"):

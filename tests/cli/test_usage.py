@@ -4,7 +4,7 @@ import re
 
 import pytest
 
-from hermite_cli_support import CDK2, query_file, run
+from hermite_cli_support import CDK2, query_file, run, write_smiles
 
 COMMANDS = ["overlay", "grid", "expand"]
 
@@ -97,6 +97,33 @@ def test_effort_and_explicit_search_options_change_the_poses(tmp_path):
     # The explicit options override the preset: thorough with fast's search is fast.
     assert scores["explicit"] == scores["fast"]
     assert scores["thorough"] != scores["fast"]
+
+
+# Two natural products of 62 and 51 heavy atoms: a pair of large molecules, searched with the
+# large lambda and its own scan, local searches and refined poses.
+PACLITAXEL = ("CC1=C2[C@@]([C@]([C@H]([C@@H]3[C@]4([C@H](OC4)C[C@@H]([C@]3(C(=O)[C@@H]2OC(=O)C)C)O)"
+              "OC(=O)C)OC(=O)c5ccccc5)(C[C@@H]1OC(=O)[C@H](O)[C@@H](NC(=O)c6ccccc6)c7ccccc7)O)"
+              "(C)C")
+ERYTHROMYCIN = ("CC[C@@H]1[C@@]([C@@H]([C@H](C(=O)[C@@H](C[C@@]([C@@H]([C@H]([C@@H]([C@H]"
+                "(C(=O)O1)C)O[C@H]2C[C@@]([C@H]([C@@H](O2)C)O)(C)OC)C)O[C@H]3[C@@H]([C@H]"
+                "(C[C@H](O3)C)N(C)C)O)(C)O)C)C)O)(C)O")
+
+
+def test_explicit_search_options_set_the_large_pairs_search_too(tmp_path):
+    query = write_smiles(tmp_path / "query.smi", [(PACLITAXEL, "paclitaxel")])
+    database = write_smiles(tmp_path / "db.smi", [(ERYTHROMYCIN, "erythromycin")])
+    scores = {}
+    for name, options in {"default": [],
+                          "the large pairs' defaults": ["--scan", "30", "--searches", "4",
+                                                        "--refine", "3"],
+                          "the drug-sized defaults": ["--scan", "200", "--searches", "5",
+                                                      "--refine", "2"]}.items():
+        result = run("overlay", "--query", query, "--db", database, "--conformers", "2",
+                     "--scores", tmp_path / "scores.tsv", "--quiet", *options)
+        assert result.returncode == 0, result.stderr
+        scores[name] = (tmp_path / "scores.tsv").read_text()
+    assert scores["the large pairs' defaults"] == scores["default"]
+    assert scores["the drug-sized defaults"] != scores["default"]
 
 
 @pytest.mark.parametrize("args, message", [

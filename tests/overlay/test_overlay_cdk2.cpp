@@ -167,15 +167,21 @@ TEST(OverlayCdk2Test, OverlaysAreTheSameWhicheverMoleculeIsTheQuery) {
     }
 }
 
-/// A pair of large molecules is overlaid and scored as with the large lambda for every pair;
-/// a pair with a smaller molecule, or one overlaid with colour, as with one lambda for all.
-TEST(OverlayCdk2Test, OnlyPairsOfLargeMoleculesTakeTheLargeLambda) {
+/// A pair of large molecules is overlaid and scored as with the large lambda and the large
+/// pairs' search for every pair; a pair with a smaller molecule, or one overlaid with colour, as
+/// with one lambda for all.
+TEST(OverlayCdk2Test, OnlyPairsOfLargeMoleculesTakeTheLargeLambdaAndSearch) {
     const std::vector<QVMol>& ligands = hermite_test::Cdk2Ligands();
     const std::vector<hermite::overlay::ColourFeatures> features = Cdk2Features();
     Settings oneLambda;
     oneLambda.largeLambda = 0.0;
+    // A pair of large molecules is searched as every pair would be with the large lambda and
+    // the large pairs' rotations, searches and refined poses.
     Settings atLargeLambda = oneLambda;
     atLargeLambda.lambda = Settings().largeLambda;
+    atLargeLambda.scanRotations = Settings().largeScanRotations;
+    atLargeLambda.searchStarts = Settings().largeSearchStarts;
+    atLargeLambda.refineCandidates = Settings().largeRefineCandidates;
     bool lambdaMatters = false;
     for (std::size_t q = 0; q < 3; ++q) {
         for (std::size_t f = 10; f < 13; ++f) {
