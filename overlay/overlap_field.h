@@ -26,8 +26,8 @@ namespace hermite::overlay {
 /// exact optimum. Beyond the grid the field is 0.
 ///
 /// Evaluating it costs one lookup per moving Gaussian, whatever the number of fixed ones; the
-/// samples take 40 bytes a point (at 0.6 angstrom, under a megabyte for a drug-sized density
-/// and about 3 for one of 70 heavy atoms).
+/// samples take 40 bytes a point (at the overlay's 0.7 angstrom, under a megabyte for a
+/// drug-sized density and about 1.9 for one of 70 heavy atoms).
 ///
 /// Thread safety: immutable once made.
 class OverlapField {

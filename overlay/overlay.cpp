@@ -943,14 +943,9 @@ std::vector<QVGaussian> ChannelGaussians(const PreparedMolecule& molecule,
 }
 
 Query::Query(const QVMol& molecule, const Settings& settings, const ColourFeatures& features)
-    : settings_(settings),
-      prepared_(molecule, settings, features),
-
-      shape_(MakeSearchChannel(
-          SearchChannel::Density::Shape, 0, 1.0, prepared_.shape, settings.order, settings.lambda,
-          settings,
-          StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed))) {
-    const std::vector<RotationMatrix>& rotations = shape_.rotations;
+    : settings_(settings), prepared_(molecule, settings, features) {
+    const std::vector<RotationMatrix> rotations =
+        StartOrientations(settings.scanRotations, settings.extraStarts, settings.seed);
     for (const unsigned int type : TypesOf(prepared_.colour)) {
         channels_.push_back(MakeSearchChannel(SearchChannel::Density::Colour, type,
                                               settings.colourWeight, OfType(prepared_.colour, type),
@@ -972,17 +967,16 @@ bool Query::SearchedAsLarge(const PreparedMolecule& fit) const {
 }
 
 const SearchChannel& Query::ShapeChannelFor(const PreparedMolecule& fit) const {
-    if (!SearchedAsLarge(fit)) {
-        return shape_;
-    }
-    std::call_once(largeShape_->made, [&] {
-        largeShape_->channel.emplace(
-            MakeSearchChannel(SearchChannel::Density::Shape, 0, 1.0, prepared_.shape,
-                              settings_.order, settings_.largeLambda, settings_,
-                              StartOrientations(settings_.largeScanRotations, settings_.extraStarts,
-                                                settings_.seed)));
+    const bool large = SearchedAsLarge(fit);
+    LazyChannel& lazy = large ? *largeShape_ : *shape_;
+    std::call_once(lazy.made, [&] {
+        lazy.channel.emplace(MakeSearchChannel(
+            SearchChannel::Density::Shape, 0, 1.0, prepared_.shape, settings_.order,
+            large ? settings_.largeLambda : settings_.lambda, settings_,
+            StartOrientations(large ? settings_.largeScanRotations : settings_.scanRotations,
+                              settings_.extraStarts, settings_.seed)));
     });
-    return *largeShape_->channel;
+    return *lazy.channel;
 }
 
 Result Query::Overlay(const QVMol& molecule, const ColourFeatures& features) const {

@@ -1142,8 +1142,8 @@ are refined on the exact overlap of the atom Gaussians (on the query's sampled o
 both molecules have ``refine_field_atoms`` atoms or more).
 
 Each call prepares the query afresh: its scans and, from ``refine_field_atoms`` atoms, its overlap
-field. A call takes about 0.2 milliseconds for two drug-sized molecules and 0.5 for two of 70
-heavy atoms, of which about 0.1 is the overlay itself for the first and 0.3 the field for the
+field. A call takes about 0.15 milliseconds for two drug-sized molecules and 0.5 for two of 70
+heavy atoms, of which about 0.1 is the overlay itself for the first and 0.25 the field for the
 second. To overlay many molecules onto one query, ``screen`` prepares the query once.
 
 Args:
