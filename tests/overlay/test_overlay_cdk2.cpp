@@ -223,6 +223,41 @@ TEST(OverlayCdk2Test, OnlyPairsOfLargeMoleculesTakeTheLargeLambdaAndSearch) {
     EXPECT_TRUE(lambdaMatters);
 }
 
+// A query makes each lambda's search channel when a fit first needs it: whichever kind of
+// fit comes first, one query overlays both kinds as fresh queries do.
+TEST(OverlayCdk2Test, OneQueryServesLargeAndSmallFitsInEitherOrder) {
+    const std::vector<QVMol>& ligands = hermite_test::Cdk2Ligands();
+    // The median-sized of the first ligands is the query, and the large molecules are those at
+    // least its size: a larger fit and a smaller one.
+    std::vector<std::pair<std::size_t, std::size_t>> sized;  // (atoms, ligand)
+    for (std::size_t i = 0; i < 9; ++i) {
+        sized.emplace_back(Query(ligands[i], Settings()).Prepared().shape.size(), i);
+    }
+    std::sort(sized.begin(), sized.end());
+    ASSERT_LT(sized.front().first, sized[4].first);
+    ASSERT_LT(sized[4].first, sized.back().first);
+    Settings settings;
+    settings.largeLambdaAtoms = static_cast<unsigned int>(sized[4].first);
+    const QVMol& query = ligands[sized[4].second];
+    const QVMol* fits[2] = {&ligands[sized.back().second], &ligands[sized.front().second]};
+    double fresh[2];
+    for (int k = 0; k < 2; ++k) {
+        fresh[k] = Query(query, settings).Overlay(*fits[k]).scores.shapeTanimoto;
+    }
+    for (int first = 0; first < 2; ++first) {
+        const Query shared(query, settings);
+        const double a = shared.Overlay(*fits[first]).scores.shapeTanimoto;
+        const double b = shared.Overlay(*fits[1 - first]).scores.shapeTanimoto;
+        EXPECT_EQ(a, fresh[first]) << first;
+        EXPECT_EQ(b, fresh[1 - first]) << first;
+    }
+    // The large fit was searched at the large lambda: with one lambda it ends elsewhere.
+    Settings oneLambda = settings;
+    oneLambda.largeLambda = 0.0;
+    EXPECT_NE(Query(query, oneLambda).Overlay(*fits[0]).scores.hermiteTanimoto,
+              Query(query, settings).Overlay(*fits[0]).scores.hermiteTanimoto);
+}
+
 /// Scoring in place gives the exact scores of the input pose: a ligand against itself scores 1,
 /// and a pose found by the overlay scores what the overlay reported.
 TEST(OverlayCdk2Test, ScoreInPlaceMatchesTheOverlay) {
